@@ -1,0 +1,20 @@
+// The telemetry bridge and the collector's entry onto the bus.
+#ifndef WL_WHITELIST_MB_H
+#define WL_WHITELIST_MB_H
+
+// The collector's record: type at byte 264, size at 272, payload from 280.
+struct action_collector_msg;
+
+typedef void (*wl_rasp_callback)(const char* text);
+
+extern "C" {
+// 1 on success, 0 on failure.
+int whitelist_msgbus_init(void);
+void whitelist_msgbus_uninit(void);
+// 0 on success; the registration's result, or -1.
+int whitelist_init_rasp_handler(wl_rasp_callback callback, void* user);
+void transmit_rasp_data(const char* text);
+void transmit_action_data(const action_collector_msg* msg);
+}
+
+#endif
