@@ -1,0 +1,24 @@
+// The agent's install root: lib/ holds the module and the agent's libraries,
+// agent_plugins/ the bus and telemetry plug-ins, config/ and var/ the rest.
+// The module's "@" is <root>/lib.
+#ifndef WL_AGENT_INSTALL_ROOT_H
+#define WL_AGENT_INSTALL_ROOT_H
+
+#include <string>
+
+namespace wlagent {
+
+// The root this executable was built into: the parent of its bin/ directory.
+std::string defaultInstallRoot();
+
+// Creates the directories and the default configuration files that are
+// missing, and checks that the module is there. Returns an empty string on
+// success, else what is wrong.
+std::string layOutInstallRoot(const std::string& root);
+
+std::string modulePath(const std::string& root);
+std::string moduleDir(const std::string& root);
+
+}  // namespace wlagent
+
+#endif

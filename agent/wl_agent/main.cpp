@@ -1,0 +1,171 @@
+// wl-agent: runs the white-list module on this host.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "asset_lists.h"
+#include "cl_ev.h"
+#include "config_centre.h"
+#include "dirutils.h"
+#include "host_identity.h"
+#include "install_root.h"
+#include "orv_log.h"
+#include "report_spool.h"
+#include "runtime_symbols.h"
+
+namespace {
+
+volatile std::sig_atomic_t g_stop = 0;
+volatile std::sig_atomic_t g_flipSwitch = 0;
+
+struct Options {
+    std::string root;
+    int logLevel = 3;
+    bool printReports = false;
+    bool moduleOff = false;    // host switch (g_ms_conf)
+    bool centreOn = true;      // config centre's answer
+    int assetInterval = 60;
+    int runSeconds = 0;        // 0: until a signal
+};
+
+void usage() {
+    std::printf(
+        "usage: wl-agent [options]\n"
+        "  --root DIR          install root (default: the tree this program was built into)\n"
+        "  --log-level N       0..4, default 3 (module logs under <root>/var/log/agent)\n"
+        "  --print-reports     print each report to the manager in full\n"
+        "  --module-off        start with the host's module switch off for the white-list module\n"
+        "  --centre-off        the config centre answers switch_status 0 (timers off)\n"
+        "  --asset-interval S  seconds between asset scans (default 60)\n"
+        "  --run-seconds N     stop after N seconds (default: run until SIGINT/SIGTERM)\n"
+        "Signals: SIGUSR1 flips the config centre's switch and notifies the module.\n");
+}
+
+bool parse(int argc, char** argv, Options& o) {
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto next = [&](const char* what) -> const char* {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "wl-agent: %s needs a value\n", what);
+                return nullptr;
+            }
+            return argv[++i];
+        };
+        if (a == "--root") {
+            const char* v = next("--root");
+            if (!v) return false;
+            o.root = v;
+        } else if (a == "--log-level") {
+            const char* v = next("--log-level");
+            if (!v) return false;
+            o.logLevel = std::atoi(v);
+        } else if (a == "--asset-interval") {
+            const char* v = next("--asset-interval");
+            if (!v) return false;
+            o.assetInterval = std::max(1, std::atoi(v));
+        } else if (a == "--run-seconds") {
+            const char* v = next("--run-seconds");
+            if (!v) return false;
+            o.runSeconds = std::atoi(v);
+        } else if (a == "--print-reports") {
+            o.printReports = true;
+        } else if (a == "--module-off") {
+            o.moduleOff = true;
+        } else if (a == "--centre-off") {
+            o.centreOn = false;
+        } else if (a == "-h" || a == "--help") {
+            usage();
+            std::exit(0);
+        } else {
+            std::fprintf(stderr, "wl-agent: unknown option %s\n", a.c_str());
+            usage();
+            return false;
+        }
+    }
+    return true;
+}
+
+void onStop(int) { g_stop = 1; }
+void onFlip(int) { g_flipSwitch = 1; }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options opt;
+    if (!parse(argc, argv, opt)) return 2;
+    if (opt.root.empty()) opt.root = wlagent::defaultInstallRoot();
+
+    std::string problem = wlagent::layOutInstallRoot(opt.root);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "wl-agent: %s\n", problem.c_str());
+        return 1;
+    }
+    dirutils_set_install_dir(wlagent::moduleDir(opt.root).c_str());
+    error_output_set_level(opt.logLevel);
+    std::printf("wl-agent: install root %s\n", opt.root.c_str());
+
+    wlagent::HostIdentity identity = wlagent::readHostIdentity();
+    wlagent::ReportSpool spool(opt.root, opt.printReports);
+    wlagent::bindRuntimeSymbols(&spool, &identity);
+    wlagent::setModuleSwitch(opt.moduleOff, !opt.moduleOff);
+
+    // The config centre's callbacks arrive on this thread through its loop.
+    cl_ev_current_loop();
+    wlagent::ConfigCentre centre(opt.centreOn);
+    problem = centre.start();
+    if (!problem.empty()) std::fprintf(stderr, "wl-agent: %s; the module keeps its timers as started\n", problem.c_str());
+
+    int ports = wlagent::collectAndPublishAssets();
+    std::printf("wl-agent: asset lists published (%d listening ports)\n", ports);
+
+    std::string module = wlagent::modulePath(opt.root);
+    void* handle = dlopen(module.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    if (!handle) {
+        std::fprintf(stderr, "wl-agent: cannot load %s: %s\n", module.c_str(), dlerror());
+        return 1;
+    }
+    using InitFn = unsigned int (*)();
+    auto init = reinterpret_cast<InitFn>(dlsym(handle, "orv_whitelist_init"));
+    if (!init) {
+        std::fprintf(stderr, "wl-agent: %s has no orv_whitelist_init\n", module.c_str());
+        return 1;
+    }
+    std::signal(SIGINT, onStop);
+    std::signal(SIGTERM, onStop);
+    std::signal(SIGUSR1, onFlip);
+    std::printf("wl-agent: module loaded, starting it (logs: %s/var/log/agent/white_list)\n", opt.root.c_str());
+    std::fflush(stdout);
+    init();
+
+    std::time_t started = std::time(nullptr);
+    std::time_t lastScan = started;
+    while (!g_stop) {
+        cl_ev_loop_nowait(1);
+        cl_event_loop_once();
+        if (g_flipSwitch) {
+            g_flipSwitch = 0;
+            centre.setSwitch(!centre.isOn());
+            std::printf("wl-agent: config centre switch now %s\n", centre.isOn() ? "on" : "off");
+            std::fflush(stdout);
+        }
+        std::time_t now = std::time(nullptr);
+        if (now - lastScan >= opt.assetInterval) {
+            wlagent::collectAndPublishAssets();
+            lastScan = now;
+        }
+        if (opt.runSeconds > 0 && now - started >= opt.runSeconds) break;
+        usleep(200000);
+    }
+    std::printf("wl-agent: stopping\n");
+    std::fflush(stdout);
+    // The module has no stop: leave the process without unloading it.
+    std::_Exit(0);
+}
