@@ -21,9 +21,12 @@ void error_output(int level, const char* source, int line, const char* fmt, ...)
  * fed by the pid, tag, source and line arguments that follow it. */
 void orv_log_output(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
-/* Opens "<dir>/<process name>.log" with size-based rotation; flags are kept
- * for the agent's contract and unused. Returns 0 on success. */
+/* Creates dir and binds the calling thread's output to
+ * "<dir>/<last component of dir>.log", with size-based rotation. Threads
+ * without a binding write to the first file ever opened this way. flags are
+ * kept for the agent's contract and unused. Returns 0 on success. */
 int autolog_init(const char* dir, int flags);
+/* Releases the calling thread's binding; a file closes with its last user. */
 void autolog_deinit(void);
 
 /* Threshold 0..4: messages above it are dropped. The initial value comes
