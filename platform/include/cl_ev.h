@@ -28,10 +28,19 @@ cl_ev_loop_t cl_ev_current_loop(void);
 /* Queues fn(arg) to run on the loop's thread at its next pump. Any thread.
  * 0 on success. */
 int cl_ev_post(cl_ev_loop_t loop, cl_task_fn fn, void* arg);
+/* As cl_ev_post, for an arg that the task owns: when the task will never run
+ * (the loop is gone now, or goes before its next pump) discard(arg) is
+ * called instead, on the thread that finds out. -1 when it was discarded at
+ * once. */
+int cl_ev_post_owned(cl_ev_loop_t loop, cl_task_fn fn, cl_task_fn discard, void* arg);
 
 /* A repeating timer on the calling thread's loop; first firing one period
- * from now. loop and flags: unused (0). Null on failure. */
+ * from now. A pump that finds it late fires it once and schedules the next
+ * firing one period later, so a jump of the clock causes no burst.
+ * loop and flags: unused (0). Null on failure (no callback, period 0). */
 cl_timer_t cl_timerplus_start(void* loop, int flags, unsigned int period_ms, cl_timer_fn callback, void* reserved);
+/* Any thread, also from inside a timer callback. 0, or -1 for a handle that
+ * isn't running. */
 int cl_timerplus_close(cl_timer_t timer);
 
 /* The clock the loops read, in milliseconds. Tests replace it to make time
