@@ -1,0 +1,8 @@
+#define WL_LOG_SOURCE "base"
+#include "base.h"
+#include "base_support.h"
+
+void BaseEngine::TimeCount() {
+    engine_time_count(m_baseEngine, &m_engineLock, m_isRunning, m_modelSavePath, WL_REPORT_MODEL,
+                      WL_REPORT_LEARN_STATUS);
+}
