@@ -43,10 +43,25 @@ extern orv_event_t g_vr_event;
 // it already runs.
 unsigned int orv_whitelist_init(void);
 
+// Start-up and the main loop, then nothing: the thread lives as long as the
+// process unless start-up fails.
 void* work_thread_func(void* arg);
 void check_asset_ready(WhitelistContext* context);
 // Up to 20 tries of vrccl_action_init, 3 seconds apart. 0 or -1.
 int whitelist_init_vrccl(void);
+
+// The work thread in steps, so that each can run on its own: start-up up to
+// the main loop (0), or -1 after a fatal step and the tear-down; one pass of
+// the main loop; the tear-down of a failed start-up.
+int whitelist_startup(WhitelistContext* context);
+void whitelist_main_loop_pass(WhitelistContext* context);
+void whitelist_teardown(WhitelistContext* context);
+
+void initialize_log(void);
+// Registers "wl_dbg", the task channel "WL_HDL" and the config-centre
+// endpoint and address. 0, or -1 with the failure logged.
+int init_ipc_handle(WhitelistContext* context);
+void uninitialize_ipc_handler(WhitelistContext* context);
 }
 
 #endif

@@ -1,0 +1,19 @@
+// Owning handles for cJSON trees and printed texts of the host functions.
+#ifndef WL_HOST_JSON_H
+#define WL_HOST_JSON_H
+
+#include <cjson/cJSON.h>
+
+#include <memory>
+
+struct JsonTreeDeleter {
+    void operator()(cJSON* tree) const { cJSON_Delete(tree); }
+};
+using JsonTree = std::unique_ptr<cJSON, JsonTreeDeleter>;
+
+struct JsonTextDeleter {
+    void operator()(char* text) const { cJSON_free(text); }
+};
+using JsonText = std::unique_ptr<char, JsonTextDeleter>;
+
+#endif
