@@ -1,0 +1,33 @@
+# libbaseeng: the open behaviour-model library behind BaseFactory and
+# RaspFactory. Only the two factory functions are exported (baseeng.map).
+add_library(baseeng SHARED
+  src/wide_text.cpp
+  src/engine_settings.cpp
+  src/behaviour_model.cpp
+  src/model_book.cpp
+  src/model_files.cpp
+  src/origin_log_file.cpp
+  src/engine_common.cpp
+  src/base_event_view.cpp
+  src/rasp_event_view.cpp
+  src/base_model_engine.cpp
+  src/rasp_model_engine.cpp
+  src/factories.cpp)
+target_include_directories(baseeng
+  PUBLIC ${CMAKE_SOURCE_DIR}/module/libbase
+  PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/platform/include)
+target_link_libraries(baseeng PRIVATE wl_rapidjson Threads::Threads)
+if(TARGET kembase)
+  target_link_libraries(baseeng PRIVATE kembase)
+  target_compile_definitions(baseeng PRIVATE WL_ENGINE_HAS_LOG=1)
+endif()
+target_link_options(baseeng PRIVATE -Wl,--version-script=${CMAKE_CURRENT_SOURCE_DIR}/baseeng.map)
+# Sanitizer runtimes resolve in the executable, so only plain builds can
+# insist that the library names everything it uses.
+if(WL_FLAVOUR STREQUAL "i386" OR WL_FLAVOUR STREQUAL "native")
+  target_link_options(baseeng PRIVATE -Wl,--no-undefined)
+endif()
+set_target_properties(baseeng PROPERTIES
+  OUTPUT_NAME baseeng
+  LIBRARY_OUTPUT_DIRECTORY ${WL_STAGE_DIR}/lib
+  LINK_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/baseeng.map)

@@ -1,0 +1,207 @@
+#include "base_event_view.h"
+
+#include "json_text.h"
+#include "wide_text.h"
+
+namespace baseeng {
+
+namespace {
+
+enum {
+    kProcessCreation = 1,
+    kFileFirst = 6,
+    kFileDeletion = 8,
+    kFileRenaming = 9,
+    kFileLast = 10,
+    kConnection = 15,
+    kDnsQuery = 16,
+    kListening = 17,
+};
+
+bool isFileEvent(unsigned type) {
+    return type >= kFileFirst && type <= kFileLast;
+}
+
+// A literal IPv6 address is kept in brackets in alarms, so that the feedback
+// conversion, which cuts a port after the last colon, gives it back whole.
+std::string bareHost(const std::string& host) {
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+        return host.substr(1, host.size() - 2);
+    }
+    return host;
+}
+
+void putWide(JsonWriter& writer, const char* key, const wchar_t* field, std::size_t capacity) {
+    putString(writer, key, narrowText(field, capacity));
+}
+
+template <std::size_t N>
+void putWide(JsonWriter& writer, const char* key, const wchar_t (&field)[N]) {
+    putWide(writer, key, field, N);
+}
+
+void putProcess(JsonWriter& writer, const _BASE_PROCESSES_INFO& process) {
+    putUint(writer, "process_id", process.process_id);
+    putWide(writer, "process_guid", process.process_guid);
+    putWide(writer, "process_path", process.process_path);
+    putWide(writer, "process_md5", process.process_md5);
+    putWide(writer, "process_sha256", process.process_sha256);
+    putWide(writer, "process_cmd_line", process.process_cmd_line);
+    putWide(writer, "process_user_name", process.process_user_name);
+}
+
+void putParent(JsonWriter& writer, const _BASE_PROCESSES_INFO& parent) {
+    putUint(writer, "parent_pid", parent.process_id);
+    putWide(writer, "parent_ppath", parent.process_path);
+    putWide(writer, "parent_pmd5", parent.process_md5);
+    putWide(writer, "parent_psha256", parent.process_sha256);
+    putWide(writer, "parent_pcmd_line", parent.process_cmd_line);
+}
+
+void putFile(JsonWriter& writer, const _BASE_FILES_INFO& file, unsigned type) {
+    putWide(writer, "file_name", file.file_name);
+    putWide(writer, "file_user_name", file.file_user_name);
+    putWide(writer, "file_group_name", file.file_group_name);
+    putWide(writer, "file_permissions", file.file_permissions);
+    if (type == kFileRenaming) {
+        putWide(writer, "file_md5", file.file_md5);
+        putWide(writer, "prev_file_name", file.prev_file_name);
+    }
+}
+
+void putHead(JsonWriter& writer, const _BASE_EVENTINFO& event) {
+    const char* name = baseEventName(event.event_type);
+    putString(writer, "event_id", name != nullptr ? name : std::to_string(event.event_type));
+    putString(writer, "model_name", narrowText(event.model_name));
+    putUint(writer, "event_time", event.event_time);
+}
+
+}  // namespace
+
+const char* baseEventName(unsigned eventType) {
+    switch (eventType) {
+    case kProcessCreation: return "PROCESS_CREATION";
+    case 6: return "FILE_CREATION";
+    case 7: return "FILE_MODIFICATION";
+    case 8: return "FILE_DELETION";
+    case 9: return "FILE_RENAMING";
+    case 10: return "FILE_TIME_MODIFICATION";
+    case kConnection: return "NETWORK_CONNECTION";
+    case kDnsQuery: return "DNS_QUERY";
+    case kListening: return "HOST_PORT_LISTENING";
+    default: return nullptr;
+    }
+}
+
+unsigned long long actingProcessId(const _BASE_EVENTINFO& event) {
+    return event.process_info.process_id;
+}
+
+std::string actingProcessPath(const _BASE_EVENTINFO& event) {
+    return narrowText(event.process_info.process_path);
+}
+
+std::string baseFeature(const _BASE_EVENTINFO& event) {
+    const auto& detail = event.detail;
+    unsigned type = event.event_type;
+    if (type == kProcessCreation) {
+        return "process:" + narrowText(detail.process.process_path);
+    }
+    if (isFileEvent(type)) {
+        return "file:" + narrowText(detail.file.file_name);
+    }
+    switch (type) {
+    case kConnection:
+        return "connect:" + bareHost(narrowText(detail.connect.dst_ip)) + "|" +
+               std::to_string(detail.connect.dst_port) + "|" + narrowText(detail.connect.protocol);
+    case kDnsQuery:
+        return "dns:" + narrowText(detail.dns.query_name);
+    case kListening:
+        return "listen:" + std::to_string(detail.listen.port) + "|" + narrowText(detail.listen.protocol);
+    default:
+        return std::string();
+    }
+}
+
+std::string baseAlarmJson(const _BASE_EVENTINFO& event) {
+    rapidjson::StringBuffer buffer;
+    JsonWriter writer(buffer);
+    const auto& detail = event.detail;
+    unsigned type = event.event_type;
+    writer.StartObject();
+    putHead(writer, event);
+    putUint(writer, "alarm_source", 1);
+    if (type == kProcessCreation) {
+        putProcess(writer, detail.process);
+        putParent(writer, event.process_info);
+    } else {
+        putProcess(writer, event.process_info);
+    }
+    if (isFileEvent(type)) {
+        putFile(writer, detail.file, type);
+    } else if (type == kConnection) {
+        std::string host = narrowText(detail.connect.dst_ip);
+        if (host.find(':') != std::string::npos && host.front() != '[') {
+            host = "[" + host + "]:" + std::to_string(detail.connect.dst_port);
+        }
+        putUint(writer, "dst_port", detail.connect.dst_port);
+        putUint(writer, "src_port", detail.connect.src_port);
+        putString(writer, "dst_ip", host);
+        putWide(writer, "src_ip", detail.connect.src_ip);
+        putWide(writer, "protocol", detail.connect.protocol);
+    } else if (type == kDnsQuery) {
+        putUint(writer, "query_status", detail.dns.query_status);
+        putWide(writer, "query_name", detail.dns.query_name);
+        putWide(writer, "query_results", detail.dns.query_result);
+    } else if (type == kListening) {
+        putUint(writer, "port", detail.listen.port);
+        putWide(writer, "address", detail.listen.address);
+        putWide(writer, "protocol", detail.listen.protocol);
+    }
+    writer.EndObject();
+    return textOf(buffer);
+}
+
+std::string baseOriginElement(const _BASE_EVENTINFO& event) {
+    rapidjson::StringBuffer buffer;
+    JsonWriter writer(buffer);
+    const auto& detail = event.detail;
+    unsigned type = event.event_type;
+    writer.StartObject();
+    putHead(writer, event);
+    if (type == kProcessCreation) {
+        putProcess(writer, detail.process);
+        putParent(writer, event.process_info);
+    } else {
+        putProcess(writer, event.process_info);
+    }
+    if (isFileEvent(type)) {
+        putFile(writer, detail.file, type);
+    } else if (type == kConnection) {
+        putUint(writer, "dst_port", detail.connect.dst_port);
+        putUint(writer, "src_port", detail.connect.src_port);
+        putWide(writer, "dst_ip", detail.connect.dst_ip);
+        putWide(writer, "src_ip", detail.connect.src_ip);
+        putWide(writer, "protocol", detail.connect.protocol);
+    } else if (type == kDnsQuery) {
+        putUint(writer, "query_status", detail.dns.query_status);
+        putWide(writer, "query_name", detail.dns.query_name);
+        putWide(writer, "query_result", detail.dns.query_result);
+    } else if (type == kListening) {
+        // The origin-log reader takes a listening port from the connection keys.
+        putUint(writer, "dst_port", detail.listen.port);
+        putWide(writer, "dst_ip", detail.listen.address);
+        putWide(writer, "protocol", detail.listen.protocol);
+    }
+    writer.EndObject();
+
+    rapidjson::StringBuffer element;
+    JsonWriter outer(element);
+    outer.StartObject();
+    outer.Key("message");
+    outer.String(buffer.GetString(), static_cast<rapidjson::SizeType>(buffer.GetSize()));
+    outer.EndObject();
+    return textOf(element);
+}
+
+}  // namespace baseeng

@@ -1,0 +1,66 @@
+// All models of one library object, behind one mutex: the module calls
+// initModel and interactModel without its own lock, beside everything else.
+#ifndef BASEENG_MODEL_BOOK_H
+#define BASEENG_MODEL_BOOK_H
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "behaviour_model.h"
+#include "engine_settings.h"
+#include "model_records.h"
+
+namespace baseeng {
+
+// What the book knows about one event.
+struct Sighting {
+    bool matched = false;  // some model owns the acting process
+    std::string modelName;
+    bool active = false;    // switched on and its application running
+    bool learning = false;
+    bool known = false;     // the feature is in the model (possibly just learned)
+};
+
+// Result codes of interact(): the module's contract.
+enum { BOOK_OK = 0, BOOK_FAILED = -1, BOOK_NO_SUCH_MODEL_TO_DELETE = -2 };
+
+class ModelBook {
+public:
+    void configure(const EngineSettings& settings);
+    EngineSettings settings() const;
+
+    bool init(const _USR_INPUT& input);
+    int interact(const _USR_INPUT& input);
+
+    // The model owning pid, or else the one whose executable is actorPath.
+    // While it learns, the feature is added. An empty feature is never known.
+    Sighting observe(unsigned long long pid, const std::string& actorPath, const std::string& feature);
+    // Makes the feature white in the named model: 0, or -1 when the model or
+    // the feature is missing or the model is full.
+    int feedback(const std::string& modelName, const std::string& feature);
+
+    void elapse(unsigned seconds);
+
+    std::string status(const std::string& name) const;
+    std::string data(const std::string& name) const;
+    // Round robin over the models whose data changed since last named.
+    std::string nextChanged();
+
+    int save(const std::string& dir) const;
+    int load(const std::string& dir);
+
+private:
+    BehaviourModel* findOwner(unsigned long long pid, const std::string& actorPath);
+
+    mutable std::mutex m_mutex;
+    EngineSettings m_settings;
+    std::map<std::string, BehaviourModel> m_models;
+    std::string m_changedCursor;
+};
+
+}  // namespace baseeng
+
+#endif

@@ -1,0 +1,181 @@
+#include "rasp_event_view.h"
+
+#include <cstdlib>
+
+#include <rapidjson/document.h>
+
+#include "json_text.h"
+
+namespace baseeng {
+
+namespace {
+
+enum { kDns = 0, kAddress = 1, kExecute = 2, kWrite = 3, kDelete = 5, kSqlFirst = 6, kSqlLast = 10 };
+
+const char* const kActionNames[] = {"dns",  "address", "execute", "write",   "read",     "delete",
+                                    "hsql", "mysql",   "oracle",  "postgre", "sqlserver"};
+
+const char* eventClass(unsigned actionType) {
+    if (actionType <= kAddress) {
+        return "network";
+    }
+    if (actionType == kExecute) {
+        return "process";
+    }
+    return actionType <= kDelete ? "file" : "sql";
+}
+
+const std::string& firstFilled(const std::string& preferred, const std::string& fallback) {
+    return preferred.empty() ? fallback : preferred;
+}
+
+// A port as the feedback conversion reads it: digits after the last colon,
+// 0 meaning none.
+unsigned long portNumber(const std::string& text) {
+    std::size_t colon = text.rfind(':');
+    std::string digits = colon == std::string::npos ? text : text.substr(colon + 1);
+    return std::strtoul(digits.c_str(), nullptr, 10) & 0xfffffffful;
+}
+
+std::string portText(const std::string& text) {
+    unsigned long number = portNumber(text);
+    return number == 0 ? std::string() : std::to_string(number);
+}
+
+const std::string& addressHost(const _RASP_EVENTINFO& event) {
+    return firstFilled(event.hostName, event.dst_ip);
+}
+
+// The action's subject: what the model learns for it.
+std::string subjectOf(const _RASP_EVENTINFO& event) {
+    unsigned type = event.action_type;
+    if (type == kDns) {
+        return firstFilled(event.dns_name, event.action_data);
+    }
+    if (type == kAddress) {
+        return addressHost(event) + "|" + portText(event.port);
+    }
+    if (type == kExecute) {
+        return firstFilled(event.action_data, event.appCmd);
+    }
+    if (type <= kDelete) {
+        return firstFilled(event.file_path, event.action_data);
+    }
+    return firstFilled(event.sql_text, event.action_data);
+}
+
+// Headers and parameters are JSON texts; they go back in as JSON when they parse.
+void putJsonText(JsonWriter& writer, const char* key, const std::string& text) {
+    if (text.empty()) {
+        return;
+    }
+    writer.Key(key);
+    rapidjson::Document probe;
+    probe.Parse(text.c_str(), text.size());
+    if (probe.HasParseError()) {
+        writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    } else {
+        writer.RawValue(text.data(), text.size(), probe.GetType());
+    }
+}
+
+}  // namespace
+
+const char* raspActionName(unsigned actionType) {
+    return actionType <= kSqlLast ? kActionNames[actionType] : nullptr;
+}
+
+std::string raspFeature(const _RASP_EVENTINFO& event) {
+    const char* action = raspActionName(event.action_type);
+    if (action == nullptr) {
+        return std::string();
+    }
+    std::string key(action);
+    key.push_back(':');
+    key += subjectOf(event);
+    return key;
+}
+
+std::string raspAlarmJson(const _RASP_EVENTINFO& event) {
+    rapidjson::StringBuffer buffer;
+    JsonWriter writer(buffer);
+    unsigned type = event.action_type;
+    const char* action = raspActionName(type);
+    writer.StartObject();
+    putString(writer, "model_name", event.model_name);
+    putString(writer, "action", action != nullptr ? action : event.action);
+    putUint(writer, "alarm_source", 0);
+    putString(writer, "type", firstFilled(event.type, action != nullptr ? eventClass(type) : ""));
+    putString(writer, "url", event.url);
+    putString(writer, "method", event.method);
+    putUint(writer, "pid", event.pid);
+    putUint(writer, "time", event.time);
+    if (action != nullptr) {
+        std::string subject = subjectOf(event);
+        if (type == kDns) {
+            putString(writer, "query_name", subject);
+        } else if (type == kAddress) {
+            putString(writer, "hostName", event.hostName);
+            putUint(writer, "dst_port", portNumber(event.port));
+            putString(writer, "dst_ip", event.dst_ip);
+        } else if (type == kExecute) {
+            putString(writer, "process_cmd_line", subject);
+        } else if (type < kSqlFirst) {
+            putString(writer, "file_name", subject);
+        } else {
+            putString(writer, "sql_command", subject);
+        }
+    }
+    writer.EndObject();
+    return textOf(buffer);
+}
+
+std::string raspOriginElement(const _RASP_EVENTINFO& event) {
+    rapidjson::StringBuffer buffer;
+    JsonWriter writer(buffer);
+    unsigned type = event.action_type;
+    const char* action = raspActionName(type);
+    writer.StartObject();
+    putUint(writer, "pid", event.pid);
+    putUint(writer, "time", event.time);
+    putString(writer, "model_name", event.model_name);
+    writer.Key("data");
+    writer.StartObject();
+    putString(writer, "url", event.url);
+    putString(writer, "body", event.body);
+    putString(writer, "method", event.method);
+    putString(writer, "appCmd", event.appCmd);
+    putJsonText(writer, "headers", event.headers);
+    putJsonText(writer, "param", event.param);
+    if (type == kAddress) {
+        putString(writer, "ip", event.ip);
+        putUint(writer, "srcPort", event.srcPort);
+    }
+    writer.Key("data");
+    writer.StartObject();
+    putString(writer, "type", event.type);
+    putString(writer, "action", action != nullptr ? action : event.action);
+    if (type == kAddress) {
+        writer.Key("data");
+        writer.StartObject();
+        putString(writer, "hostName", event.hostName);
+        putString(writer, "url", event.dst_ip);
+        putString(writer, "port", event.port);
+        writer.EndObject();
+    } else if (action != nullptr) {
+        putString(writer, "data", subjectOf(event));
+    }
+    writer.EndObject();
+    writer.EndObject();
+    writer.EndObject();
+
+    rapidjson::StringBuffer element;
+    JsonWriter outer(element);
+    outer.StartObject();
+    outer.Key("message");
+    outer.String(buffer.GetString(), static_cast<rapidjson::SizeType>(buffer.GetSize()));
+    outer.EndObject();
+    return textOf(element);
+}
+
+}  // namespace baseeng

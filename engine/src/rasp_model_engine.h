@@ -1,0 +1,19 @@
+// RaspInterface over a ModelBook: runtime-application events.
+#ifndef BASEENG_RASP_MODEL_ENGINE_H
+#define BASEENG_RASP_MODEL_ENGINE_H
+
+#include "engine_common.h"
+
+namespace baseeng {
+
+class RaspModelEngine : public EngineCommon<RaspInterface> {
+public:
+    int processEvent(_RASP_EVENTINFO& event) override;
+    std::string getBlackLog(_RASP_EVENTINFO& event, int flag) override;
+    int saveOriginLog(_RASP_EVENTINFO& event, const char* logDir) override;
+    int feedbackAlarm(_RASP_EVENTINFO& event) override;
+};
+
+}  // namespace baseeng
+
+#endif

@@ -1,0 +1,28 @@
+// Text of the event records: one 32-bit element per byte, sign-extended.
+#ifndef BASEENG_WIDE_TEXT_H
+#define BASEENG_WIDE_TEXT_H
+
+#include <cstddef>
+#include <string>
+
+namespace baseeng {
+
+// Low 8 bits of each element up to the terminator, never past capacity.
+std::string narrowText(const wchar_t* field, std::size_t capacity);
+
+// Stores at most capacity - 1 bytes and always terminates.
+void writeWide(wchar_t* field, std::size_t capacity, const std::string& text);
+
+template <std::size_t N>
+std::string narrowText(const wchar_t (&field)[N]) {
+    return narrowText(field, N);
+}
+
+template <std::size_t N>
+void writeWide(wchar_t (&field)[N], const std::string& text) {
+    writeWide(field, N, text);
+}
+
+}  // namespace baseeng
+
+#endif
