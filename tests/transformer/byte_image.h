@@ -1,0 +1,72 @@
+// Hand-placed bytes: the expected records and the native inputs of the
+// conversion tests are written at literal offsets, independent of the structs.
+#ifndef WL_TEST_BYTE_IMAGE_H
+#define WL_TEST_BYTE_IMAGE_H
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "event_info.h"
+
+class ByteImage {
+public:
+    explicit ByteImage(std::size_t size) : m_bytes(size, 0) {}
+
+    unsigned char* data() { return m_bytes.data(); }
+    const unsigned char* data() const { return m_bytes.data(); }
+    std::size_t size() const { return m_bytes.size(); }
+
+    template <typename T>
+    T& as() {
+        return *reinterpret_cast<T*>(m_bytes.data());
+    }
+
+    void putU16(std::size_t offset, uint16_t value) { put(offset, &value, sizeof(value)); }
+    void putU32(std::size_t offset, uint32_t value) { put(offset, &value, sizeof(value)); }
+    void putI32(std::size_t offset, int32_t value) { put(offset, &value, sizeof(value)); }
+    void putU64(std::size_t offset, uint64_t value) { put(offset, &value, sizeof(value)); }
+    // Narrow text with its zero byte.
+    void putNarrow(std::size_t offset, const std::string& text) { put(offset, text.c_str(), text.size() + 1); }
+    // Narrow text without a terminator (fills a field to its end).
+    void putRaw(std::size_t offset, const std::string& bytes) { put(offset, bytes.data(), bytes.size()); }
+    // The wide elements of a stored text: each byte sign-extended. The
+    // terminator is the zero already there.
+    void putWideChars(std::size_t offset, const std::string& text) {
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const int32_t element = static_cast<signed char>(text[i]);
+            put(offset + 4 * i, &element, sizeof(element));
+        }
+    }
+
+private:
+    void put(std::size_t offset, const void* bytes, std::size_t count) {
+        if (offset + count > m_bytes.size()) throw std::out_of_range("ByteImage: write past the end");
+        std::memcpy(m_bytes.data() + offset, bytes, count);
+    }
+    std::vector<unsigned char> m_bytes;
+};
+
+constexpr std::size_t kRecordSize = 66732;
+
+// A zeroed _BASE_EVENTINFO on the heap (too large for comfort on a stack).
+inline std::unique_ptr<_BASE_EVENTINFO> clearedRecord() { return std::make_unique<_BASE_EVENTINFO>(); }
+
+// "" when equal, else the first differing offset with both bytes.
+inline std::string firstDifference(const void* actual, const void* expected, std::size_t size) {
+    const auto* a = static_cast<const unsigned char*>(actual);
+    const auto* e = static_cast<const unsigned char*>(expected);
+    if (std::memcmp(a, e, size) == 0) return "";
+    for (std::size_t i = 0; i < size; ++i) {
+        if (a[i] != e[i]) {
+            return "first difference at offset " + std::to_string(i) + ": actual " + std::to_string(a[i]) +
+                   ", expected " + std::to_string(e[i]);
+        }
+    }
+    return "";
+}
+
+#endif
