@@ -1,22 +1,10 @@
 #include "loop_registry.h"
 
 #include <memory>
-#include <new>
+#include "immortal.h"
 #include <vector>
 
 namespace clev {
-
-// Detached threads may outlive static destruction at exit, so the registry
-// is never destroyed.
-template <class T>
-class Immortal {
-public:
-    Immortal() { new (m_storage) T(); }
-    T& get() { return *std::launder(reinterpret_cast<T*>(m_storage)); }
-
-private:
-    alignas(T) unsigned char m_storage[sizeof(T)];
-};
 
 namespace {
 
@@ -33,7 +21,7 @@ thread_local ThreadLoop t_loop;
 }  // namespace
 
 LoopRegistry& LoopRegistry::instance() {
-    static Immortal<LoopRegistry> registry;
+    static wlsock::Immortal<LoopRegistry> registry;
     return registry.get();
 }
 

@@ -11,6 +11,11 @@
 
 #include "event_loop.h"
 
+namespace wlsock {
+template <class T>
+class Immortal;
+}
+
 namespace clev {
 
 class LoopRegistry {
@@ -35,8 +40,7 @@ private:
     std::unordered_map<std::uintptr_t, EventLoop*> m_timerOwner;
     std::uintptr_t m_nextTimerId = 1;
 
-    template <class T>
-    friend class Immortal;
+    friend class wlsock::Immortal<LoopRegistry>;
 };
 
 }  // namespace clev

@@ -11,10 +11,15 @@ struct cJSON;
 
 enum { ASSET_KIND_PROCESS = 3, ASSET_KIND_OPEN_PORT = 5, ASSET_KIND_APP = 7, ASSET_KIND_APP_EXTRA = 9 };
 
+/* A kind comes from asset_publish_v2 or, when nothing is published for it,
+ * from the file "@/../var/asset/<kind>.json" (its age is the file's).
+ * All functions are thread-safe. */
+
 /* Non-zero when that kind has been collected. flags: unused. */
 int get_asset_info_state_v2(int kind, int flags);
-/* 0 and a tree owned by the caller when the kind is available and younger
- * than max_age seconds; non-zero otherwise. flags: unused. */
+/* 0 and a tree owned by the caller when the kind is available and no older
+ * than max_age seconds (no limit when max_age isn't above 0); non-zero
+ * otherwise. flags: unused. */
 int get_asset_result_v2(int kind, int max_age, struct cJSON** result, int flags);
 
 /* Publishes a kind's list (a JSON text with a "list" array); it is then

@@ -1,6 +1,6 @@
 #include "handler_registry.h"
 
-#include <new>
+#include "immortal.h"
 #include <vector>
 
 #include "orv_log.h"
@@ -8,19 +8,8 @@
 
 namespace taskpush {
 
-// Threads of the agent may still pump at exit, so the registry stays.
-template <class T>
-class Immortal {
-public:
-    Immortal() { new (m_storage) T(); }
-    T& get() { return *std::launder(reinterpret_cast<T*>(m_storage)); }
-
-private:
-    alignas(T) unsigned char m_storage[sizeof(T)];
-};
-
 HandlerRegistry& HandlerRegistry::instance() {
-    static Immortal<HandlerRegistry> registry;
+    static wlsock::Immortal<HandlerRegistry> registry;
     return registry.get();
 }
 

@@ -12,6 +12,11 @@
 #include "task.h"
 #include "task_push.h"
 
+namespace wlsock {
+template <class T>
+class Immortal;
+}
+
 namespace taskpush {
 
 class TaskSocketServer;
@@ -46,8 +51,7 @@ private:
     std::mutex m_lifecycle;  // add/remove as a whole, with the server's start and stop
     std::unique_ptr<TaskSocketServer> m_server;
 
-    template <class T>
-    friend class Immortal;
+    friend class wlsock::Immortal<HandlerRegistry>;
 };
 
 }  // namespace taskpush

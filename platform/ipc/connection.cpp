@@ -1,0 +1,43 @@
+#include "connection.h"
+
+#include "immortal.h"
+
+namespace kemipc {
+
+namespace {
+constexpr int kSendTimeoutMs = 5000;
+}
+
+int Connection::send(std::uint32_t cmd, std::uint32_t request_id, const void* data, std::uint32_t size) {
+    std::string frame = encode_frame(cmd, request_id, data, size);
+    std::lock_guard<std::mutex> lock(m_writeLock);
+    auto result = wlsock::write_all(m_fd.get(), frame.data(), frame.size(), -1, wlsock::deadline_in(kSendTimeoutMs));
+    return result == wlsock::IoResult::Ok ? 0 : -1;
+}
+
+ConnectionTable& ConnectionTable::instance() {
+    static wlsock::Immortal<ConnectionTable> table;
+    return table.get();
+}
+
+std::shared_ptr<Connection> ConnectionTable::open(wlsock::UniqueFd fd) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    unsigned long id = m_nextId++;
+    if (m_nextId == 0) m_nextId = 1;
+    auto connection = std::make_shared<Connection>(std::move(fd), id);
+    m_connections[id] = connection;
+    return connection;
+}
+
+void ConnectionTable::close(unsigned long id) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_connections.erase(id);
+}
+
+std::shared_ptr<Connection> ConnectionTable::find(unsigned long id) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    auto it = m_connections.find(id);
+    return it == m_connections.end() ? nullptr : it->second.lock();
+}
+
+}  // namespace kemipc
