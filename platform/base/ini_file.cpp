@@ -1,13 +1,18 @@
 // INI files kept in memory as ordered sections of ordered keys.
 #include "ini_file.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "unique_fd.h"
 
 namespace {
 
@@ -73,6 +78,22 @@ void parseLine(IniDocument& doc, size_t& current, const std::string& raw) {
     setValue(doc.sections[current], key, trim(line.substr(eq + 1)));
 }
 
+// False for anything that can't be read through, a directory included.
+bool readWhole(const char* path, std::string& text) {
+    kembase::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) return false;
+    char chunk[4096];
+    for (;;) {
+        ssize_t n = read(fd.get(), chunk, sizeof chunk);
+        if (n == 0) return true;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        text.append(chunk, static_cast<size_t>(n));
+    }
+}
+
 IniDocument* from(ini_handle_t ini) {
     return static_cast<IniDocument*>(ini);
 }
@@ -82,12 +103,16 @@ IniDocument* from(ini_handle_t ini) {
 extern "C" ini_handle_t ini_file_load(const char* path) {
     auto doc = std::make_unique<IniDocument>();
     if (path) {
-        std::ifstream in(path);
-        if (!in.is_open()) return nullptr;
+        std::string text;
+        if (!readWhole(path, text)) return nullptr;
         size_t current = kNoSection;
-        std::string line;
-        while (std::getline(in, line)) parseLine(*doc, current, line);
-        if (in.bad()) return nullptr;
+        size_t start = 0;
+        while (start < text.size()) {
+            size_t end = text.find('\n', start);
+            if (end == std::string::npos) end = text.size();
+            parseLine(*doc, current, text.substr(start, end - start));
+            start = end + 1;
+        }
     }
     return doc.release();
 }

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 
 #include "log_internal.h"
@@ -33,10 +32,13 @@ std::atomic<int>& threshold() {
 
 std::atomic<int> g_toStderr{0};
 
-// Readers are the logging threads; a swap waits for sinks in flight, so the
-// owner of the old sink may free it as soon as log_set_sink returns.
+// Sink calls run under the lock, so a swap waits for the calls in flight and
+// the owner of the old sink may free it as soon as log_set_sink returns.
+// Recursive, so that a sink may itself log. The flag spares the lock when no
+// sink is set, which is always the case in the agent.
 struct SinkSlot {
-    std::shared_mutex lock;
+    std::recursive_mutex lock;
+    std::atomic<bool> present{false};
     log_sink_fn fn = nullptr;
     void* user = nullptr;
 };
@@ -80,7 +82,8 @@ void deliver(int level, const char* source, const std::string& text, std::string
     if (g_toStderr.load(std::memory_order_relaxed)) fwrite(line.data(), 1, line.size(), stderr);
 
     SinkSlot& slot = sinkSlot();
-    std::shared_lock<std::shared_mutex> guard(slot.lock);
+    if (!slot.present.load(std::memory_order_acquire)) return;
+    std::lock_guard<std::recursive_mutex> guard(slot.lock);
     if (slot.fn) slot.fn(level, source, text.c_str(), slot.user);
 }
 
@@ -130,9 +133,10 @@ extern "C" int error_output_get_level(void) {
 
 extern "C" void log_set_sink(log_sink_fn sink, void* user) {
     SinkSlot& slot = sinkSlot();
-    std::unique_lock<std::shared_mutex> guard(slot.lock);
+    std::lock_guard<std::recursive_mutex> guard(slot.lock);
     slot.fn = sink;
     slot.user = user;
+    slot.present.store(sink != nullptr, std::memory_order_release);
 }
 
 extern "C" void log_set_stderr(int on) {

@@ -10,7 +10,7 @@ extern "C" {
 
 /* The directory that "@" stands for. The host process sets it; until then
  * it comes from the environment variable WL_INSTALL_DIR, else the current
- * directory. */
+ * directory. A null dir goes back to that default. */
 void dirutils_set_install_dir(const char* dir);
 const char* dirutils_get_install_dir(void);
 
