@@ -1,0 +1,75 @@
+// The module's side of the bus contract: identifiers, the subscription table,
+// the plug-in ids, and attaching a plug-in to a frame of the bus library.
+#ifndef WL_MB_CONTRACT_H
+#define WL_MB_CONTRACT_H
+
+#include <cstdint>
+#include <string>
+
+#include "mbframe.h"
+#include "orv_sync.h"
+
+// ELF hash with sign-extended bytes and an arithmetic shift of the top bits:
+// the bus library derives its interface identifiers this way, so for names
+// whose hash sets the top bit this must not be "fixed" into the published one.
+constexpr uint32_t interface_id_hash(const char* name) {
+    uint32_t value = 0;
+    for (; *name != '\0'; ++name) {
+        value = (value << 4) + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*name)));
+        const uint32_t top = value & 0xf0000000u;
+        if (top != 0) {
+            value ^= static_cast<uint32_t>(static_cast<int32_t>(top) >> 24);
+        }
+        value &= 0x0fffffffu;
+    }
+    return value;
+}
+
+extern _GUID CLSID_NULL;
+extern event_subscription b_RegisterEvent[3];
+constexpr unsigned int kRegisterEventCount = 3;
+
+constexpr unsigned int kEventOriginCltJson = 19;
+constexpr unsigned int kEventActionCltType = 20;
+constexpr unsigned int kEventCollectorOffline = 1022;
+
+extern const unsigned char g_registerPluginId[16];
+extern const unsigned char g_whitelistInvokePluginId[16];
+
+// Writes the bus event ID into bits 0-9, keeping the bus's bits 10-15.
+inline void mb_set_event_id(_RESPONSE_APP_REQUEST_INFO& native, unsigned int id) {
+    native.event_id = static_cast<uint16_t>((native.event_id & ~MB_EVENT_ID_MASK) | (id & MB_EVENT_ID_MASK));
+}
+inline unsigned int mb_event_id(const _RESPONSE_APP_REQUEST_INFO& native) {
+    return native.event_id & MB_EVENT_ID_MASK;
+}
+
+// Which step of attaching stopped; each plug-in logs it in its own form.
+enum mb_attach_result {
+    MB_ATTACH_DONE,         // attached now, or already
+    MB_ATTACH_LITE,         // no bus library installed: stays unattached
+    MB_ATTACH_OPEN_FAILED,
+    MB_ATTACH_GET_ADDR_FAILED,
+    MB_ATTACH_GET_OBJECT_FAILED,
+    MB_ATTACH_ADVISE_FAILED,
+};
+
+// On a failure after the library was opened, the attachment is detached again.
+// code receives the failing call's result, path the library's path.
+mb_attach_result mb_attach(MbFrame::IPlugin* plugin, void*& dll, MbFrame::IRtmFrame*& frame, int& code,
+                           std::string& path);
+void mb_detach(const unsigned char* plugin_id, void*& dll, MbFrame::IRtmFrame*& frame);
+
+// Holds an orv mutex for one scope.
+class MbLockGuard {
+public:
+    explicit MbLockGuard(orv_mutex_t* mutex) : m_mutex(mutex) { orv_mutex_lock(m_mutex); }
+    ~MbLockGuard() { orv_mutex_unlock(m_mutex); }
+    MbLockGuard(const MbLockGuard&) = delete;
+    MbLockGuard& operator=(const MbLockGuard&) = delete;
+
+private:
+    orv_mutex_t* m_mutex;
+};
+
+#endif

@@ -1,0 +1,42 @@
+// The bus plug-in that receives events 19, 20 and 1022 and feeds the engines'
+// queues with them.
+#ifndef WL_REGISTER_H
+#define WL_REGISTER_H
+
+#include "mbframe.h"
+#include "transformer.h"
+
+class Register : public MbFrame::IPlugin {
+public:
+    static Register* GetInstance();
+
+    // False when the bus library is installed but can't be attached.
+    bool registerInit();
+    void registerUninit();
+
+    int QueryInterface(const _GUID& iid, void** out) override;
+    int AddRef() override;
+    int Release() override;
+    int GetUniqueID(unsigned char (*id)[16]) const override;
+    int GetVersion(unsigned int* version) const override;
+    int OnAdvised(MbFrame::IPluginSetting* setting, MbFrame::IDispatch* dispatch) override;
+    int OnUnadvised(_UNADVISE_REASON reason) override;
+    int OnEvent(MbFrame::IEvent* event, _RESPONSE_STATUS* status) override;
+
+private:
+    Register();
+    ~Register() override;
+    Register(const Register&) = delete;
+    Register& operator=(const Register&) = delete;
+
+    void queueRaspText(const char* text);
+    void queueBaseEvent(int sub_type, void* data);
+
+    Transformer m_transformer;
+    void* m_dll;
+    MbFrame::IRtmFrame* m_frame;
+};
+
+extern Register* white_register;
+
+#endif

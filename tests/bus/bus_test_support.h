@@ -1,0 +1,73 @@
+// Shared pieces of the bus tests: a counted test event, queue clean-up, and
+// builders of collector records.
+#ifndef WL_BUS_TEST_SUPPORT_H
+#define WL_BUS_TEST_SUPPORT_H
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "event_info.h"
+#include "event_queues.h"
+#include "mb_contract.h"
+#include "whitelist_mb.h"
+
+// An event that counts its references and tells when it has been freed.
+class CountedEvent : public MbFrame::IEvent {
+public:
+    CountedEvent(unsigned int id, void* data, int sub_type, bool droppable = false, bool withNative = true)
+        : m_droppable(droppable), m_withNative(withNative) {
+        std::memset(&m_native, 0, sizeof(m_native));
+        mb_set_event_id(m_native, id);
+        m_native.data = data;
+        m_native.sub_type = sub_type;
+    }
+    int QueryInterface(const _GUID&, void**) override { return MB_E_NOINTERFACE; }
+    int AddRef() override { return ++m_count; }
+    int Release() override { return --m_count; }
+    unsigned int GetUniqueID() const override { return mb_event_id(m_native); }
+    bool AsyncDroppable() const override { return m_droppable; }
+    _RESPONSE_APP_REQUEST_INFO* GetNativeEvent() override { return m_withNative ? &m_native : nullptr; }
+
+    int count() const { return m_count.load(); }
+
+private:
+    std::atomic<int> m_count{0};
+    bool m_droppable;
+    bool m_withNative;
+    _RESPONSE_APP_REQUEST_INFO m_native;
+};
+
+// Empties the engines' queues before and after a test.
+struct QueueReset {
+    QueueReset() { clear(); }
+    ~QueueReset() { clear(); }
+    static void clear() {
+        orv_mutex_lock(&g_baseDataLock);
+        g_baseData.clear();
+        orv_mutex_unlock(&g_baseDataLock);
+        orv_mutex_lock(&g_raspDataLock);
+        g_raspData.clear();
+        orv_mutex_unlock(&g_raspDataLock);
+    }
+};
+
+std::size_t baseQueued();
+std::size_t raspQueued();
+std::vector<std::string> raspTexts();
+// The last queued host record, cleared first if none.
+_BASE_EVENTINFO lastBaseRecord();
+
+// Narrowing of a wide field: one element per source byte.
+std::string narrow(const wchar_t* text);
+
+// Native records as the collector sends them.
+std::vector<unsigned char> processRecord(const char* eventName, int32_t pid, const char* path);
+std::vector<unsigned char> fileRecord(const char* eventName, const char* filePath);
+std::vector<unsigned char> netRecord(const char* eventName, const char* dstIp, uint16_t dstPort);
+
+// A collector message around a payload, as action_collector_msg lays it out.
+std::vector<unsigned char> collectorMessage(int type, const std::vector<unsigned char>& payload);
+
+#endif
