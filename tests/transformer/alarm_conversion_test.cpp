@@ -6,6 +6,7 @@
 #include <rapidjson/document.h>
 
 #include "log_capture.h"
+#include "byte_image.h"
 #include "transformer.h"
 
 namespace {
@@ -73,7 +74,7 @@ TEST(BaseAlarm, FieldsOfEachKind) {
     ASSERT_TRUE(transformer.judgeAlarmEventType(text, events));
     ASSERT_EQ(events.size(), 5u);  // the last lacks parent_pcmd_line
     for (const auto& e : events) {
-        EXPECT_EQ(e.event_time, 0u);
+        EXPECT_EQ(u64(e.event_time), 0u);
         EXPECT_EQ(wcharToString(e.model_name), "m1");
     }
 

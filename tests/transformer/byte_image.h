@@ -52,6 +52,10 @@ private:
 
 constexpr std::size_t kRecordSize = 66732;
 
+// 64-bit record fields sit on 4-byte boundaries: read them by value, never
+// bind a reference (gtest's macros do) to one.
+inline uint64_t u64(wl_u64 value) { return value; }
+
 // A zeroed _BASE_EVENTINFO on the heap (too large for comfort on a stack).
 inline std::unique_ptr<_BASE_EVENTINFO> clearedRecord() { return std::make_unique<_BASE_EVENTINFO>(); }
 

@@ -222,7 +222,7 @@ TEST(NativeConversion, NameDecidesNumberNotPath) {
         auto record = clearedRecord();
         EXPECT_TRUE(transformer.TransformProcessMsg(native.as<process_event_info>(), *record));
         EXPECT_EQ(record->event_type, 6);
-        EXPECT_EQ(record->detail.process.process_id, 5u);
+        EXPECT_EQ(u64(record->detail.process.process_id), 5u);
         EXPECT_EQ(wcharToString(record->detail.process.process_path), "/bin/ls");
     }
     struct FileCase {

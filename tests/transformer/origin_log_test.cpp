@@ -5,6 +5,7 @@
 #include <rapidjson/writer.h>
 
 #include "log_capture.h"
+#include "byte_image.h"
 #include "transformer.h"
 #include "wl_clock.h"
 
@@ -86,7 +87,7 @@ TEST_F(OriginLog, TextAroundTheArrayIsIgnored) {
     EXPECT_TRUE(convert(text));
     ASSERT_EQ(m_events.size(), 1u);
     EXPECT_EQ(m_events[0].event_type, 0);
-    EXPECT_EQ(m_events[0].event_time, 1234567u);
+    EXPECT_EQ(u64(m_events[0].event_time), 1234567u);
     EXPECT_EQ(log.lines().size(), 0u) << log.dump();
 }
 
@@ -157,9 +158,9 @@ TEST_F(OriginLog, ProcessCreationFillsParentEvenWhenChildIsIncomplete) {
     ASSERT_EQ(m_events.size(), 1u);
     const _BASE_EVENTINFO& r = m_events[0];
     EXPECT_EQ(r.event_type, 1);
-    EXPECT_EQ(r.detail.process.process_id, 0u);  // no process_cmd_line: the child stays empty
+    EXPECT_EQ(u64(r.detail.process.process_id), 0u);  // no process_cmd_line: the child stays empty
     EXPECT_EQ(wcharToString(r.detail.process.process_path), "");
-    EXPECT_EQ(r.process_info.process_id, 77u);
+    EXPECT_EQ(u64(r.process_info.process_id), 77u);
     EXPECT_EQ(wcharToString(r.process_info.process_path), "/bin/parent");
     EXPECT_EQ(wcharToString(r.process_info.process_cmd_line), "parent -d");
     EXPECT_EQ(wcharToString(r.process_info.process_sha256), "abc");
@@ -194,7 +195,7 @@ TEST_F(OriginLog, FieldsOfEachKind) {
 
     const _BASE_EVENTINFO& r = *byKind[9];
     EXPECT_EQ(wcharToString(r.detail.file.file_event_name), "FILE_RENAMING");
-    EXPECT_EQ(r.process_info.process_id, 11u);
+    EXPECT_EQ(u64(r.process_info.process_id), 11u);
     EXPECT_EQ(wcharToString(r.process_info.process_guid), "g");
     EXPECT_EQ(wcharToString(r.process_info.process_cmd_line), "app -x");
     EXPECT_EQ(wcharToString(r.process_info.process_sha256), "s256");
@@ -203,7 +204,7 @@ TEST_F(OriginLog, FieldsOfEachKind) {
     EXPECT_EQ(wcharToString(r.detail.file.file_md5), "fm");
     EXPECT_EQ(wcharToString(r.detail.file.prev_file_name), std::string(32, 'o'));  // capacity 33 on purpose
     EXPECT_EQ(r.detail.file.prev_file_name[33], 0);
-    EXPECT_EQ(r.event_time, 1234567u);
+    EXPECT_EQ(u64(r.event_time), 1234567u);
 
     const _BASE_EVENTINFO& n = *byKind[15];
     EXPECT_EQ(n.detail.connect.dst_port, 443u);

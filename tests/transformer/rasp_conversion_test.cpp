@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "log_capture.h"
+#include "byte_image.h"
 #include "transformer.h"
 
 namespace {
@@ -34,8 +35,8 @@ TEST_F(RaspConversion, InitSetsDefaultsAndSkipsOneSpare) {
     event.origin_log_flag = 1;
     event.match_verdict = 0;
     m_transformer.initRaspInfo(event);
-    EXPECT_EQ(event.time, 0u);
-    EXPECT_EQ(event.pid, 0u);
+    EXPECT_EQ(u64(event.time), 0u);
+    EXPECT_EQ(u64(event.pid), 0u);
     EXPECT_EQ(event.action_type, 0);
     EXPECT_EQ(event.type, "");
     EXPECT_EQ(event.url, "");
@@ -44,9 +45,9 @@ TEST_F(RaspConversion, InitSetsDefaultsAndSkipsOneSpare) {
     EXPECT_EQ(event.spare0, "");
     EXPECT_EQ(event.spare1[5], "");
     EXPECT_EQ(event.spare3[2], "");
-    EXPECT_EQ(event.spare4[1], 0u);
-    EXPECT_EQ(event.srcPort, 0u);
-    EXPECT_EQ(event.spare2, 0xABCDu);
+    EXPECT_EQ(u64(event.spare4[1]), 0u);
+    EXPECT_EQ(u64(event.srcPort), 0u);
+    EXPECT_EQ(u64(event.spare2), 0xABCDu);
     EXPECT_EQ(event.origin_log_flag, 0);
     EXPECT_EQ(event.match_verdict, 2);
     EXPECT_EQ(event.protocol, "tcp");
@@ -95,8 +96,8 @@ TEST_F(RaspConversion, CommonFieldsAndTrailingText) {
         "\n";
     _RASP_EVENTINFO event = fresh();
     ASSERT_TRUE(m_transformer.judgeEventType(text, event));
-    EXPECT_EQ(event.pid, 4242u);
-    EXPECT_EQ(event.time, 1700000000u);
+    EXPECT_EQ(u64(event.pid), 4242u);
+    EXPECT_EQ(u64(event.time), 1700000000u);
     EXPECT_EQ(event.action, "read");
     EXPECT_EQ(event.action_type, 4);
     EXPECT_EQ(event.type, "file");
@@ -154,7 +155,7 @@ TEST_F(RaspConversion, AddressAction) {
     EXPECT_EQ(event.action_type, 1);
     EXPECT_EQ(event.hostName, "db.local");
     EXPECT_EQ(event.ip, "10.1.1.1");
-    EXPECT_EQ(event.srcPort, 51000u);
+    EXPECT_EQ(u64(event.srcPort), 51000u);
     EXPECT_EQ(event.dst_ip, "10.2.2.2");
     EXPECT_EQ(event.port, "8080");
     EXPECT_EQ(event.action_data, "");
@@ -164,7 +165,7 @@ TEST_F(RaspConversion, AddressAction) {
     EXPECT_FALSE(m_transformer.judgeEventType(message("\"url\":\"/u\"", "{\"action\":\"address\"}"), bare));
     EXPECT_EQ(bare.action_type, 1);
     EXPECT_EQ(bare.url, "/u");
-    EXPECT_EQ(bare.pid, 4242u);
+    EXPECT_EQ(u64(bare.pid), 4242u);
 }
 
 TEST_F(RaspConversion, NamesOutsideTheActionRange) {
