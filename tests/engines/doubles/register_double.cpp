@@ -1,0 +1,33 @@
+// The bus subscriber, reduced to what the engine init functions need: attach
+// and detach with a scripted result. No bus is involved.
+#include "recorders.h"
+#include "register.h"
+
+#include <mutex>
+
+Register* white_register = nullptr;
+
+Register::Register() : m_dll(nullptr), m_frame(nullptr) {}
+Register::~Register() {}
+
+Register* Register::GetInstance() {
+    static Register instance;
+    return &instance;
+}
+
+namespace recorders {
+bool register_init_called();
+void register_uninit_called();
+}  // namespace recorders
+
+bool Register::registerInit() { return recorders::register_init_called(); }
+void Register::registerUninit() { recorders::register_uninit_called(); }
+
+int Register::QueryInterface(const _GUID&, void**) { return MB_E_NOINTERFACE; }
+int Register::AddRef() { return 1; }
+int Register::Release() { return 1; }
+int Register::GetUniqueID(unsigned char (*)[16]) const { return 0; }
+int Register::GetVersion(unsigned int*) const { return 0; }
+int Register::OnAdvised(MbFrame::IPluginSetting*, MbFrame::IDispatch*) { return 0; }
+int Register::OnUnadvised(_UNADVISE_REASON) { return 0; }
+int Register::OnEvent(MbFrame::IEvent*, _RESPONSE_STATUS*) { return 0; }
