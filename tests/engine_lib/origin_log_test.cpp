@@ -56,12 +56,12 @@ TEST_F(OriginLogTest, EveryKindReadsBackAsTheSameEvent) {
     EXPECT_EQ(process.event_type, 1);
     EXPECT_EQ(getText(process.detail.process.process_path), "/bin/sh");
     EXPECT_EQ(getText(process.detail.process.process_cmd_line), "/bin/sh -c true");
-    EXPECT_EQ(process.process_info.process_id, kPid);
+    EXPECT_EQ(uint64_t(process.process_info.process_id), kPid) << "packed field: compared by value";
     EXPECT_EQ(getText(process.process_info.process_path), "/usr/bin/app");
 
     for (std::size_t i = 1; i <= 3; ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ(events[i].process_info.process_id, kPid);
+        EXPECT_EQ(uint64_t(events[i].process_info.process_id), kPid);
         EXPECT_EQ(getText(events[i].process_info.process_path), "/usr/bin/app");
     }
     EXPECT_EQ(events[1].event_type, 6);
@@ -158,7 +158,7 @@ TEST(RaspOriginLogTest, ElementsAreProbeMessagesTheConverterReads) {
         ASSERT_TRUE(transformer.judgeEventType(log[i]["message"].GetString(), back)) << i;
         const _RASP_EVENTINFO& original = *sent[i];
         EXPECT_EQ(back.action, original.action);
-        EXPECT_EQ(back.pid, original.pid);
+        EXPECT_EQ(uint64_t(back.pid), uint64_t(original.pid));
         EXPECT_EQ(back.url, original.url);
         EXPECT_EQ(back.appCmd, original.appCmd);
         EXPECT_EQ(back.sql_text, original.sql_text);
