@@ -32,7 +32,15 @@ void whitelist_rasp_engine_uninit(void);
 
 int get_process_path_by_pid(int pid, char* buffer, int size);
 int get_process_parentid(int pid);
+
+// ini_file_get read as a number: decimal, 0x hexadecimal or 0 octal; 0 when
+// the key is missing or no number.
+unsigned long long ini_file_get_number(void* handle, const char* section, const char* key);
 }
+
+// Whether each tracking pass has had its first call, which does nothing.
+extern bool g_base_open_process_called;
+extern bool g_rasp_open_process_called;
 
 int whitelist_parse_task_input(cJSON* root, task_input_st* input);
 void whitelist_rasp_save_model(const base_init_st& record);

@@ -1,0 +1,175 @@
+#include "whitelist_api_catalogue.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "dirutils.h"
+#include "ini_file.h"
+#include "whitelist_api.h"
+#include "whitelist_impl.h"
+
+#define WL_LOG_SOURCE "whitelist_api"
+#include "libbase/wl_log.h"
+
+const model_catalogue_st g_base_catalogue = {
+    "@/../var/base/base_model.cfg", "baseengine",
+    "load model. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s", &g_model_array};
+
+const model_catalogue_st g_rasp_catalogue = {
+    "@/../var/base/rasp_model.cfg", "raspengine",
+    "load inner model. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s",
+    &g_rasp_model_array};
+
+namespace {
+
+constexpr size_t kPathSize = 1024;
+
+struct ini_deleter {
+    void operator()(void* handle) const { ini_file_free(handle); }
+};
+typedef std::unique_ptr<void, ini_deleter> ini_ptr;
+
+std::string catalogue_path(const model_catalogue_st& catalogue) {
+    char path[kPathSize] = {0};
+    dirutils_path_transform(catalogue.path, path, sizeof(path));
+    return path;
+}
+
+std::string section_name(int index) {
+    char section[64];
+    snprintf(section, sizeof(section), "model_%d", index);
+    return section;
+}
+
+void write_model(void* ini, int index, const base_init_st& record) {
+    std::string section = section_name(index);
+    char study_time[32];
+    snprintf(study_time, sizeof(study_time), "%d", record.study_times);
+    std::string ports;
+    port_set_to_string(record.port, ports);
+    ini_file_set(ini, section.c_str(), "model_name", record.model_name.c_str());
+    ini_file_set(ini, section.c_str(), "app_name", record.app_name.c_str());
+    ini_file_set(ini, section.c_str(), "process_path", record.process_path.c_str());
+    ini_file_set(ini, section.c_str(), "study_time", study_time);
+    ini_file_set(ini, section.c_str(), "alarm", record.alarm ? "1" : "0");
+    ini_file_set(ini, section.c_str(), "port", ports.c_str());
+}
+
+void set_count(void* ini, const char* head_section, int count) {
+    char text[32];
+    snprintf(text, sizeof(text), "%d", count);
+    ini_file_set(ini, head_section, "count", text);
+}
+
+// One model section; false when a required key is missing or bad.
+bool read_model(void* ini, const std::string& section, base_init_st& record, const char*& port_text) {
+    const char* name = ini_file_get(ini, section.c_str(), "model_name");
+    if (!name) return false;
+    record.model_name = name;
+    const char* app = ini_file_get(ini, section.c_str(), "app_name");
+    if (!app) return false;
+    record.app_name = app;
+    const char* process_path = ini_file_get(ini, section.c_str(), "process_path");
+    if (!process_path) return false;
+    record.process_path = process_path;
+    int study_time = (int)ini_file_get_number(ini, section.c_str(), "study_time");
+    if (study_time <= 0) return false;
+    record.study_times = study_time;
+    record.alarm = ini_file_get_number(ini, section.c_str(), "alarm") != 0;
+    port_text = ini_file_get(ini, section.c_str(), "port");
+    if (!port_text) return false;
+    char ports[kPathSize] = {0};
+    strncpy(ports, port_text, sizeof(ports) - 1);
+    record.port = parse_port_string(ports);
+    return true;
+}
+
+}  // namespace
+
+unsigned long long ini_file_get_number(void* handle, const char* section, const char* key) {
+    const char* text = ini_file_get(handle, section, key);
+    if (!text) return 0;
+    return strtoull(text, nullptr, 0);
+}
+
+std::string port_set_to_string(const std::set<unsigned long long>& ports, std::string& text) {
+    bool first = true;
+    for (unsigned long long port : ports) {
+        char buffer[1024];
+        snprintf(buffer, sizeof(buffer), first ? "%d" : ",%d", (int)port);
+        text += buffer;
+        first = false;
+    }
+    return text;
+}
+
+std::set<unsigned long long> parse_port_string(char* text) {
+    std::set<unsigned long long> ports;
+    if (!text) {
+        WL_LOG(1, "port string is NULL");
+        return ports;
+    }
+    char* saved = nullptr;
+    for (char* token = strtok_r(text, ",", &saved); token; token = strtok_r(nullptr, ",", &saved)) {
+        unsigned long long port = str2number(token);
+        WL_LOG(4, "port %d", (int)port);
+        ports.insert(port);
+    }
+    return ports;
+}
+
+void whitelist_load_catalogue(const model_catalogue_st& catalogue) {
+    std::string path = catalogue_path(catalogue);
+    ini_ptr ini(ini_file_load(path.c_str()));
+    if (!ini) {
+        WL_LOG(4, "load file %s fail", path.c_str());
+        return;
+    }
+    int count = (int)ini_file_get_number(ini.get(), catalogue.head_section, "count");
+    if (count <= 0 || !*catalogue.list) return;
+
+    // One working record for all sections, as the writer fills them all.
+    base_init_st record;
+    for (int index = 0; index < count; ++index) {
+        std::string section = section_name(index);
+        const char* port_text = nullptr;
+        if (!read_model(ini.get(), section, record, port_text)) continue;
+        WL_LOG(3, catalogue.load_message, record.model_name.c_str(), record.app_name.c_str(),
+               record.process_path.c_str(), record.study_times, record.alarm ? "true" : "false", port_text);
+        (*catalogue.list)->push_back(record);
+    }
+}
+
+void whitelist_append_catalogue(const model_catalogue_st& catalogue, const base_init_st& record) {
+    std::string path = catalogue_path(catalogue);
+    ini_ptr ini(ini_file_load(path.c_str()));
+    int old_count = 0;
+    if (ini) {
+        old_count = (int)ini_file_get_number(ini.get(), catalogue.head_section, "count");
+    } else {
+        ini.reset(ini_file_load(nullptr));
+    }
+    if (ini) {
+        set_count(ini.get(), catalogue.head_section, old_count + 1);
+        write_model(ini.get(), old_count, record);
+        ini_file_save(ini.get(), path.c_str(), 1);
+    }
+    if (*catalogue.list) (*catalogue.list)->push_back(record);
+}
+
+void whitelist_rewrite_catalogue(const model_catalogue_st& catalogue) {
+    std::string path = catalogue_path(catalogue);
+    ini_ptr ini(ini_file_load(nullptr));
+    if (!ini || !*catalogue.list) return;
+    const std::vector<base_init_st>& list = **catalogue.list;
+    set_count(ini.get(), catalogue.head_section, (int)list.size());
+    for (size_t index = 0; index < list.size(); ++index) write_model(ini.get(), (int)index, list[index]);
+    ini_file_save(ini.get(), path.c_str(), 1);
+}
+
+extern "C" void whitelist_base_load_model_data(void) { whitelist_load_catalogue(g_base_catalogue); }
+
+extern "C" void whitelist_rasp_load_model_data(void) { whitelist_load_catalogue(g_rasp_catalogue); }

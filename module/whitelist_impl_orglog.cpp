@@ -1,0 +1,64 @@
+#include "whitelist_impl_orglog.h"
+
+#include <memory>
+
+#include "dirutils.h"
+#include "dirwalk.h"
+#include "file_upload_utils.h"
+#include "whitelist_impl.h"
+#include "whitelist_upload.h"
+
+#define WL_LOG_SOURCE "whitelist_impl"
+#include "libbase/wl_log.h"
+
+add_upload_file_fn g_add_upload_file = nullptr;
+
+namespace {
+
+struct walk_deleter {
+    void operator()(void* walk) const { dirwalk_destroy(walk); }
+};
+
+// A failed look-up is tried again at the next file.
+add_upload_file_fn add_upload_file_symbol() {
+    if (!g_add_upload_file) {
+        g_add_upload_file = reinterpret_cast<add_upload_file_fn>(dll_get_addr_ex(nullptr, "_add_upload_file"));
+        if (!g_add_upload_file) {
+            WL_LOG_AS("agent/include/plugins/file_upload_utils", 1, "load symbol _add_upload_file failed");
+            dll_close_ex(nullptr);
+        }
+    }
+    return g_add_upload_file;
+}
+
+int upload_directory(const char* directory, int kind, const char* message) {
+    char path[2048] = {0};
+    dirutils_path_transform(directory, path, sizeof(path));
+    std::unique_ptr<void, walk_deleter> walk(dirwalk_create(path, 0, 1));
+    if (!walk) {
+        WL_LOG(1, "create walk dir handle failed.");
+        return (int)WL_ERR_FAILED;
+    }
+    int is_dir = 0;
+    while (const char* entry = dirwalk_read(walk.get(), &is_dir)) {
+        WL_LOG(3, message, entry);
+        if (add_upload_file_fn add_upload_file = add_upload_file_symbol()) add_upload_file(kind, entry);
+    }
+    WL_LOG(4, "scan end");
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int whitelist_upload_org_log(cJSON* root, int unused) {
+    return upload_directory("@/../var/base/originLog/", WL_UPLOAD_KIND_ORIGIN_LOG, "start upload file %s");
+}
+
+int whitelist_upload_rasp_org_log(cJSON* root, int unused) {
+    return upload_directory("@/../var/base/raspOriginLog/", WL_UPLOAD_KIND_RASP_ORIGIN_LOG,
+                            "start upload rasp file %s");
+}
+
+}

@@ -1,0 +1,106 @@
+#include "agent_doubles.h"
+
+#include <cjson/cJSON.h>
+#include <dlfcn.h>
+
+#include <deque>
+#include <memory>
+
+#include "asset_collection.h"
+#include "model_records.h"
+#include "vrccl_action.h"
+#include "whitelist.h"
+#include "whitelist_upload.h"
+
+std::vector<base_init_st>* g_model_array = new std::vector<base_init_st>();
+std::vector<base_init_st>* g_rasp_model_array = new std::vector<base_init_st>();
+std::map<unsigned long long, bool>* g_model_pid = new std::map<unsigned long long, bool>();
+
+extern "C" {
+WhitelistContext g_whitelist_context;
+}
+
+namespace models_double {
+namespace {
+
+std::map<int, std::string> g_assets;
+std::map<int, int> g_asset_requests;
+std::vector<Subscription> g_subscriptions;
+std::vector<Upload> g_uploads;
+std::vector<FileUpload> g_file_uploads;
+bool g_symbols_missing = false;
+int g_dll_close_calls = 0;
+std::deque<std::unique_ptr<port_filter_node>> g_filter_nodes;
+
+}  // namespace
+
+void reset_agent() {
+    g_assets.clear();
+    g_asset_requests.clear();
+    g_subscriptions.clear();
+    g_uploads.clear();
+    g_file_uploads.clear();
+    g_symbols_missing = false;
+    g_dll_close_calls = 0;
+    wl_list_head* head = &g_whitelist_context.port_filter_list;
+    head->next = head->prev = head;
+    g_filter_nodes.clear();
+}
+
+void set_asset(int kind, const std::string& json) { g_assets[kind] = json; }
+void clear_asset(int kind) { g_assets.erase(kind); }
+int asset_requests(int kind) { return g_asset_requests[kind]; }
+const std::vector<Subscription>& subscriptions() { return g_subscriptions; }
+const std::vector<Upload>& uploads() { return g_uploads; }
+const std::vector<FileUpload>& file_uploads() { return g_file_uploads; }
+void set_symbols_missing(bool missing) { g_symbols_missing = missing; }
+int dll_close_calls() { return g_dll_close_calls; }
+
+void add_filter_port(int port) {
+    auto node = std::make_unique<port_filter_node>();
+    node->port = port;
+    wl_list_head* head = &g_whitelist_context.port_filter_list;
+    node->link.next = head;
+    node->link.prev = head->prev;
+    head->prev->next = &node->link;
+    head->prev = &node->link;
+    g_filter_nodes.push_back(std::move(node));
+}
+
+}  // namespace models_double
+
+using namespace models_double;
+
+extern "C" {
+
+int get_asset_result_v2(int kind, int max_age, cJSON** result, int flags) {
+    ++g_asset_requests[kind];
+    auto found = g_assets.find(kind);
+    if (found == g_assets.end()) return -1;
+    *result = cJSON_Parse(found->second.c_str());
+    return *result ? 0 : -1;
+}
+
+int vrccl_action_subscribe(int action, int id, int reserved) {
+    g_subscriptions.push_back({action, id, reserved});
+    return 0;
+}
+
+int whitelist_upload_data(const char* text, int type) {
+    g_uploads.push_back({text ? text : "", type});
+    return 0;
+}
+
+void* dll_get_addr_ex(void* handle, const char* name) {
+    return g_symbols_missing ? nullptr : dlsym(handle ? handle : RTLD_DEFAULT, name);
+}
+
+void dll_close_ex(void* handle) { ++g_dll_close_calls; }
+
+// The agent's file-upload service, found by the module through dlsym.
+__attribute__((visibility("default"))) int _add_upload_file(int kind, const char* path) {
+    g_file_uploads.push_back({kind, path ? path : ""});
+    return 0;
+}
+
+}

@@ -1,0 +1,61 @@
+#include "models_fixture.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "dirutils.h"
+#include "whitelist_api.h"
+
+JsonPtr parse_json(const std::string& text) {
+    JsonPtr json(cJSON_Parse(text.c_str()));
+    EXPECT_TRUE(json) << "bad test JSON: " << text;
+    return json;
+}
+
+void ModelsTest::SetUp() {
+    char pattern[] = "/tmp/wl_models_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    m_root = pattern;
+    std::filesystem::create_directories(path("lib"));
+    std::filesystem::create_directories(path("var/base"));
+    dirutils_set_install_dir(path("lib").c_str());
+    g_model_array->clear();
+    g_rasp_model_array->clear();
+    g_model_pid->clear();
+    g_base_open_process_called = false;
+    g_rasp_open_process_called = false;
+    models_double::reset_engines();
+    models_double::reset_agent();
+    m_log.clear();
+}
+
+void ModelsTest::TearDown() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_root, ignored);
+}
+
+void ModelsTest::write_file(const std::string& relative, const std::string& content) const {
+    std::filesystem::create_directories(std::filesystem::path(path(relative)).parent_path());
+    std::ofstream(path(relative)) << content;
+}
+
+std::string ModelsTest::read_file(const std::string& relative) const {
+    std::ifstream in(path(relative));
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports,
+                        const std::string& process_path) {
+    base_init_st model;
+    model.model_name = name;
+    model.app_name = name + "_app";
+    model.process_path = process_path;
+    model.study_times = study_times;
+    model.alarm = true;
+    model.port = std::move(ports);
+    return model;
+}

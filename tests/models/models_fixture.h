@@ -1,0 +1,45 @@
+// Common set-up of the model-management tests: a temporary install tree
+// ("@" is <tmp>/lib, so catalogue files land in <tmp>/var/base), empty model
+// lists and fresh doubles.
+#ifndef WL_TESTS_MODELS_FIXTURE_H
+#define WL_TESTS_MODELS_FIXTURE_H
+
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "doubles/agent_doubles.h"
+#include "doubles/model_library_double.h"
+#include "log_capture.h"
+#include "model_records.h"
+
+struct JsonDeleter {
+    void operator()(cJSON* item) const { cJSON_Delete(item); }
+};
+typedef std::unique_ptr<cJSON, JsonDeleter> JsonPtr;
+
+// Parses test JSON; fails the test on a typo in it.
+JsonPtr parse_json(const std::string& text);
+
+class ModelsTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    std::string path(const std::string& relative) const { return m_root + "/" + relative; }
+    // As the module names them: "@" is not normalised away.
+    std::string base_catalogue() const { return path("lib/../var/base/base_model.cfg"); }
+    std::string rasp_catalogue() const { return path("lib/../var/base/rasp_model.cfg"); }
+    void write_file(const std::string& relative, const std::string& content) const;
+    std::string read_file(const std::string& relative) const;
+
+    std::string m_root;
+    LogCapture m_log;
+};
+
+base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports,
+                        const std::string& process_path = "/usr/sbin/app");
+
+#endif
