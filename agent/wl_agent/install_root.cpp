@@ -50,7 +50,7 @@ std::string modulePath(const std::string& root) { return moduleDir(root) + "/lib
 std::string layOutInstallRoot(const std::string& root) {
     if (!fileExists(modulePath(root))) return "no module at " + modulePath(root);
     for (const char* dir : {"/config", "/var/log/agent", "/var/base", "/var/run", "/var/asset", "/var/spool/manager",
-                            "/var/spool/uploads"}) {
+                            "/var/spool/uploads", "/vr_agent"}) {
         if (dirutils_mkdir((root + dir).c_str(), 0755) != 0) return "cannot create " + root + dir;
     }
     if (!writeDefault(root + "/config/whitelist_port.cfg", kPortFilterDefault))

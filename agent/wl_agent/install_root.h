@@ -11,7 +11,9 @@ namespace wlagent {
 // The root this executable was built into: the parent of its bin/ directory.
 std::string defaultInstallRoot();
 
-// Creates the directories and the default configuration files that are
+// Creates the directories (vr_agent/ too: the sibling collector's home,
+// whose processes the open-port report leaves out) and the default
+// configuration files that are
 // missing, and checks that the module is there. Returns an empty string on
 // success, else what is wrong.
 std::string layOutInstallRoot(const std::string& root);
