@@ -33,7 +33,21 @@ int freeLoopbackPort() {
     return ntohs(address.sin_port);
 }
 
-std::string socketPath() { return std::string(WL_TEST_STAGE_LIB) + "/../var/run/rasp_telemetry.sock"; }
+// Each test process gets an installation of its own, so that parallel runs
+// don't share the socket: <root>/lib is "@", <root>/agent_plugins the stage's.
+std::string g_root;
+
+std::string socketPath() { return g_root + "/lib/../var/run/rasp_telemetry.sock"; }
+
+bool makeInstallation() {
+    char dir[] = "/tmp/wl_rasp_XXXXXX";
+    if (mkdtemp(dir) == nullptr) {
+        return false;
+    }
+    g_root = dir;
+    return dirutils_mkdir((g_root + "/lib").c_str(), 0755) == 0 &&
+           symlink(WL_TEST_PLUGIN_DIR, (g_root + "/agent_plugins").c_str()) == 0;
+}
 
 int connectUnix() {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -79,7 +93,10 @@ protected:
     static void SetUpTestSuite() {
         s_port = freeLoopbackPort();
         setenv("WL_RASP_TCP_PORT", std::to_string(s_port).c_str(), 1);
-        dirutils_set_install_dir(WL_TEST_STAGE_LIB);
+        if (!makeInstallation()) {
+            return;
+        }
+        dirutils_set_install_dir((g_root + "/lib").c_str());
         orv_event_init(&g_vr_event, 0, 1);
         s_bus = new BusLibrary();
         s_bus->setSynchronous(false);
@@ -91,6 +108,13 @@ protected:
         whitelist_msgbus_uninit();
         delete s_bus;
         s_bus = nullptr;
+        // The library keeps listening until the process ends; only its files go.
+        unlink(socketPath().c_str());
+        for (const char* path : {"/var/run", "/var", "/lib"}) {
+            rmdir((g_root + path).c_str());
+        }
+        unlink((g_root + "/agent_plugins").c_str());
+        rmdir(g_root.c_str());
     }
     void SetUp() override { ASSERT_TRUE(s_attached) << m_log.dump(); }
 
