@@ -9,6 +9,7 @@
 #include "dirutils.h"
 #include "log_file.h"
 #include "log_internal.h"
+#include "no_destructor.h"
 #include "orv_log.h"
 
 namespace kembase {
@@ -27,8 +28,8 @@ struct LogFileRegistry {
 };
 
 LogFileRegistry& registry() {
-    static LogFileRegistry instance;
-    return instance;
+    static NoDestructor<LogFileRegistry> instance;
+    return instance.get();
 }
 
 thread_local std::shared_ptr<LogFile> t_binding;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "log_internal.h"
+#include "no_destructor.h"
 #include "orv_log.h"
 
 namespace {
@@ -44,8 +45,8 @@ struct SinkSlot {
 };
 
 SinkSlot& sinkSlot() {
-    static SinkSlot slot;
-    return slot;
+    static kembase::NoDestructor<SinkSlot> slot;
+    return slot.get();
 }
 
 int clampLevel(int level) {

@@ -2,6 +2,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -153,6 +154,27 @@ TEST(AutologDeathTest, UnboundThreadsWriteToTheFirstFileOpened) {
             std::string problem = checkDefaultBinding(tmp.path());
             fprintf(stderr, "%s", problem.c_str());
             exit(problem.empty() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// Engine threads are never stopped: they keep logging while the process runs
+// its exit handlers, and that must not bring it down.
+TEST(AutologDeathTest, ThreadsLoggingDuringExitDoNotCrashIt) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    TempDir tmp;
+    EXPECT_EXIT(
+        {
+            error_output_set_level(4);
+            autolog_init((tmp / "exiting").c_str(), 5);
+            for (int t = 0; t < 4; ++t) {
+                std::thread([t, &tmp] {
+                    if (t % 2) autolog_init((tmp / ("engine" + std::to_string(t))).c_str(), 5);
+                    for (;;) error_output(LOG_LVL_DETAIL, "exit", t, "still running");
+                }).detach();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            exit(0);
         },
         testing::ExitedWithCode(0), "");
 }

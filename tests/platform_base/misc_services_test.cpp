@@ -60,13 +60,4 @@ TEST(OrvDll, MissingLibraryLeavesTheHandleAlone) {
     EXPECT_EQ(handle, reinterpret_cast<void*>(0x1));
 }
 
-TEST(OrvPath, ExistsForFilesAndDirectoriesOnly) {
-    TempDir tmp;
-    writeFile(tmp / "f", "x");
-    EXPECT_EQ(orv_path_is_exist_u(tmp.path().c_str()), 1);
-    EXPECT_EQ(orv_path_is_exist_u((tmp / "f").c_str()), 1);
-    EXPECT_EQ(orv_path_is_exist_u((tmp / "missing").c_str()), 0);
-    EXPECT_EQ(orv_path_is_exist_u(nullptr), 0);
-}
-
 }  // namespace
