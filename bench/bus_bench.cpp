@@ -55,7 +55,8 @@ std::vector<unsigned char> processMessage() {
     action_collector_msg* msg = reinterpret_cast<action_collector_msg*>(bytes.data());
     msg->type = 1027;
     msg->size = sizeof(process_event_info);
-    process_event_info* record = reinterpret_cast<process_event_info*>(bytes.data() + offsetof(action_collector_msg, payload));
+    process_event_info* record =
+        reinterpret_cast<process_event_info*>(bytes.data() + offsetof(action_collector_msg, payload));
     std::strcpy(record->event_name, "PROCESS_CREATION");
     record->process_id = 4242;
     std::strcpy(record->process_path, "/usr/sbin/nginx");
@@ -192,7 +193,8 @@ void BM_PublishBurst(benchmark::State& state) {
         }
     }
     state.SetItemsProcessed(state.iterations() * burst);
-    state.counters["lost_per_burst"] = benchmark::Counter(static_cast<double>(lost), benchmark::Counter::kAvgIterations);
+    state.counters["lost_per_burst"] =
+        benchmark::Counter(static_cast<double>(lost), benchmark::Counter::kAvgIterations);
     unsigned char id[16];
     plugin.GetUniqueID(&id);
     frame->Unadvise(id);
