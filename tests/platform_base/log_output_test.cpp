@@ -2,6 +2,7 @@
 #include <stdlib.h>
 
 #include <atomic>
+#include <chrono>
 #include <regex>
 #include <string>
 #include <thread>
@@ -145,16 +146,20 @@ struct SinkState {
     std::atomic<int> mismatches{0};
 };
 
-void sinkOne(int, const char*, const char*, void* user) {
-    auto* state = static_cast<SinkState*>(user);
-    if (state->id != 1) state->mismatches++;
+// A call is counted as it ends, after a pause that keeps calls in flight
+// while the sink is swapped.
+void countSlowly(SinkState* state, int expectedId, bool slow) {
+    if (state->id != expectedId) state->mismatches++;
+    if (slow) std::this_thread::sleep_for(std::chrono::microseconds(100));
     state->calls++;
 }
 
-void sinkTwo(int, const char*, const char*, void* user) {
-    auto* state = static_cast<SinkState*>(user);
-    if (state->id != 2) state->mismatches++;
-    state->calls++;
+void sinkOne(int, const char*, const char* text, void* user) {
+    countSlowly(static_cast<SinkState*>(user), 1, text[0] == 's');
+}
+
+void sinkTwo(int, const char*, const char* text, void* user) {
+    countSlowly(static_cast<SinkState*>(user), 2, text[0] == 's');
 }
 
 TEST(LogConcurrency, ManyThreadsLoggingLoseNothing) {
@@ -195,22 +200,25 @@ TEST(LogConcurrency, SwappingTheSinkWhileOthersLogIsSafe) {
     for (int t = 0; t < 6; ++t) {
         threads.emplace_back([&] {
             while (!stop.load()) {
-                error_output(LOG_LVL_DETAIL, "swap", 1, "x");
+                error_output(LOG_LVL_DETAIL, "swap", 1, "slow");
                 logged++;
             }
         });
     }
-    for (int round = 0; round < 3000; ++round) {
+    for (int round = 0; round < 600; ++round) {
         log_set_sink(round % 3 == 0 ? sinkOne : sinkTwo, round % 3 == 0 ? static_cast<void*>(&one) : &two);
         if (round % 3 == 2) log_set_sink(nullptr, nullptr);
     }
     // Once the swap returns, the old sink must never be called again: its
-    // owner is free to destroy it.
+    // owner is free to destroy it. Calls are in flight at this moment.
+    log_set_sink(sinkOne, &one);
+    int oneBefore = one.calls.load();
+    ASSERT_TRUE(waitUntil([&] { return one.calls.load() > oneBefore + 20; }));
     log_set_sink(nullptr, nullptr);
     int oneAfter = one.calls.load();
     int twoAfter = two.calls.load();
     int loggedAtSwap = logged.load();
-    ASSERT_TRUE(waitUntil([&] { return logged.load() > loggedAtSwap + 1000; }));
+    ASSERT_TRUE(waitUntil([&] { return logged.load() > loggedAtSwap + 600; }));
     stop = true;
     for (auto& th : threads) th.join();
 
