@@ -39,7 +39,9 @@ void autolog_set_max_size(long bytes);
 
 /* Every message that passes the threshold is also handed to the sink, with
  * the level as 1..4, the source name and the text without the file prefix.
- * Used by tests to read what the module logged. A null sink removes it. */
+ * Used by tests to read what the module logged. A null sink removes it.
+ * Sink calls are serialized, and log_set_sink returns only when no call to
+ * the old sink is in flight, so its owner may then free it. */
 typedef void (*log_sink_fn)(int level, const char* source, const char* text, void* user);
 void log_set_sink(log_sink_fn sink, void* user);
 
