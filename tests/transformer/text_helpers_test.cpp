@@ -79,23 +79,6 @@ TEST(GetJsonString, ReadsTextsAndPrintsLow32BitsSigned) {
     EXPECT_EQ(getJsonString(nullptr), "");
 }
 
-TEST(JsonToString, WritesCompactJson) {
-    struct Case {
-        const char* json;
-        const char* expected;
-    };
-    const Case cases[] = {
-        {"{ \"Host\" : \"a\",\n \"n\": [1, 2] }", "{\"Host\":\"a\",\"n\":[1,2]}"},
-        {"\"text\"", "\"text\""},
-        {"null", "null"},
-        {"-3", "-3"},
-    };
-    for (const Case& c : cases) {
-        rapidjson::Document doc = parsed(c.json);
-        EXPECT_EQ(jsonToString(doc), c.expected) << c.json;
-    }
-}
-
 TEST(GetJsonValue, EmptyTextKeepsTheDefault) {
     std::string protocol = "tcp";
     getJsonValue(protocol, "");
