@@ -1,7 +1,7 @@
 /* Control and read-back of the scriptable action-collector channel, for
- * tests. The channel is up after an init that returned 0 and until the next
- * free; subscriptions change the filter only while it is up, as messages to
- * an absent collector are lost. Every call is recorded either way. */
+ * tests. Every call is recorded; 260 adds to the filter and 259 removes,
+ * whether or not the channel is up (up: after an init that returned 0 and
+ * until the next free), so tests of callers need no init. */
 #ifndef VRCCL_CONTROL_H
 #define VRCCL_CONTROL_H
 

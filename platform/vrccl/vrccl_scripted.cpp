@@ -58,7 +58,6 @@ int vrccl_action_subscribe(int action, int id, int reserved) {
     Channel& ch = channel();
     std::lock_guard<std::mutex> lock(ch.lock);
     ch.calls.push_back(vrccl_subscribe_call{action, id, reserved});
-    if (!ch.up) return -1;
     if (action == VRCCL_ACTION_ADD_PID) {
         ch.filter.insert(id);
     } else if (action == VRCCL_ACTION_DEL_PID) {

@@ -60,20 +60,19 @@ TEST_F(VrcclTest, FilterFollowsAddsAndRemovesInOrder) {
     }
 }
 
-TEST_F(VrcclTest, SubscriptionsToAChannelThatIsDownAreRecordedButLost) {
+TEST_F(VrcclTest, FilterFollowsSubscriptionsWhetherOrNotTheChannelIsUp) {
     const int script[] = {-1};
     vrccl_control_set_init_results(script, 1);
     ASSERT_EQ(vrccl_action_init(), -1);
-    EXPECT_EQ(vrccl_action_subscribe(260, 7, -1), -1);
-    EXPECT_TRUE(filter().empty());
-    ASSERT_EQ(vrccl_action_init(), 0);
+    EXPECT_EQ(vrccl_control_is_up(), 0);
     EXPECT_EQ(vrccl_action_subscribe(260, 7, -1), 0);
+    EXPECT_EQ(vrccl_action_subscribe(260, 8, -1), 0);
     vrccl_action_free();
-    EXPECT_EQ(vrccl_action_subscribe(259, 7, -1), -1);
-    EXPECT_EQ(filter(), std::vector<int>{7});
-    EXPECT_EQ(vrccl_control_subscribe_calls(nullptr, 0), 3);
-    EXPECT_EQ(vrccl_action_init(), 0);
-    EXPECT_EQ(vrccl_action_subscribe(1, 7, -1), -1) << "unknown action";
+    EXPECT_EQ(vrccl_action_subscribe(259, 7, -1), 0);
+    EXPECT_EQ(filter(), std::vector<int>{8});
+    EXPECT_EQ(vrccl_action_subscribe(1, 8, -1), -1) << "unknown action";
+    EXPECT_EQ(filter(), std::vector<int>{8});
+    EXPECT_EQ(vrccl_control_subscribe_calls(nullptr, 0), 4) << "refused calls are recorded too";
 }
 
 TEST_F(VrcclTest, ResetForgetsEverything) {
