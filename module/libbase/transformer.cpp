@@ -1,4 +1,5 @@
 #include "transformer.h"
+#include "transformer_tables.h"
 
 Transformer::Transformer() {
     static const struct {
@@ -32,4 +33,15 @@ Transformer::Transformer() {
     };
     for (const auto& entry : kEventTypes) eventTypeMap.insert(std::make_pair(std::string(entry.name), entry.number));
     for (const auto& entry : kEventIds) eventIdMap.insert(std::make_pair(entry[0], entry[1]));
+}
+
+const char* canonicalFileEventName(int number) {
+    switch (number) {
+        case WL_EVENT_FILE_CREATION: return "FILE_CREATION";
+        case WL_EVENT_FILE_MODIFICATION: return "FILE_MODIFICATION";
+        case WL_EVENT_FILE_DELETION: return "FILE_DELETION";
+        case WL_EVENT_FILE_RENAMING: return "FILE_RENAMING";
+        case WL_EVENT_FILE_TIME_MODIFICATION: return "FILE_TIME_MODIFICATION";
+        default: return nullptr;
+    }
 }

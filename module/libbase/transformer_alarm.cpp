@@ -2,6 +2,7 @@
 // element without its kind or model ends the list; one that fails inside its
 // conversion is dropped alone.
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 
 #include <rapidjson/document.h>
@@ -9,6 +10,7 @@
 #include "str_utils.h"
 #include "transformer.h"
 #include "transformer_members.h"
+#include "transformer_tables.h"
 
 #define WL_LOG_SOURCE "transformer"
 #include "wl_log.h"
@@ -22,14 +24,22 @@ bool hasAll(const rapidjson::Value* object, std::initializer_list<const char*> k
     return true;
 }
 
-const char* fileEventName(int number) {
-    switch (number) {
-        case WL_EVENT_FILE_CREATION: return "FILE_CREATION";
-        case WL_EVENT_FILE_MODIFICATION: return "FILE_MODIFICATION";
-        case WL_EVENT_FILE_DELETION: return "FILE_DELETION";
-        case WL_EVENT_FILE_RENAMING: return "FILE_RENAMING";
-        default: return "FILE_TIME_MODIFICATION";
+}
+
+// What a runtime-application alarm of one action class carries besides "url".
+struct ActionAlarm {
+    const char* subjectKey;
+    const char* type;
+    std::string _RASP_EVENTINFO::*target;
+};
+
+ActionAlarm actionAlarmOf(int number) {
+    if (number == WL_ACTION_DNS) return {"query_name", "network", &_RASP_EVENTINFO::dns_name};
+    if (number == WL_ACTION_EXECUTE) return {"process_cmd_line", "process", &_RASP_EVENTINFO::appCmd};
+    if (number >= WL_ACTION_WRITE && number <= WL_ACTION_DELETE) {
+        return {"file_name", "file", &_RASP_EVENTINFO::file_path};
     }
+    return {"sql_command", "sql", &_RASP_EVENTINFO::sql_text};
 }
 
 }  // namespace
@@ -86,7 +96,7 @@ bool Transformer::TransformAlarmEvent(rapidjson::Value* alarm, _BASE_EVENTINFO& 
         case WL_EVENT_FILE_RENAMING:
         case WL_EVENT_FILE_TIME_MODIFICATION:
             TransformAlarmFileEvent(alarm, event);
-            stringToWchart(event.detail.file.file_event_name, 260, fileEventName(number));
+            stringToWchart(event.detail.file.file_event_name, 260, canonicalFileEventName(number));
             return true;
         case WL_EVENT_NETWORK_CONNECTION: {
             TransformAlarmProcessMsg(alarm, event.process_info);
@@ -163,22 +173,11 @@ bool Transformer::TransformAlarmEvent(rapidjson::Value* alarm, _RASP_EVENTINFO& 
         return true;
     }
 
-    const char* subjectKey;
-    const char* type;
-    std::string* target;
-    if (number == WL_ACTION_DNS) {
-        subjectKey = "query_name", type = "network", target = &event.dns_name;
-    } else if (number == WL_ACTION_EXECUTE) {
-        subjectKey = "process_cmd_line", type = "process", target = &event.appCmd;
-    } else if (number >= WL_ACTION_WRITE && number <= WL_ACTION_DELETE) {
-        subjectKey = "file_name", type = "file", target = &event.file_path;
-    } else {
-        subjectKey = "sql_command", type = "sql", target = &event.sql_text;
-    }
-    if (!hasAll(alarm, {subjectKey, "url"})) return false;
-    getJsonValue(event.type, type);
+    const ActionAlarm shape = actionAlarmOf(number);
+    if (!hasAll(alarm, {shape.subjectKey, "url"})) return false;
+    getJsonValue(event.type, shape.type);
     getJsonValue(event.url, textOf(alarm, "url"));
-    getJsonValue(event.action_data, textOf(alarm, subjectKey));
-    getJsonValue(*target, event.action_data);
+    getJsonValue(event.action_data, textOf(alarm, shape.subjectKey));
+    getJsonValue(event.*shape.target, event.action_data);
     return true;
 }

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>

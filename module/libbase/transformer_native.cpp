@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "transformer.h"
+#include "transformer_tables.h"
 
 namespace {
 
@@ -26,15 +27,6 @@ bool setKindAndTime(const std::map<std::string, int>& table, const std::string& 
     return true;
 }
 
-const char* canonicalFileEventName(int number) {
-    switch (number) {
-        case WL_EVENT_FILE_CREATION: return "FILE_CREATION";
-        case WL_EVENT_FILE_MODIFICATION: return "FILE_MODIFICATION";
-        case WL_EVENT_FILE_DELETION: return "FILE_DELETION";
-        case WL_EVENT_FILE_RENAMING: return "FILE_RENAMING";
-        case WL_EVENT_FILE_TIME_MODIFICATION: return "FILE_TIME_MODIFICATION";
-        default: return nullptr;
-    }
 }
 
 // The acting process, laid out alike in file and network records.

@@ -8,6 +8,7 @@
 
 #include "transformer.h"
 #include "transformer_members.h"
+#include "transformer_tables.h"
 #include "wl_clock.h"
 
 #define WL_LOG_SOURCE "transformer"
@@ -75,11 +76,7 @@ bool Transformer::TransformEvent(rapidjson::Document* doc, _BASE_EVENTINFO& even
         case WL_EVENT_FILE_RENAMING: {
             TransformProcessMsg(doc, event.process_info);
             TransformFileMsg(doc, file);
-            const char* name = number == WL_EVENT_FILE_CREATION       ? "FILE_CREATION"
-                               : number == WL_EVENT_FILE_MODIFICATION ? "FILE_MODIFICATION"
-                               : number == WL_EVENT_FILE_RENAMING     ? "FILE_RENAMING"
-                                                                      : "FILE_TIME_MODIFICATION";
-            stringToWchart(file.file_event_name, 260, name);
+            stringToWchart(file.file_event_name, 260, canonicalFileEventName(number));
             if (number == WL_EVENT_FILE_RENAMING) {
                 // The old name gets the narrow capacity of a hash, on purpose.
                 putOptionalText(doc, "file_md5", file.file_md5, 33);
@@ -91,7 +88,7 @@ bool Transformer::TransformEvent(rapidjson::Document* doc, _BASE_EVENTINFO& even
             if (!jsonHas(doc, "process_id") || !jsonHas(doc, "process_path")) return false;
             event.process_info.process_id = getJsonInt(jsonMember(doc, "process_id"));
             putText(doc, "process_path", event.process_info.process_path, 260);
-            stringToWchart(file.file_event_name, 260, "FILE_DELETION");
+            stringToWchart(file.file_event_name, 260, canonicalFileEventName(number));
             putOptionalText(doc, "process_guid", event.process_info.process_guid, 40);
             putOptionalText(doc, "file_name", file.file_name, 260);
             return true;
