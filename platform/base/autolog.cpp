@@ -75,8 +75,12 @@ void autolog_write(const char* data, size_t len) {
 
 }  // namespace kembase
 
+// A thread keeps the first file it bound: the engines open their logs from the
+// module's work thread during start-up, and that thread's own lines must stay
+// in its own file.
 extern "C" int autolog_init(const char* dir, int flags) {
     if (!dir || !*dir) return -1;
+    if (kembase::t_binding) return 0;
     std::string cleaned = kembase::stripTrailingSlashes(dir);
     if (dirutils_mkdir(cleaned.c_str(), 0755) != 0) return -1;
     std::shared_ptr<kembase::LogFile> file = kembase::acquire(kembase::logPathFor(cleaned));

@@ -23,7 +23,8 @@ void orv_log_output(int level, const char* fmt, ...) __attribute__((format(print
 
 /* Creates dir and binds the calling thread's output to
  * "<dir>/<last component of dir>.log", with size-based rotation. Threads
- * without a binding write to the first file ever opened this way. flags are
+ * without a binding write to the first file ever opened this way. A thread
+ * that is bound already keeps its file (returns 0). flags are
  * kept for the agent's contract and unused. Returns 0 on success. */
 int autolog_init(const char* dir, int flags);
 /* Releases the calling thread's binding; a file closes with its last user. */

@@ -46,6 +46,25 @@ TEST(Autolog, FileIsNamedAfterTheLastComponentAndParentsAreCreated) {
     }
 }
 
+TEST(Autolog, ABoundThreadKeepsItsFirstFileUntilDeinit) {
+    LogCapture capture;
+    TempDir tmp;
+    std::string work = tmp / "white_list";
+    std::string engine = tmp / "base_engine";
+    onThread([&] {
+        ASSERT_EQ(autolog_init(work.c_str(), 5), 0);
+        ASSERT_EQ(autolog_init(engine.c_str(), 5), 0);
+        error_output(LOG_LVL_INFO, "t", 1, "work thread line");
+        autolog_deinit();
+        ASSERT_EQ(autolog_init(engine.c_str(), 5), 0);
+        error_output(LOG_LVL_INFO, "t", 2, "rebound line");
+        autolog_deinit();
+    });
+    EXPECT_TRUE(fileContains(work + "/white_list.log", "work thread line"));
+    EXPECT_FALSE(fileContains(work + "/white_list.log", "rebound line"));
+    EXPECT_TRUE(fileContains(engine + "/base_engine.log", "rebound line"));
+}
+
 TEST(Autolog, RefusesWhatCannotHoldADirectory) {
     TempDir tmp;
     writeFile(tmp / "plain", "x");
