@@ -24,8 +24,6 @@ bool hasAll(const rapidjson::Value* object, std::initializer_list<const char*> k
     return true;
 }
 
-}
-
 // What a runtime-application alarm of one action class carries besides "url".
 struct ActionAlarm {
     const char* subjectKey;

@@ -27,8 +27,6 @@ bool setKindAndTime(const std::map<std::string, int>& table, const std::string& 
     return true;
 }
 
-}
-
 // The acting process, laid out alike in file and network records.
 template <typename Native>
 void fillActor(const Native& native, _BASE_PROCESSES_INFO& actor) {
