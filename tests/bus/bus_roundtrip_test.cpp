@@ -190,4 +190,30 @@ TEST(BrokenInstallation, ALibraryWithoutTheEntryIsAFailure) {
     rmdir(dir);
 }
 
+TEST(TelemetryRegistration, MissingOrWrongLibraryFails) {
+    LogCapture log;
+    char dir[] = "/tmp/wl_rasp_missing_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string lib = std::string(dir) + "/lib";
+    const std::string plugins = std::string(dir) + "/agent_plugins";
+    ASSERT_EQ(dirutils_mkdir(lib.c_str(), 0755), 0);
+    ASSERT_EQ(dirutils_mkdir(plugins.c_str(), 0755), 0);
+    dirutils_set_install_dir(lib.c_str());
+
+    EXPECT_EQ(whitelist_init_rasp_handler(transmit_rasp_data, nullptr), -1);
+    EXPECT_EQ(log.count("load liborv_rasp failed:"), 1) << log.dump();
+
+    // The bus library stands in for a telemetry library without the entry.
+    const std::string fake = plugins + "/liborv_rasp.50.so";
+    ASSERT_EQ(symlink(WL_TEST_PLUGIN_DIR "/libtulmb.1.so", fake.c_str()), 0);
+    for (int attempt = 1; attempt <= 2; ++attempt) {
+        EXPECT_EQ(whitelist_init_rasp_handler(transmit_rasp_data, nullptr), -1);
+        EXPECT_EQ(log.count("load tulmb symbol: orv_rasp_reg_tele_callback failed:"), attempt) << log.dump();
+    }
+    unlink(fake.c_str());
+    rmdir(plugins.c_str());
+    rmdir(lib.c_str());
+    rmdir(dir);
+}
+
 }  // namespace
