@@ -12,10 +12,6 @@
 #include "whitelist.h"
 #include "whitelist_upload.h"
 
-std::vector<base_init_st>* g_model_array = new std::vector<base_init_st>();
-std::vector<base_init_st>* g_rasp_model_array = new std::vector<base_init_st>();
-std::map<unsigned long long, bool>* g_model_pid = new std::map<unsigned long long, bool>();
-
 extern "C" {
 WhitelistContext g_whitelist_context;
 }

@@ -1,6 +1,6 @@
 // Link-time stand-ins for what model management takes from the rest of the
 // agent: asset lists, the collector's filter, the upload paths, the run-time
-// symbol look-up, the module context and the model lists.
+// symbol look-up and the module context.
 #ifndef WL_TESTS_MODELS_AGENT_DOUBLES_H
 #define WL_TESTS_MODELS_AGENT_DOUBLES_H
 
