@@ -44,6 +44,9 @@ BaseEngine::BaseEngine()
 // Releases the members only: a process that ends with the engine running gets
 // no stop and no last save.
 BaseEngine::~BaseEngine() {
+    if (m_isRunning.load()) {
+        return;  // its threads may still take the locks while the process ends
+    }
     orv_cond_destroy(&m_stopCond);
     orv_mutex_destroy(&m_spareLock);
     orv_mutex_destroy(&m_engineLock);

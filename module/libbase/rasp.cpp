@@ -42,6 +42,9 @@ RaspEngine::RaspEngine()
 
 // Releases the members only, as BaseEngine does.
 RaspEngine::~RaspEngine() {
+    if (m_isRunning.load()) {
+        return;  // its threads may still take the locks while the process ends
+    }
     orv_cond_destroy(&m_stopCond);
     orv_mutex_destroy(&m_spareLock);
     orv_mutex_destroy(&m_engineLock);

@@ -219,19 +219,3 @@ TEST_F(LifecycleTest, UninitializeTwiceThenStartAgainWithANewObject) {
     EXPECT_EQ(stopped + 1, Library::instance().calls(Engine::Base, "processEvent")[0].object)
         << "the restart works on a new library object";
 }
-
-TEST_F(LifecycleTest, StopJoinsThreadsBeforeDestroyingTheObjectAndEmptiesQueues) {
-    startBase();
-    // The queues are emptied after the joins; nothing may reach the library then.
-    Library::instance().setHook([](const fake_model::Call& call) {
-        if (call.op == "destroy") {
-            EXPECT_FALSE(BaseEngine::GetInstance()->m_workThreadsStarted);
-        }
-    });
-    BaseEngine::GetInstance()->Uninitialize();
-    Library::instance().setHook(nullptr);
-    EXPECT_EQ(0u, base_queue_size());
-    EXPECT_EQ(0u, base_delay_size());
-    std::vector<std::string> ops = Library::instance().opSequence(Engine::Base);
-    EXPECT_EQ("destroy", ops.back());
-}

@@ -151,14 +151,3 @@ TEST_F(AlarmFeedbackTest, RaspAlarmsAreFedBackThenSaved) {
     EXPECT_EQ("saveModel", calls[2].op);
     EXPECT_EQ(RaspEngine::GetInstance()->m_modelSavePath, calls[2].text);
 }
-
-TEST_F(AlarmFeedbackTest, FeedbackWaitsForTheEngineLock) {
-    BaseEngine* engine = BaseEngine::GetInstance();
-    orv_mutex_lock(&engine->m_engineLock);
-    std::thread feedback([] { BaseEngine::GetInstance()->dealAlarmEvent("[]"); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(0, Library::instance().count(Engine::Base, "saveModel"));
-    orv_mutex_unlock(&engine->m_engineLock);
-    feedback.join();
-    EXPECT_EQ(1, Library::instance().count(Engine::Base, "saveModel"));
-}
