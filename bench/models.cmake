@@ -4,6 +4,7 @@ find_package(benchmark REQUIRED)
 add_executable(models_bench
   models_bench.cpp
   ${CMAKE_SOURCE_DIR}/tests/models/doubles/agent_doubles.cpp
-  ${CMAKE_SOURCE_DIR}/tests/models/doubles/model_library_double.cpp)
+  ${CMAKE_SOURCE_DIR}/tests/models/doubles/model_library_double.cpp
+  ${CMAKE_SOURCE_DIR}/tests/models/doubles/model_lists_double.cpp)
 target_include_directories(models_bench PRIVATE ${CMAKE_SOURCE_DIR}/tests/models)
 target_link_libraries(models_bench PRIVATE wl_models wl_common kembase benchmark::benchmark_main ${CMAKE_DL_LIBS})
