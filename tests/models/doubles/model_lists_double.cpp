@@ -2,6 +2,12 @@
 // here for test executables that don't link that area.
 #include "model_records.h"
 
-std::vector<base_init_st>* g_model_array = new std::vector<base_init_st>();
-std::vector<base_init_st>* g_rasp_model_array = new std::vector<base_init_st>();
-std::map<unsigned long long, bool>* g_model_pid = new std::map<unsigned long long, bool>();
+namespace {
+std::vector<base_init_st> g_base_models;
+std::vector<base_init_st> g_rasp_models;
+std::map<unsigned long long, bool> g_pids;
+}  // namespace
+
+std::vector<base_init_st>* g_model_array = &g_base_models;
+std::vector<base_init_st>* g_rasp_model_array = &g_rasp_models;
+std::map<unsigned long long, bool>* g_model_pid = &g_pids;
