@@ -7,10 +7,6 @@
 namespace tulmb {
 
 namespace {
-// Deliveries under way on this thread: a plug-in may unadvise from inside its
-// own OnEvent, and then must not wait for itself.
-thread_local int t_deliveryDepth = 0;
-
 bool sameId(const Subscription& subscription, const unsigned char* id) {
     return std::memcmp(subscription.id, id, sizeof(subscription.id)) == 0;
 }
@@ -147,7 +143,8 @@ void Bus::removeSubscriptions(const std::function<bool(const Subscription&)>& ma
                 ++it;
             }
         }
-        if (t_deliveryDepth == 0) {
+        // A plug-in may unadvise from inside its own OnEvent: it must not wait for itself.
+        if (m_delivering.count(std::this_thread::get_id()) == 0) {
             // After Unadvise returns, no OnEvent of the plug-in is still running.
             m_deliveryDone.wait(lock, [&removed] {
                 return std::all_of(removed.begin(), removed.end(),
@@ -218,19 +215,19 @@ void Bus::deliver(MbFrame::IEvent* event) {
                 targets.push_back(s);
             }
         }
+        m_delivering.insert(std::this_thread::get_id());
     }
-    ++t_deliveryDepth;
     for (const auto& target : targets) {
         _RESPONSE_STATUS status = {0, 0};
         event->AddRef();  // the subscriber's reference: it releases it
         target->plugin->OnEvent(event, &status);
     }
-    --t_deliveryDepth;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (const auto& target : targets) {
             --target->inflight;
         }
+        m_delivering.erase(m_delivering.find(std::this_thread::get_id()));
     }
     m_deliveryDone.notify_all();
 }

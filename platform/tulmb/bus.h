@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -57,6 +58,9 @@ private:
     std::condition_variable m_deliveryDone;
     std::vector<std::shared_ptr<Subscription>> m_subscriptions;
     std::deque<MbFrame::IEvent*> m_queue;
+    // Threads inside deliver(), once per nesting level. Not a thread_local:
+    // the library can be unloaded, and its TLS must not outlive it.
+    std::multiset<std::thread::id> m_delivering;
     std::thread m_thread;
     bool m_stopping = false;
     int m_frames = 0;
