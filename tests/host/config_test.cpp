@@ -10,7 +10,7 @@ using host_doubles::calls;
 
 namespace {
 
-class ConfigTest : public HostTest {
+class HostConfigTest : public HostTest {
 protected:
     static void reply(const std::string& text, int status = 0) {
         // The reply is not terminated: what follows the bytes must not count.
@@ -19,7 +19,7 @@ protected:
     }
 };
 
-TEST_F(ConfigTest, PortFile) {
+TEST_F(HostConfigTest, PortFile) {
     struct Case {
         const char* body;
         std::vector<int> ports;  // front to back: the file's order reversed
@@ -44,20 +44,20 @@ TEST_F(ConfigTest, PortFile) {
     }
 }
 
-TEST_F(ConfigTest, MissingPortFileIsAnError) {
+TEST_F(HostConfigTest, MissingPortFileIsAnError) {
     removePortConfig();
     EXPECT_EQ(whitelist_load_config(&g_whitelist_context), -1);
     EXPECT_EQ(m_log.count("load config failed\n", 1), 1);
     EXPECT_TRUE(filteredPorts().empty());
 }
 
-TEST_F(ConfigTest, UnloadOfANeverLoadedContextDoesNothing) {
+TEST_F(HostConfigTest, UnloadOfANeverLoadedContextDoesNothing) {
     WhitelistContext context = {};
     whitelist_unload_config(&context);
     EXPECT_EQ(context.port_filter_list.next, nullptr);
 }
 
-TEST_F(ConfigTest, RequestAsksForTheModuleSwitch) {
+TEST_F(HostConfigTest, RequestAsksForTheModuleSwitch) {
     g_whitelist_context.cfg_ipc = host_doubles::ipc_handle();
     g_whitelist_context.cfg_addr = host_doubles::addr_handle();
     req_whitelist_conf_from_cfg(&g_whitelist_context);
@@ -79,7 +79,7 @@ TEST_F(ConfigTest, RequestAsksForTheModuleSwitch) {
     orv_xmsg_release(msg);
 }
 
-TEST_F(ConfigTest, NotificationPromptsARequest) {
+TEST_F(HostConfigTest, NotificationPromptsARequest) {
     struct Case {
         unsigned int cmd;
         const char* data;
@@ -106,13 +106,13 @@ TEST_F(ConfigTest, NotificationPromptsARequest) {
     }
 }
 
-TEST_F(ConfigTest, NotificationWithoutContextIsRefused) {
+TEST_F(HostConfigTest, NotificationWithoutContextIsRefused) {
     whitelist_cfg_update(0, 0, 1002, "x", 1, nullptr);
     EXPECT_EQ(m_log.count("user_data is NULL, cfg_update failed.", 1), 1);
     EXPECT_TRUE(host_doubles::requests().empty());
 }
 
-TEST_F(ConfigTest, ReplySwitchesTheTimers) {
+TEST_F(HostConfigTest, ReplySwitchesTheTimers) {
     const std::vector<std::string> on = {"init_whitelist_timer(ctx)", "init_whitelist_rasp_timer(ctx)"};
     const std::vector<std::string> off = {"uninit_whitelist_timer(ctx)", "uninit_whitelist_rasp_timer(ctx)"};
     auto both = [](std::vector<std::string> a, const std::vector<std::string>& b) {
@@ -144,7 +144,7 @@ TEST_F(ConfigTest, ReplySwitchesTheTimers) {
     }
 }
 
-TEST_F(ConfigTest, ReplyLogs) {
+TEST_F(HostConfigTest, ReplyLogs) {
     reply(R"([{"module_type":"av_module","switch_status":1}])");
     EXPECT_EQ(m_log.count("skip module av_module", 3), 1);
     EXPECT_EQ(m_log.count(R"(recv cfg cmd: 1004. data [{"module_type":"av_module","switch_status":1}])", 3), 1)
@@ -154,7 +154,7 @@ TEST_F(ConfigTest, ReplyLogs) {
     EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(ConfigTest, BadRepliesChangeNothing) {
+TEST_F(HostConfigTest, BadRepliesChangeNothing) {
     struct Case {
         const char* text;
         int status;

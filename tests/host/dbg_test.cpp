@@ -10,9 +10,9 @@ using host_doubles::calls;
 
 namespace {
 
-class DbgTest : public HostTest {};
+class HostDbgTest : public HostTest {};
 
-TEST_F(DbgTest, TableIsRegisteredInItsOrder) {
+TEST_F(HostDbgTest, TableIsRegisteredInItsOrder) {
     ASSERT_EQ(init_ipc_handle(&g_whitelist_context), 0);
     ipc_handler_table* table = host_doubles::registered_ipc_table();
     ASSERT_NE(table, nullptr);
@@ -23,7 +23,7 @@ TEST_F(DbgTest, TableIsRegisteredInItsOrder) {
     uninitialize_ipc_handler(&g_whitelist_context);
 }
 
-TEST_F(DbgTest, StatusHandlers) {
+TEST_F(HostDbgTest, StatusHandlers) {
     struct Case {
         int before;
         int after;
@@ -55,7 +55,7 @@ TEST_F(DbgTest, StatusHandlers) {
     EXPECT_EQ(m_log.count("==white_list_obtain_run_status", 3), 1);
 }
 
-TEST_F(DbgTest, CommandsReachTheirHandlersWithoutGates) {
+TEST_F(HostDbgTest, CommandsReachTheirHandlersWithoutGates) {
     // Neither gate of the task channel applies here.
     g_whitelist_context.base_engine_on = 0;
     g_whitelist_context.asset_ready = 0;
@@ -95,7 +95,7 @@ TEST_F(DbgTest, CommandsReachTheirHandlersWithoutGates) {
     }
 }
 
-TEST_F(DbgTest, BadMessages) {
+TEST_F(HostDbgTest, BadMessages) {
     whitelist_dbg_ipc_fn(0, 0, 4, nullptr);
     EXPECT_EQ(m_log.count("recv msg is null", 1), 1);
     for (const char* msg : {"5", "{broken", R"({"path":"/x"})", R"({"opr_code":"1"})", "[1]"}) {
@@ -107,7 +107,7 @@ TEST_F(DbgTest, BadMessages) {
     EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(DbgTest, UploadOneFile) {
+TEST_F(HostDbgTest, UploadOneFile) {
     whitelist_dbg_ipc_fn(0, 0, 4, R"({"opr_code":8,"path":"/var/base/originLog/1.log"})");
     auto files = agent_symbols::uploaded_files();
     ASSERT_EQ(files.size(), 1u);

@@ -10,7 +10,7 @@ using host_doubles::script;
 
 namespace {
 
-class DispatchTest : public HostTest {
+class HostDispatchTest : public HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
@@ -23,14 +23,14 @@ protected:
     }
 };
 
-TEST_F(DispatchTest, InvalidParameters) {
+TEST_F(HostDispatchTest, InvalidParameters) {
     EXPECT_EQ(whitelist_task_push_fn(0, 0, nullptr, 10), WL_ERR_INVALID_PARAM);
     EXPECT_EQ(whitelist_task_push_fn(0, 0, R"({"opr_code":2})", 0), WL_ERR_INVALID_PARAM);
     EXPECT_EQ(m_log.count("ipc task push invalid parameter msg", 2), 2);
     EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(DispatchTest, MalformedCommandsAreRefused) {
+TEST_F(HostDispatchTest, MalformedCommandsAreRefused) {
     struct Case {
         const char* msg;
         const char* message;
@@ -54,7 +54,7 @@ TEST_F(DispatchTest, MalformedCommandsAreRefused) {
     EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(DispatchTest, UnknownCodesCountAsHandled) {
+TEST_F(HostDispatchTest, UnknownCodesCountAsHandled) {
     // -1 is above 106 taken as unsigned; a number beyond int saturates.
     const std::pair<const char*, const char*> cases[] = {
         {"0", "0"}, {"8", "8"}, {"-1", "-1"}, {"107", "107"}, {"100", "100"}, {"4294967295", "2147483647"}};
@@ -68,7 +68,7 @@ TEST_F(DispatchTest, UnknownCodesCountAsHandled) {
     EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(DispatchTest, EngineGateRefusesAllButCodeZero) {
+TEST_F(HostDispatchTest, EngineGateRefusesAllButCodeZero) {
     g_whitelist_context.base_engine_on = 0;
     for (const char* msg : {R"({"opr_code":2})", R"({"opr_code":102})", R"({"opr_code":1})", R"({"opr_code":8})"}) {
         SCOPED_TRACE(msg);
@@ -81,7 +81,7 @@ TEST_F(DispatchTest, EngineGateRefusesAllButCodeZero) {
     EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(DispatchTest, AssetGateHoldsOnlyTheStartCommands) {
+TEST_F(HostDispatchTest, AssetGateHoldsOnlyTheStartCommands) {
     g_whitelist_context.asset_ready = 0;
     EXPECT_EQ(push(R"({"opr_code":1})"), WL_ERR_FAILED);
     EXPECT_EQ(push(R"({"opr_code":101})"), WL_ERR_FAILED);
@@ -93,7 +93,7 @@ TEST_F(DispatchTest, AssetGateHoldsOnlyTheStartCommands) {
     EXPECT_EQ(calls().size(), 3u);
 }
 
-TEST_F(DispatchTest, EachCodeReachesItsHandlerWithTheTree) {
+TEST_F(HostDispatchTest, EachCodeReachesItsHandlerWithTheTree) {
     struct Case {
         int code;
         const char* call;

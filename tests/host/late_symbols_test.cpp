@@ -17,7 +17,7 @@ using host_doubles::calls;
 
 namespace {
 
-class LateSymbolsTest : public HostTest {
+class HostLateSymbolsTest : public HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
@@ -32,7 +32,7 @@ protected:
 };
 
 // One test: the library stays loaded for the rest of the process.
-TEST_F(LateSymbolsTest, MissingThenFound) {
+TEST_F(HostLateSymbolsTest, MissingThenFound) {
     agent_symbols::HeaderScript header;
     header.seq = 77;
     header.host_uuid = "late-uuid";

@@ -23,7 +23,7 @@ Calls concat(Calls head, const Calls& tail) {
     return head;
 }
 
-class MainLoopTest : public HostTest {
+class HostMainLoopTest : public HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
@@ -41,7 +41,7 @@ protected:
     }
 };
 
-TEST_F(MainLoopTest, ModuleSwitch) {
+TEST_F(HostMainLoopTest, ModuleSwitch) {
     struct Case {
         uint16_t switching_on;
         uint16_t white_list_on;
@@ -55,7 +55,7 @@ TEST_F(MainLoopTest, ModuleSwitch) {
     }
 }
 
-TEST_F(MainLoopTest, SwitchedOffLeavesTasksQueued) {
+TEST_F(HostMainLoopTest, SwitchedOffLeavesTasksQueued) {
     agent_symbols::set_module_switch(1, 0);
     host_doubles::queue_task(R"({"opr_code":3,"model_name":"m"})");
     pass();
@@ -68,7 +68,7 @@ TEST_F(MainLoopTest, SwitchedOffLeavesTasksQueued) {
     EXPECT_EQ(host_doubles::task_results(), std::vector<unsigned int>{0});
 }
 
-TEST_F(MainLoopTest, OfflineEventDuringSwitchedOffIsHandledOnTheFirstActivePass) {
+TEST_F(HostMainLoopTest, OfflineEventDuringSwitchedOffIsHandledOnTheFirstActivePass) {
     agent_symbols::set_module_switch(1, 0);
     orv_event_set(g_vr_event);
     EXPECT_EQ(pass(), kSwitchedOffPass);
@@ -81,7 +81,7 @@ TEST_F(MainLoopTest, OfflineEventDuringSwitchedOffIsHandledOnTheFirstActivePass)
     EXPECT_EQ(pass(), kActivePass) << "the event was reset";
 }
 
-TEST_F(MainLoopTest, CollectorThatStaysDownIsReportedAndTheFilterStillReloads) {
+TEST_F(HostMainLoopTest, CollectorThatStaysDownIsReportedAndTheFilterStillReloads) {
     script().vrccl_init_default = -1;
     orv_event_set(g_vr_event);
     Calls actual = pass();
@@ -92,7 +92,7 @@ TEST_F(MainLoopTest, CollectorThatStaysDownIsReportedAndTheFilterStillReloads) {
     EXPECT_EQ(Calls(actual.end() - 2, actual.end()), (Calls{"reload_vrccl_filter", "orv_event_reset"}));
 }
 
-TEST_F(MainLoopTest, OfflineSignalDuringTheRestartIsAbsorbed) {
+TEST_F(HostMainLoopTest, OfflineSignalDuringTheRestartIsAbsorbed) {
     script().vrccl_init_results = {-1};
     // The collector drops again while the module is reconnecting.
     script().on_sleep = [](unsigned int) { orv_event_set(g_vr_event); };

@@ -94,9 +94,9 @@ const std::vector<FatalCase>& fatal_cases() {
     return cases;
 }
 
-class StartupTest : public HostTest {};
+class HostStartupTest : public HostTest {};
 
-TEST_F(StartupTest, ReachesTheMainLoopInOrder) {
+TEST_F(HostStartupTest, ReachesTheMainLoopInOrder) {
     ASSERT_EQ(whitelist_startup(&g_whitelist_context), 0) << m_log.dump();
     EXPECT_EQ(calls(), kStartupOrder);
     EXPECT_EQ(g_whitelist_context.asset_ready, 1);
@@ -112,7 +112,7 @@ TEST_F(StartupTest, ReachesTheMainLoopInOrder) {
     }
 }
 
-TEST_F(StartupTest, FatalStepsEndInTheTeardown) {
+TEST_F(HostStartupTest, FatalStepsEndInTheTeardown) {
     for (const auto& c : fatal_cases()) {
         SCOPED_TRACE(c.name);
         host_doubles::reset();
@@ -136,7 +136,7 @@ TEST_F(StartupTest, FatalStepsEndInTheTeardown) {
     }
 }
 
-TEST_F(StartupTest, FailedSubscriptionComesAfterTheOpenPortReport) {
+TEST_F(HostStartupTest, FailedSubscriptionComesAfterTheOpenPortReport) {
     script().msg_recv_result = 1;
     ASSERT_EQ(whitelist_startup(&g_whitelist_context), -1);
     Calls all = calls();
@@ -147,7 +147,7 @@ TEST_F(StartupTest, FailedSubscriptionComesAfterTheOpenPortReport) {
     EXPECT_EQ(g_whitelist_context.asset_ready, 1);
 }
 
-TEST_F(StartupTest, CollectorFailureIsNotFatal) {
+TEST_F(HostStartupTest, CollectorFailureIsNotFatal) {
     struct Case {
         std::deque<int> results;
         int default_result;
@@ -177,7 +177,7 @@ TEST_F(StartupTest, CollectorFailureIsNotFatal) {
     }
 }
 
-TEST_F(StartupTest, AssetWaitServesCommandsButRefusesStarts) {
+TEST_F(HostStartupTest, AssetWaitServesCommandsButRefusesStarts) {
     // Kind 9 is collected only at its third query.
     script().asset_state = [](int kind, int call) { return kind == 9 && call < 2 ? 0 : 1; };
     host_doubles::queue_task(R"({"opr_code":1,"model":[]})");
@@ -211,7 +211,7 @@ TEST_F(StartupTest, AssetWaitServesCommandsButRefusesStarts) {
     EXPECT_EQ(host_doubles::count("whitelist_base_task_start"), 0) << "a refused start is not remembered";
 }
 
-TEST_F(StartupTest, StartCommandIsServedOnceAssetsAreReady) {
+TEST_F(HostStartupTest, StartCommandIsServedOnceAssetsAreReady) {
     ASSERT_EQ(whitelist_startup(&g_whitelist_context), 0);
     host_doubles::queue_task(R"({"opr_code":1,"model":[]})");
     whitelist_main_loop_pass(&g_whitelist_context);
@@ -219,7 +219,7 @@ TEST_F(StartupTest, StartCommandIsServedOnceAssetsAreReady) {
     EXPECT_EQ(host_doubles::count("whitelist_base_task_start"), 1);
 }
 
-TEST_F(StartupTest, EntryStartsOneThreadEvenAfterAFailedStart) {
+TEST_F(HostStartupTest, EntryStartsOneThreadEvenAfterAFailedStart) {
     script().run_thread = true;
     script().event_init_result = 1;  // the thread ends at once, through the tear-down
 
@@ -233,20 +233,20 @@ TEST_F(StartupTest, EntryStartsOneThreadEvenAfterAFailedStart) {
     EXPECT_EQ(m_log.count("host_state thread already runing.\n", 2), 1);
 }
 
-TEST_F(StartupTest, EntryPassesTheThreadResultOn) {
+TEST_F(HostStartupTest, EntryPassesTheThreadResultOn) {
     script().thread_create_result = 7;
     EXPECT_EQ(orv_whitelist_init(), 7u);
     EXPECT_EQ(g_whitelist_context.running, 1);
 }
 
-TEST_F(StartupTest, EntryEndsTheProcessWhenNoThreadCanBeMade) {
+TEST_F(HostStartupTest, EntryEndsTheProcessWhenNoThreadCanBeMade) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     script().thread_create_result = -1;
     // The process reports 1012; its parent sees the low 8 bits of it.
     EXPECT_EXIT(orv_whitelist_init(), ::testing::ExitedWithCode(1012 & 0xff), "");
 }
 
-TEST_F(StartupTest, TeardownOfANeverStartedContextIsHarmless) {
+TEST_F(HostStartupTest, TeardownOfANeverStartedContextIsHarmless) {
     whitelist_teardown(&g_whitelist_context);
     EXPECT_EQ(calls(), kTeardownWithoutHandles);
     whitelist_teardown(&g_whitelist_context);

@@ -31,7 +31,7 @@ std::string print(const cJSON* item) {
     return out;
 }
 
-class UploadTest : public HostTest {
+class HostUploadTest : public HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
@@ -39,7 +39,7 @@ protected:
     }
 };
 
-TEST_F(UploadTest, EnvelopeKeysInOrderAllStrings) {
+TEST_F(HostUploadTest, EnvelopeKeysInOrderAllStrings) {
     agent_symbols::HeaderScript header;
     header.seq = 5000000000ULL;  // above 2^32: a 32-bit print would cut it
     header.send_time = "2026-11-22 01:02:03";
@@ -72,7 +72,7 @@ TEST_F(UploadTest, EnvelopeKeysInOrderAllStrings) {
     EXPECT_TRUE(m_log.contains("upload str: " + uploads[0].text, 4));
 }
 
-TEST_F(UploadTest, EachTypeNamesItsPayload) {
+TEST_F(HostUploadTest, EachTypeNamesItsPayload) {
     const char* names[] = {"model", "learn_status", "alarm", "rasp_model", "rasp_learn_status", "rasp_alarm",
                            "open_proc"};
     for (int type = 0; type < 7; ++type) {
@@ -85,7 +85,7 @@ TEST_F(UploadTest, EachTypeNamesItsPayload) {
     }
 }
 
-TEST_F(UploadTest, ArrayPayloadsStayArrays) {
+TEST_F(HostUploadTest, ArrayPayloadsStayArrays) {
     for (const char* payload : {R"([{"pid":10,"port":80}])", "[]"}) {
         SCOPED_TRACE(payload);
         agent_symbols::reset();
@@ -95,7 +95,7 @@ TEST_F(UploadTest, ArrayPayloadsStayArrays) {
     }
 }
 
-TEST_F(UploadTest, BadInputSendsNothing) {
+TEST_F(HostUploadTest, BadInputSendsNothing) {
     struct Case {
         const char* text;
         int type;
@@ -118,7 +118,7 @@ TEST_F(UploadTest, BadInputSendsNothing) {
     EXPECT_TRUE(agent_symbols::uploads().empty());
 }
 
-TEST_F(UploadTest, HeaderErrorIsPassedOn) {
+TEST_F(HostUploadTest, HeaderErrorIsPassedOn) {
     agent_symbols::HeaderScript header;
     header.result = 5;
     agent_symbols::set_header(header);
@@ -128,7 +128,7 @@ TEST_F(UploadTest, HeaderErrorIsPassedOn) {
     EXPECT_TRUE(agent_symbols::uploads().empty());
 }
 
-TEST_F(UploadTest, UploadServiceFailures) {
+TEST_F(HostUploadTest, UploadServiceFailures) {
     struct Case {
         int service_result;
         int expected;
@@ -153,7 +153,7 @@ TEST_F(UploadTest, UploadServiceFailures) {
     }
 }
 
-TEST_F(UploadTest, UploadsNeverOverlap) {
+TEST_F(HostUploadTest, UploadsNeverOverlap) {
     agent_symbols::set_upload_delay(std::chrono::milliseconds(5));
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -166,14 +166,14 @@ TEST_F(UploadTest, UploadsNeverOverlap) {
     EXPECT_EQ(agent_symbols::max_concurrent_uploads(), 1);
 }
 
-TEST_F(UploadTest, LockInitIsIdempotent) {
+TEST_F(HostUploadTest, LockInitIsIdempotent) {
     EXPECT_EQ(whitelist_init_upload_lock(), 0);
     whitelist_uninit_upload_lock();
     whitelist_uninit_upload_lock();
     EXPECT_EQ(whitelist_init_upload_lock(), 0);
 }
 
-TEST(DllLayer, LooksUpInTheGlobalScope) {
+TEST(HostDllLayer, LooksUpInTheGlobalScope) {
     EXPECT_NE(dll_get_addr_ex(nullptr, "_upload2mgr"), nullptr);
     EXPECT_EQ(dll_get_addr_ex(nullptr, "no_such_symbol_here"), nullptr);
     EXPECT_EQ(dll_get_addr_ex(nullptr, ""), nullptr);
