@@ -25,7 +25,7 @@ using Tree = std::unique_ptr<cJSON, TreeDeleter>;
 std::atomic<long long> g_now{1700000000};
 long long test_clock() { return g_now.load(); }
 
-class AssetTest : public ::testing::Test {
+class ServicesAssetTest : public ::testing::Test {
 protected:
     void SetUp() override {
         asset_control_reset();
@@ -56,7 +56,7 @@ protected:
     TempInstallDir m_dir;
 };
 
-TEST_F(AssetTest, PublishedKindIsAvailableUntilCleared) {
+TEST_F(ServicesAssetTest, PublishedKindIsAvailableUntilCleared) {
     EXPECT_EQ(get_asset_info_state_v2(ASSET_KIND_OPEN_PORT, 0), 0);
     EXPECT_EQ(get(ASSET_KIND_OPEN_PORT), nullptr);
     ASSERT_EQ(asset_publish_v2(ASSET_KIND_OPEN_PORT, "{\"list\":[{\"port\":\"80\"},{\"port\":\"0x50\"}]}"), 0);
@@ -68,7 +68,7 @@ TEST_F(AssetTest, PublishedKindIsAvailableUntilCleared) {
     EXPECT_EQ(get(ASSET_KIND_OPEN_PORT), nullptr);
 }
 
-TEST_F(AssetTest, TextThatIsNotJsonIsRefusedAndLosesNothing) {
+TEST_F(ServicesAssetTest, TextThatIsNotJsonIsRefusedAndLosesNothing) {
     ASSERT_EQ(asset_publish_v2(ASSET_KIND_APP, "{\"list\":[1]}"), 0);
     EXPECT_EQ(asset_publish_v2(ASSET_KIND_APP, "{\"list\":["), -1);
     EXPECT_EQ(asset_publish_v2(ASSET_KIND_APP, ""), -1);
@@ -76,7 +76,7 @@ TEST_F(AssetTest, TextThatIsNotJsonIsRefusedAndLosesNothing) {
     EXPECT_EQ(get_asset_result_v2(ASSET_KIND_APP, 0, nullptr, 0), -1);
 }
 
-TEST_F(AssetTest, EachResultIsTheCallersOwnCopy) {
+TEST_F(ServicesAssetTest, EachResultIsTheCallersOwnCopy) {
     ASSERT_EQ(asset_publish_v2(ASSET_KIND_APP_EXTRA, "{\"list\":[{\"name\":\"a\"}]}"), 0);
     Tree first = get(ASSET_KIND_APP_EXTRA);
     cJSON_AddItemToArray(cJSON_GetObjectItem(first.get(), "list"), cJSON_CreateNumber(1));
@@ -84,7 +84,7 @@ TEST_F(AssetTest, EachResultIsTheCallersOwnCopy) {
     EXPECT_EQ(listSize(get(ASSET_KIND_APP_EXTRA)), 1);
 }
 
-TEST_F(AssetTest, FileServesAKindNothingWasPublishedFor) {
+TEST_F(ServicesAssetTest, FileServesAKindNothingWasPublishedFor) {
     writeFile(ASSET_KIND_PROCESS, "{\"list\":[{\"process_id\":\"1\"},{\"process_id\":\"2\"},{\"process_id\":\"3\"}]}");
     EXPECT_NE(get_asset_info_state_v2(ASSET_KIND_PROCESS, 0), 0);
     EXPECT_EQ(listSize(get(ASSET_KIND_PROCESS)), 3);
@@ -94,13 +94,13 @@ TEST_F(AssetTest, FileServesAKindNothingWasPublishedFor) {
     EXPECT_EQ(listSize(get(ASSET_KIND_PROCESS)), 3);
 }
 
-TEST_F(AssetTest, BrokenFileIsUnavailable) {
+TEST_F(ServicesAssetTest, BrokenFileIsUnavailable) {
     writeFile(ASSET_KIND_PROCESS, "{\"list\":[");
     EXPECT_EQ(get_asset_info_state_v2(ASSET_KIND_PROCESS, 0), 0);
     EXPECT_EQ(get(ASSET_KIND_PROCESS), nullptr);
 }
 
-TEST_F(AssetTest, AgeLimitOfPublishedKinds) {
+TEST_F(ServicesAssetTest, AgeLimitOfPublishedKinds) {
     asset_control_set_clock(test_clock);
     g_now = 1700000000;
     ASSERT_EQ(asset_publish_v2(ASSET_KIND_OPEN_PORT, "{\"list\":[]}"), 0);
@@ -121,7 +121,7 @@ TEST_F(AssetTest, AgeLimitOfPublishedKinds) {
     EXPECT_NE(get_asset_info_state_v2(ASSET_KIND_OPEN_PORT, 0), 0) << "an old list is still collected";
 }
 
-TEST_F(AssetTest, AgeOfAFileIsItsModificationTime) {
+TEST_F(ServicesAssetTest, AgeOfAFileIsItsModificationTime) {
     std::string path = writeFile(ASSET_KIND_APP, "{\"list\":[]}");
     timeval times[2];
     times[0].tv_sec = times[1].tv_sec = std::time(nullptr) - 1000;
@@ -131,7 +131,7 @@ TEST_F(AssetTest, AgeOfAFileIsItsModificationTime) {
     EXPECT_NE(get(ASSET_KIND_APP, 5000), nullptr);
 }
 
-TEST_F(AssetTest, ConcurrentPublishersAndReaders) {
+TEST_F(ServicesAssetTest, ConcurrentPublishersAndReaders) {
     std::atomic<bool> stop{false};
     std::atomic<int> bad{0};
     std::vector<std::thread> threads;

@@ -16,7 +16,7 @@ namespace {
 std::atomic<unsigned long long> g_now{1000000};
 unsigned long long test_clock() { return g_now.load(); }
 
-class ClEvTest : public ::testing::Test {
+class ServicesClEvTest : public ::testing::Test {
 protected:
     void SetUp() override {
         g_now = 1000000;
@@ -52,7 +52,7 @@ void reset_fired() {
     for (auto& f : g_fired) f = 0;
 }
 
-TEST_F(ClEvTest, TimerFiresOnlyInsidePumpOfItsThread) {
+TEST_F(ServicesClEvTest, TimerFiresOnlyInsidePumpOfItsThread) {
     reset_fired();
     ASSERT_NE(start(1000, fire0), nullptr);
     advance(999);
@@ -76,7 +76,7 @@ TEST_F(ClEvTest, TimerFiresOnlyInsidePumpOfItsThread) {
     EXPECT_EQ(cl_ev_loop_nowait(1), 0) << "a pump without elapsed time fires nothing";
 }
 
-TEST_F(ClEvTest, FourHoursOfTestTimeFireEachPeriodOnce) {
+TEST_F(ServicesClEvTest, FourHoursOfTestTimeFireEachPeriodOnce) {
     struct Case {
         unsigned int period;
         cl_timer_fn fn;
@@ -93,7 +93,7 @@ TEST_F(ClEvTest, FourHoursOfTestTimeFireEachPeriodOnce) {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(g_fired[i], cases[i].expected) << "period " << cases[i].period;
 }
 
-TEST_F(ClEvTest, LongJumpFiresOnceAndReschedulesFromNow) {
+TEST_F(ServicesClEvTest, LongJumpFiresOnceAndReschedulesFromNow) {
     reset_fired();
     start(1800000, fire0);
     advance(14400000);
@@ -113,7 +113,7 @@ void close_self() {
     EXPECT_EQ(cl_timerplus_close(g_self), 0);
 }
 
-TEST_F(ClEvTest, TimerClosedInsideItsOwnCallbackStops) {
+TEST_F(ServicesClEvTest, TimerClosedInsideItsOwnCallbackStops) {
     reset_fired();
     g_self = cl_timerplus_start(nullptr, 0, 100, close_self, nullptr);
     ASSERT_NE(g_self, nullptr);
@@ -131,7 +131,7 @@ void close_victim() {
     cl_timerplus_close(g_victim);
 }
 
-TEST_F(ClEvTest, TimerClosedByAnotherCallbackOfTheSamePumpDoesNotRun) {
+TEST_F(ServicesClEvTest, TimerClosedByAnotherCallbackOfTheSamePumpDoesNotRun) {
     reset_fired();
     start(100, close_victim);
     g_victim = cl_timerplus_start(nullptr, 0, 100, fire1, nullptr);
@@ -143,7 +143,7 @@ TEST_F(ClEvTest, TimerClosedByAnotherCallbackOfTheSamePumpDoesNotRun) {
     EXPECT_EQ(g_fired[1], 0);
 }
 
-TEST_F(ClEvTest, BadTimerArgumentsAreRefused) {
+TEST_F(ServicesClEvTest, BadTimerArgumentsAreRefused) {
     EXPECT_EQ(cl_timerplus_start(nullptr, 0, 0, fire0, nullptr), nullptr);
     EXPECT_EQ(cl_timerplus_start(nullptr, 0, 100, nullptr, nullptr), nullptr);
     EXPECT_EQ(cl_timerplus_close(nullptr), -1);
@@ -160,7 +160,7 @@ void record_post(void* arg) {
     record->ranOn.push_back(std::this_thread::get_id());
 }
 
-TEST_F(ClEvTest, PostsFromManyThreadsAllRunOnTheOwner) {
+TEST_F(ServicesClEvTest, PostsFromManyThreadsAllRunOnTheOwner) {
     constexpr int kThreads = 8;
     constexpr int kPosts = 500;
     PostRecord record;
@@ -190,7 +190,7 @@ void repost(void* arg) {
     if (++*runs < 3) cl_ev_post(cl_ev_current_loop(), repost, arg);
 }
 
-TEST_F(ClEvTest, TaskPostedFromATaskWaitsForTheNextPump) {
+TEST_F(ServicesClEvTest, TaskPostedFromATaskWaitsForTheNextPump) {
     int runs = 0;
     cl_ev_post(cl_ev_current_loop(), repost, &runs);
     EXPECT_EQ(cl_ev_loop_nowait(1), 1);
@@ -201,7 +201,7 @@ TEST_F(ClEvTest, TaskPostedFromATaskWaitsForTheNextPump) {
     EXPECT_EQ(runs, 3);
 }
 
-TEST_F(ClEvTest, ThreadWithoutLoopCannotPump) {
+TEST_F(ServicesClEvTest, ThreadWithoutLoopCannotPump) {
     int result = 0;
     std::thread([&] { result = cl_ev_loop_nowait(1) + cl_event_loop_once(); }).join();
     EXPECT_EQ(result, -2);
@@ -228,7 +228,7 @@ std::atomic<int> g_ran{0};
 void count_run(void*) { ++g_ran; }
 void count_discard(void*) { ++g_discarded; }
 
-TEST_F(ClEvTest, IsolatedThreadOwnsALoopThatDiesWithIt) {
+TEST_F(ServicesClEvTest, IsolatedThreadOwnsALoopThatDiesWithIt) {
     IsolatedProbe probe;
     unsigned long tid = 0;
     ASSERT_EQ(cl_ev_create_isolated_thread(&tid, 0, isolated_main, &probe), 0);
@@ -248,7 +248,7 @@ TEST_F(ClEvTest, IsolatedThreadOwnsALoopThatDiesWithIt) {
     EXPECT_EQ(cl_ev_post(loop, count_run, nullptr), -1);
 }
 
-TEST_F(ClEvTest, TimerOfAnIsolatedThreadFiresThere) {
+TEST_F(ServicesClEvTest, TimerOfAnIsolatedThreadFiresThere) {
     static std::atomic<int> fired{0};
     static std::atomic<bool> wrongThread{false};
     static std::atomic<bool> stop{false};

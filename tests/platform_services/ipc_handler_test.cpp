@@ -45,7 +45,7 @@ void on_command(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, const 
     remember("command", cmd, msg ? msg : "<null>");
 }
 
-class IpcHandlerTest : public ::testing::Test {
+class ServicesIpcHandlerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::lock_guard<std::mutex> lock(g_lock);
@@ -69,7 +69,7 @@ protected:
     ipc_handler_table m_table{on_status, on_run_status, nullptr, on_command};
 };
 
-TEST_F(IpcHandlerTest, EachCommandReachesItsSlotOnTheRegisteringThread) {
+TEST_F(ServicesIpcHandlerTest, EachCommandReachesItsSlotOnTheRegisteringThread) {
     ASSERT_EQ(reg_ipc_handler("wl_dbg", &m_table), 0);
     struct Case {
         unsigned int cmd;
@@ -108,7 +108,7 @@ TEST_F(IpcHandlerTest, EachCommandReachesItsSlotOnTheRegisteringThread) {
     }
 }
 
-TEST_F(IpcHandlerTest, CommandTextIsCutAtItsLength) {
+TEST_F(ServicesIpcHandlerTest, CommandTextIsCutAtItsLength) {
     ASSERT_EQ(reg_ipc_handler("wl_dbg", &m_table), 0);
     call(IPC_HANDLER_CMD_COMMAND, std::string("{\"a\":1}", 7), 200);
     ASSERT_TRUE(waitUntil([] {
@@ -120,7 +120,7 @@ TEST_F(IpcHandlerTest, CommandTextIsCutAtItsLength) {
     EXPECT_EQ(g_calls[0].text, "{\"a\":1}");
 }
 
-TEST_F(IpcHandlerTest, OtherCommandNumbersAndEmptySlotsCallNothing) {
+TEST_F(ServicesIpcHandlerTest, OtherCommandNumbersAndEmptySlotsCallNothing) {
     ipc_handler_table partial{nullptr, nullptr, nullptr, on_command};
     ASSERT_EQ(reg_ipc_handler("wl_dbg", &partial), 0);
     EXPECT_EQ(call(3, "x", 200).first, -1);
@@ -136,7 +136,7 @@ TEST_F(IpcHandlerTest, OtherCommandNumbersAndEmptySlotsCallNothing) {
     EXPECT_EQ(g_calls[0].text, "last");
 }
 
-TEST_F(IpcHandlerTest, OneRegistrationAtATime) {
+TEST_F(ServicesIpcHandlerTest, OneRegistrationAtATime) {
     EXPECT_EQ(reg_ipc_handler(nullptr, &m_table), EINVAL);
     EXPECT_EQ(reg_ipc_handler("wl_dbg", nullptr), EINVAL);
     unreg_ipc_handler();  // nothing registered: no effect

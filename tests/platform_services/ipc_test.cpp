@@ -104,7 +104,7 @@ void record_reply(int status, unsigned int cmd, const void* data, unsigned int s
     ++g_reply.count;
 }
 
-class IpcTest : public ::testing::Test {
+class ServicesIpcTest : public ::testing::Test {
 protected:
     void SetUp() override {
         g_reply = ReplyRecord();
@@ -136,7 +136,7 @@ protected:
     std::vector<kem_addr_t> m_addrs;
 };
 
-TEST_F(IpcTest, RequestAndAnswerEachArriveOnTheirOwnersThread) {
+TEST_F(ServicesIpcTest, RequestAndAnswerEachArriveOnTheirOwnersThread) {
     ServerState state;
     ServerThread server("srv", &state);
     ASSERT_TRUE(server.ok());
@@ -154,7 +154,7 @@ TEST_F(IpcTest, RequestAndAnswerEachArriveOnTheirOwnersThread) {
     EXPECT_EQ(state.threads[0], server.id());
 }
 
-TEST_F(IpcTest, RequestBufferIsTheCallersAgainAtOnce) {
+TEST_F(ServicesIpcTest, RequestBufferIsTheCallersAgainAtOnce) {
     ServerState state;
     ServerThread server("srv", &state);
     ASSERT_TRUE(server.ok());
@@ -169,7 +169,7 @@ TEST_F(IpcTest, RequestBufferIsTheCallersAgainAtOnce) {
     EXPECT_EQ(g_reply.data, std::string(sent.rbegin(), sent.rend()));
 }
 
-TEST_F(IpcTest, UnreachableAddressGivesNegativeStatusOnTheCallersThread) {
+TEST_F(ServicesIpcTest, UnreachableAddressGivesNegativeStatusOnTheCallersThread) {
     ASSERT_EQ(kem_ipc_make_request(m_client, addr("acfg"), 1004, "x", 1, record_reply, nullptr, 10), 0);
     EXPECT_EQ(g_reply.count, 0) << "the reply waits for the pump";
     ASSERT_TRUE(pumpForReply());
@@ -178,7 +178,7 @@ TEST_F(IpcTest, UnreachableAddressGivesNegativeStatusOnTheCallersThread) {
     EXPECT_EQ(g_reply.thread, std::this_thread::get_id());
 }
 
-TEST_F(IpcTest, MissingAnswerTimesOut) {
+TEST_F(ServicesIpcTest, MissingAnswerTimesOut) {
     ServerState state;
     state.answer = false;
     ServerThread server("mute", &state);
@@ -190,7 +190,7 @@ TEST_F(IpcTest, MissingAnswerTimesOut) {
     EXPECT_EQ(state.messages.size(), 1u) << "the message itself arrived";
 }
 
-TEST_F(IpcTest, MessagesReachTheSubscriberOnlyThroughTheCreatorsPump) {
+TEST_F(ServicesIpcTest, MessagesReachTheSubscriberOnlyThroughTheCreatorsPump) {
     ServerState state;
     ASSERT_EQ(kem_ipc_msg_recv(m_client, echo_reversed, &state), 0);
     std::string path = m_dir.root() + "/agent/../var/run/ipc/client.sock";
@@ -215,7 +215,7 @@ TEST_F(IpcTest, MessagesReachTheSubscriberOnlyThroughTheCreatorsPump) {
     EXPECT_EQ(state.cmds[0], 1002u);
 }
 
-TEST_F(IpcTest, AnswerAfterTheAskerLeftIsDropped) {
+TEST_F(ServicesIpcTest, AnswerAfterTheAskerLeftIsDropped) {
     ServerState state;
     state.answer = false;
     ASSERT_EQ(kem_ipc_msg_recv(m_client, echo_reversed, &state), 0);
@@ -239,7 +239,7 @@ TEST_F(IpcTest, AnswerAfterTheAskerLeftIsDropped) {
     EXPECT_EQ(kem_ipc_response(0, 0, 3, 0, "x", 1), -1);
 }
 
-TEST_F(IpcTest, GarbageFromAPeerClosesOnlyThatConnection) {
+TEST_F(ServicesIpcTest, GarbageFromAPeerClosesOnlyThatConnection) {
     ServerState state;
     ServerThread server("srv", &state);
     ASSERT_TRUE(server.ok());
@@ -256,7 +256,7 @@ TEST_F(IpcTest, GarbageFromAPeerClosesOnlyThatConnection) {
     EXPECT_EQ(state.messages.size(), 1u);
 }
 
-TEST_F(IpcTest, EndpointNameIsServedOnceAndFreedByDestroy) {
+TEST_F(ServicesIpcTest, EndpointNameIsServedOnceAndFreedByDestroy) {
     errno = 0;
     EXPECT_EQ(kem_ipc_create("client", 0), nullptr);
     EXPECT_EQ(errno, EADDRINUSE);
@@ -267,7 +267,7 @@ TEST_F(IpcTest, EndpointNameIsServedOnceAndFreedByDestroy) {
     EXPECT_NE(m_client, nullptr);
 }
 
-TEST_F(IpcTest, DestroyWithARequestInFlightDeliversNothing) {
+TEST_F(ServicesIpcTest, DestroyWithARequestInFlightDeliversNothing) {
     ServerState state;
     state.answer = false;
     ServerThread server("mute", &state);
@@ -286,7 +286,7 @@ TEST_F(IpcTest, DestroyWithARequestInFlightDeliversNothing) {
     EXPECT_EQ(g_reply.count, 0);
 }
 
-TEST_F(IpcTest, BadArgumentsAreRefused) {
+TEST_F(ServicesIpcTest, BadArgumentsAreRefused) {
     kem_addr_t target = addr("srv");
     EXPECT_EQ(kem_ipc_make_request(nullptr, target, 1, "x", 1, record_reply, nullptr, 1), -1);
     EXPECT_EQ(kem_ipc_make_request(m_client, nullptr, 1, "x", 1, record_reply, nullptr, 1), -1);

@@ -41,7 +41,7 @@ const char kRefusedReply[] = "2228092929\n";
 
 unsigned int answer_seven(unsigned long, unsigned long, const char*, unsigned int) { return 7; }
 
-class TaskPushTest : public ::testing::Test {
+class ServicesTaskPushTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::lock_guard<std::mutex> lock(g_received.lock);
@@ -71,7 +71,7 @@ protected:
     std::vector<std::string> m_registered;
 };
 
-TEST_F(TaskPushTest, RequestRunsOnThePumpingThreadAndReturnsTheExactCode) {
+TEST_F(ServicesTaskPushTest, RequestRunsOnThePumpingThreadAndReturnsTheExactCode) {
     task_handle_t handle = reg("WL_HDL");
     ASSERT_NE(handle, nullptr);
     const std::string body = "{\"opr_code\":1,\"model_name\":\"m\"}";
@@ -83,7 +83,7 @@ TEST_F(TaskPushTest, RequestRunsOnThePumpingThreadAndReturnsTheExactCode) {
     EXPECT_EQ(g_received.threads[0], std::this_thread::get_id());
 }
 
-TEST_F(TaskPushTest, LargestBodyArrivesWhole) {
+TEST_F(ServicesTaskPushTest, LargestBodyArrivesWhole) {
     task_handle_t handle = reg("WL_HDL");
     ASSERT_NE(handle, nullptr);
     std::string body(4 * 1024 * 1024, 'x');
@@ -96,7 +96,7 @@ TEST_F(TaskPushTest, LargestBodyArrivesWhole) {
     EXPECT_EQ(g_received.messages[0], body);
 }
 
-TEST_F(TaskPushTest, BadRequestsAreAnsweredWithAReasonAndQueueNothing) {
+TEST_F(ServicesTaskPushTest, BadRequestsAreAnsweredWithAReasonAndQueueNothing) {
     task_handle_t handle = reg("WL_HDL");
     ASSERT_NE(handle, nullptr);
     struct Case {
@@ -122,7 +122,7 @@ TEST_F(TaskPushTest, BadRequestsAreAnsweredWithAReasonAndQueueNothing) {
     EXPECT_EQ(task_loop_once(handle), 0);
 }
 
-TEST_F(TaskPushTest, ClientLeavingEarlyCostsOnlyItsOwnRequest) {
+TEST_F(ServicesTaskPushTest, ClientLeavingEarlyCostsOnlyItsOwnRequest) {
     task_handle_t handle = reg("WL_HDL");
     ASSERT_NE(handle, nullptr);
     socket_exchange(push_task_socket_path(), "WL_HDL 100\n{\"opr", true);
@@ -134,7 +134,7 @@ TEST_F(TaskPushTest, ClientLeavingEarlyCostsOnlyItsOwnRequest) {
     EXPECT_EQ(g_received.messages[0], "{}");
 }
 
-TEST_F(TaskPushTest, UnpumpedHandlerHoldsUpOnlyItsOwnClient) {
+TEST_F(ServicesTaskPushTest, UnpumpedHandlerHoldsUpOnlyItsOwnClient) {
     ASSERT_NE(reg("IDLE"), nullptr);
     task_handle_t busy = reg("BUSY", answer_seven);
     ASSERT_NE(busy, nullptr);
@@ -146,7 +146,7 @@ TEST_F(TaskPushTest, UnpumpedHandlerHoldsUpOnlyItsOwnClient) {
     EXPECT_EQ(stuck.get(), "ERR handler gone\n");
 }
 
-TEST_F(TaskPushTest, NameIsRegisteredOnce) {
+TEST_F(ServicesTaskPushTest, NameIsRegisteredOnce) {
     task_handle_t first = reg("WL_HDL");
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(push_task_reg_handler("WL_HDL", answer_seven, 0), nullptr);
@@ -156,7 +156,7 @@ TEST_F(TaskPushTest, NameIsRegisteredOnce) {
     EXPECT_EQ(pumpUntilAnswered(first, answer), kRefusedReply) << "the first registration keeps serving";
 }
 
-TEST_F(TaskPushTest, SocketIsPrivateAndLivesWithTheHandlers) {
+TEST_F(ServicesTaskPushTest, SocketIsPrivateAndLivesWithTheHandlers) {
     const std::string path = push_task_socket_path();
     EXPECT_EQ(path, m_dir.root() + "/agent/../var/run/task_push.sock");
     ASSERT_NE(reg("A"), nullptr);
@@ -174,7 +174,7 @@ TEST_F(TaskPushTest, SocketIsPrivateAndLivesWithTheHandlers) {
     EXPECT_EQ(push_task_unreg_handler("B"), -1);
 }
 
-TEST_F(TaskPushTest, StaleSocketFileIsReplaced) {
+TEST_F(ServicesTaskPushTest, StaleSocketFileIsReplaced) {
     const std::string path = push_task_socket_path();
     std::string dir = path.substr(0, path.rfind('/'));
     ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0);
@@ -193,7 +193,7 @@ TEST_F(TaskPushTest, StaleSocketFileIsReplaced) {
     EXPECT_EQ(pumpUntilAnswered(handle, answer), kRefusedReply);
 }
 
-TEST_F(TaskPushTest, InProcessSubmissionDeliversTheResult) {
+TEST_F(ServicesTaskPushTest, InProcessSubmissionDeliversTheResult) {
     task_handle_t handle = reg("WL_HDL");
     ASSERT_NE(handle, nullptr);
     unsigned int result = 0;
@@ -208,7 +208,7 @@ TEST_F(TaskPushTest, InProcessSubmissionDeliversTheResult) {
     EXPECT_EQ(task_loop_once(handle), 0);
 }
 
-TEST_F(TaskPushTest, UnregisteringCancelsWhatIsQueued) {
+TEST_F(ServicesTaskPushTest, UnregisteringCancelsWhatIsQueued) {
     task_handle_t handle = reg("WL_HDL");
     ASSERT_NE(handle, nullptr);
     unsigned int result = 0;
@@ -222,7 +222,7 @@ TEST_F(TaskPushTest, UnregisteringCancelsWhatIsQueued) {
     EXPECT_TRUE(g_received.messages.empty());
 }
 
-TEST_F(TaskPushTest, ManyClientsAtOnceEachGetTheirAnswer) {
+TEST_F(ServicesTaskPushTest, ManyClientsAtOnceEachGetTheirAnswer) {
     task_handle_t handle = reg("WL_HDL");
     ASSERT_NE(handle, nullptr);
     std::vector<std::future<std::string>> answers;

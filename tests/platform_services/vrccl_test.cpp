@@ -9,7 +9,7 @@
 
 namespace {
 
-class VrcclTest : public ::testing::Test {
+class ServicesVrcclTest : public ::testing::Test {
 protected:
     void SetUp() override { vrccl_control_reset(); }
     void TearDown() override { vrccl_control_reset(); }
@@ -21,7 +21,7 @@ protected:
     }
 };
 
-TEST_F(VrcclTest, InitReturnsTheScriptInTurnThenSucceeds) {
+TEST_F(ServicesVrcclTest, InitReturnsTheScriptInTurnThenSucceeds) {
     const int script[] = {-1, 5, -1};
     vrccl_control_set_init_results(script, 3);
     const int expected[] = {-1, 5, -1, 0, 0};
@@ -30,7 +30,7 @@ TEST_F(VrcclTest, InitReturnsTheScriptInTurnThenSucceeds) {
     EXPECT_NE(vrccl_control_is_up(), 0);
 }
 
-TEST_F(VrcclTest, DefaultInitSucceedsAndFreeIsSafeAnytime) {
+TEST_F(ServicesVrcclTest, DefaultInitSucceedsAndFreeIsSafeAnytime) {
     vrccl_action_free();
     EXPECT_EQ(vrccl_action_init(), 0);
     vrccl_action_free();
@@ -39,7 +39,7 @@ TEST_F(VrcclTest, DefaultInitSucceedsAndFreeIsSafeAnytime) {
     EXPECT_EQ(vrccl_control_is_up(), 0);
 }
 
-TEST_F(VrcclTest, FilterFollowsAddsAndRemovesInOrder) {
+TEST_F(ServicesVrcclTest, FilterFollowsAddsAndRemovesInOrder) {
     ASSERT_EQ(vrccl_action_init(), 0);
     struct Step {
         int action;
@@ -60,7 +60,7 @@ TEST_F(VrcclTest, FilterFollowsAddsAndRemovesInOrder) {
     }
 }
 
-TEST_F(VrcclTest, FilterFollowsSubscriptionsWhetherOrNotTheChannelIsUp) {
+TEST_F(ServicesVrcclTest, FilterFollowsSubscriptionsWhetherOrNotTheChannelIsUp) {
     const int script[] = {-1};
     vrccl_control_set_init_results(script, 1);
     ASSERT_EQ(vrccl_action_init(), -1);
@@ -75,7 +75,7 @@ TEST_F(VrcclTest, FilterFollowsSubscriptionsWhetherOrNotTheChannelIsUp) {
     EXPECT_EQ(vrccl_control_subscribe_calls(nullptr, 0), 4) << "refused calls are recorded too";
 }
 
-TEST_F(VrcclTest, ResetForgetsEverything) {
+TEST_F(ServicesVrcclTest, ResetForgetsEverything) {
     const int script[] = {3};
     vrccl_control_set_init_results(script, 1);
     vrccl_action_init();
