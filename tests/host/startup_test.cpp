@@ -80,6 +80,10 @@ const std::vector<FatalCase>& fatal_cases() {
          {{1, "create cfg addr failed."}, {1, "init ipc handler fail"}}},
         {"port_file", [](host_doubles::Script&) {}, true, concat({"kem_addr_create(acfg,1,2)"}, kFullTeardown),
          {{1, "load config failed\n"}, {1, "init port filter list. ret -1"}, {1, "init resource fail"}}},
+        {"upload_lock", [](host_doubles::Script& s) { s.mutex_init_result = 12; }, false,
+         concat({"kem_addr_create(acfg,1,2)"}, kFullTeardown),
+         // Once by the lock's own init, once by the start-up step.
+         {{1, "init upload lock fail"}, {1, "init upload lock fail"}}},
         {"msgbus", [](host_doubles::Script& s) { s.msgbus_init_result = 0; }, false,
          concat({"whitelist_msgbus_init"}, kFullTeardown), {{1, "init msgbus fail"}}},
         {"rasp_handler", [](host_doubles::Script& s) { s.rasp_handler_result = -1; }, false,
@@ -125,7 +129,8 @@ TEST_F(HostStartupTest, FatalStepsEndInTheTeardown) {
 
         EXPECT_EQ(calls_from(c.tail.front()), c.tail);
         for (const auto& message : c.messages) {
-            EXPECT_EQ(m_log.count(message.second, message.first), 1) << message.second << "\n" << m_log.dump();
+            int times = static_cast<int>(std::count(c.messages.begin(), c.messages.end(), message));
+            EXPECT_EQ(m_log.count(message.second, message.first), times) << message.second << "\n" << m_log.dump();
         }
         EXPECT_EQ(g_vr_event, nullptr);
         EXPECT_EQ(g_whitelist_context.task_handle, nullptr);

@@ -22,6 +22,8 @@ namespace host_doubles {
 struct Script {
     // orv_event_init result.
     int event_init_result = 0;
+    // Non-zero: orv_mutex_init fails with it; otherwise the real one runs.
+    int mutex_init_result = 0;
     int reg_ipc_handler_result = 0;
     bool task_reg_fails = false;
     bool ipc_create_fails = false;

@@ -1,4 +1,6 @@
 // The agent's closed libraries as the host calls them.
+#include <dlfcn.h>
+
 #include "asset_collection.h"
 #include "cl_ev.h"
 #include "doubles_state.h"
@@ -169,6 +171,19 @@ int autolog_init(const char* dir, int flags) {
 }
 
 void autolog_deinit(void) { record("autolog_deinit"); }
+
+// Passes through to the base library unless the script says it fails.
+int orv_mutex_init(orv_mutex_t* mutex) {
+    int scripted;
+    {
+        std::lock_guard<std::mutex> lock(state().mutex);
+        scripted = state().script.mutex_init_result;
+    }
+    if (scripted != 0) return scripted;
+    using init_fn = int (*)(orv_mutex_t*);
+    static const auto real = reinterpret_cast<init_fn>(dlsym(RTLD_NEXT, "orv_mutex_init"));
+    return real(mutex);
+}
 
 // Events signal at once and never block: the 2-second wait of the main loop
 // answers immediately.
