@@ -99,6 +99,40 @@ TEST_P(TulmbTest, OnePluginIdAdvisesOnce) {
     EXPECT_EQ(frame->Release(), 0);
 }
 
+// Leaves the bus from inside its own delivery.
+class SelfRemovingPlugin : public TestPlugin {
+public:
+    SelfRemovingPlugin(MbFrame::IRtmFrame* frame) : TestPlugin(0x5a, {700}), m_frame(frame) {}
+    int OnEvent(MbFrame::IEvent* event, _RESPONSE_STATUS* status) override {
+        const int result = TestPlugin::OnEvent(event, status);
+        m_frame->Unadvise(id());
+        return result;
+    }
+
+private:
+    MbFrame::IRtmFrame* m_frame;
+};
+
+TEST_P(TulmbTest, UnadviseFromInsideOnEventDoesNotWaitForItself) {
+    MbFrame::IRtmFrame* frame = m_bus.newFrame();
+    ASSERT_NE(frame, nullptr);
+    SelfRemovingPlugin leaving(frame);
+    TestPlugin observer(0x5b, {700});
+    ASSERT_EQ(frame->Advise(&leaving, 1), 0);
+    ASSERT_EQ(frame->Advise(&observer, 1), 0);
+    for (int i = 0; i < 2; ++i) {
+        EventTrace::CBaseEvent* event = newEvent(700);
+        ASSERT_NE(event, nullptr);
+        EXPECT_EQ(observer.dispatch()->Invoke(event), 0);
+        event->Release();
+        ASSERT_TRUE(observer.waitReceived(static_cast<std::size_t>(i + 1)));
+    }
+    EXPECT_EQ(leaving.received().size(), 1u);
+    EXPECT_EQ(leaving.m_unadvised.load(), 1);
+    EXPECT_EQ(frame->GetPluginCount(), 1u);
+    EXPECT_EQ(frame->Release(), 0);
+}
+
 TEST(TulmbQueue, FullQueueRefusesWithoutBlockingThePublisher) {
     BusLibrary bus;
     ASSERT_TRUE(bus.loaded());
