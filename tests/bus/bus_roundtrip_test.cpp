@@ -20,7 +20,7 @@
 namespace {
 
 // Attaches both plug-ins for one test and detaches them after it.
-class RoundTripTest : public ::testing::TestWithParam<bool> {
+class BusRoundTripTest : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override {
         ASSERT_TRUE(m_bus.loaded()) << "build the tulmb target first";
@@ -43,14 +43,14 @@ protected:
     BusLibrary m_bus;  // keeps the library loaded across the plug-ins' detach
 };
 
-TEST_P(RoundTripTest, TelemetryTextReachesTheRaspQueue) {
+TEST_P(BusRoundTripTest, TelemetryTextReachesTheRaspQueue) {
     transmit_rasp_data("{\"type\":\"request\",\"n\":1}");
     ASSERT_TRUE(waitUntil([] { return raspQueued() == 1; })) << m_log.dump();
     EXPECT_EQ(raspTexts()[0], "{\"type\":\"request\",\"n\":1}");
     EXPECT_EQ(baseQueued(), 0u);
 }
 
-TEST_P(RoundTripTest, CollectorRecordsArriveConverted) {
+TEST_P(BusRoundTripTest, CollectorRecordsArriveConverted) {
     struct Case {
         int type;
         std::vector<unsigned char> payload;
@@ -78,7 +78,7 @@ TEST_P(RoundTripTest, CollectorRecordsArriveConverted) {
     }
 }
 
-TEST_P(RoundTripTest, ShortCollectorRecordIsReadSafely) {
+TEST_P(BusRoundTripTest, ShortCollectorRecordIsReadSafely) {
     // A sender's record cut after its event name: the rest reads as zeros.
     auto full = processRecord("PROCESS_CREATION", 99, "/bin/sh");
     std::vector<unsigned char> cut(full.begin(), full.begin() + 40);
@@ -88,7 +88,7 @@ TEST_P(RoundTripTest, ShortCollectorRecordIsReadSafely) {
     EXPECT_EQ(lastBaseRecord().detail.process.process_id, 0u);
 }
 
-TEST_P(RoundTripTest, CollectorOfflineFromAnotherPlugin) {
+TEST_P(BusRoundTripTest, CollectorOfflineFromAnotherPlugin) {
     TestPlugin collector(0x55, {});
     MbFrame::IRtmFrame* frame = m_bus.newFrame();
     ASSERT_NE(frame, nullptr);
@@ -104,7 +104,7 @@ TEST_P(RoundTripTest, CollectorOfflineFromAnotherPlugin) {
     EXPECT_EQ(frame->Release(), 0);
 }
 
-TEST_P(RoundTripTest, QueueLimitHoldsAndOtherSubscribersSeeEverything) {
+TEST_P(BusRoundTripTest, QueueLimitHoldsAndOtherSubscribersSeeEverything) {
     // A second subscriber of event 19 tells when the bus has delivered all.
     TestPlugin observer(0x66, {19});
     MbFrame::IRtmFrame* frame = m_bus.newFrame();
@@ -121,7 +121,7 @@ TEST_P(RoundTripTest, QueueLimitHoldsAndOtherSubscribersSeeEverything) {
     EXPECT_EQ(frame->Release(), 0);
 }
 
-TEST_P(RoundTripTest, DetachEndsPublishing) {
+TEST_P(BusRoundTripTest, DetachEndsPublishing) {
     whitelist_msgbus_uninit();
     transmit_rasp_data("{}");
     EXPECT_TRUE(m_log.contains("bus need init first.")) << m_log.dump();
@@ -134,12 +134,12 @@ TEST_P(RoundTripTest, DetachEndsPublishing) {
     ASSERT_TRUE(waitUntil([] { return raspQueued() == 1; })) << m_log.dump();
 }
 
-INSTANTIATE_TEST_SUITE_P(Delivery, RoundTripTest, ::testing::Values(true, false),
+INSTANTIATE_TEST_SUITE_P(Delivery, BusRoundTripTest, ::testing::Values(true, false),
                          [](const ::testing::TestParamInfo<bool>& info) {
                              return info.param ? "Synchronous" : "Threaded";
                          });
 
-TEST(LiteInstallation, BothPluginsStayUnattachedAndSucceed) {
+TEST(BusLiteInstallation, BothPluginsStayUnattachedAndSucceed) {
     LogCapture log;
     QueueReset queues;
     char dir[] = "/tmp/wl_lite_XXXXXX";
@@ -158,7 +158,7 @@ TEST(LiteInstallation, BothPluginsStayUnattachedAndSucceed) {
     rmdir(dir);
 }
 
-TEST(BrokenInstallation, ALibraryWithoutTheEntryIsAFailure) {
+TEST(BusBrokenInstallation, ALibraryWithoutTheEntryIsAFailure) {
     LogCapture log;
     // liborv_rasp stands in for a bus library that lacks DllGetClassObject.
     char dir[] = "/tmp/wl_broken_XXXXXX";
@@ -190,7 +190,7 @@ TEST(BrokenInstallation, ALibraryWithoutTheEntryIsAFailure) {
     rmdir(dir);
 }
 
-TEST(TelemetryRegistration, MissingOrWrongLibraryFails) {
+TEST(BusTelemetryRegistration, MissingOrWrongLibraryFails) {
     LogCapture log;
     char dir[] = "/tmp/wl_rasp_missing_XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);

@@ -30,7 +30,7 @@ Outcome assemble(const std::vector<std::string>& chunks, std::size_t limit, bool
     return out;
 }
 
-TEST(LineAssembler, SplitsRefusesAndRecovers) {
+TEST(BusLineAssembler, SplitsRefusesAndRecovers) {
     struct Case {
         const char* name;
         std::vector<std::string> chunks;

@@ -24,7 +24,7 @@ std::size_t slotOf(Method method) {
     return static_cast<std::size_t>(raw.ptr - 1) / sizeof(void*) + 1;  // 1-based
 }
 
-TEST(InterfaceIdHash, MatchesTheBusLibraryIdentifiers) {
+TEST(BusInterfaceIdHash, MatchesTheBusLibraryIdentifiers) {
     struct Case {
         const char* name;
         uint32_t hash;
@@ -41,7 +41,7 @@ TEST(InterfaceIdHash, MatchesTheBusLibraryIdentifiers) {
     }
 }
 
-TEST(InterfaceIdHash, ExportedIdentifiersCarryTheHashInTheirFirstWord) {
+TEST(BusInterfaceIdHash, ExportedIdentifiersCarryTheHashInTheirFirstWord) {
     ASSERT_NE(MbFrame::IEvent::IEvent_ID, nullptr);
     ASSERT_NE(MbFrame::IRtmFrame::IRtmFrame_ID, nullptr);
     const _GUID expectEvent = {0x04dccc54u, 0, 0, {0}};
@@ -52,7 +52,7 @@ TEST(InterfaceIdHash, ExportedIdentifiersCarryTheHashInTheirFirstWord) {
     EXPECT_EQ(std::memcmp(&CLSID_NULL, &zero, sizeof(_GUID)), 0);
 }
 
-TEST(VirtualTables, OperationsSitAtTheirContractPositions) {
+TEST(BusVirtualTables, OperationsSitAtTheirContractPositions) {
     EXPECT_EQ(slotOf(&IUnknown::QueryInterface), 1u);
     EXPECT_EQ(slotOf(&IUnknown::AddRef), 2u);
     EXPECT_EQ(slotOf(&IUnknown::Release), 3u);
@@ -71,7 +71,7 @@ TEST(VirtualTables, OperationsSitAtTheirContractPositions) {
     EXPECT_EQ(slotOf(&MbFrame::IDispatch::Invoke), 1u);
 }
 
-TEST(NativeRecord, LayoutOfThe32BitBuild) {
+TEST(BusNativeRecord, LayoutOfThe32BitBuild) {
 #if defined(__i386__)
     EXPECT_EQ(sizeof(_RESPONSE_APP_REQUEST_INFO), 20u);
     EXPECT_EQ(offsetof(_RESPONSE_APP_REQUEST_INFO, data), 12u);
@@ -80,7 +80,7 @@ TEST(NativeRecord, LayoutOfThe32BitBuild) {
     EXPECT_EQ(offsetof(_RESPONSE_APP_REQUEST_INFO, event_id), 2u);
 }
 
-TEST(NativeRecord, WritingTheEventIdKeepsTheUpperSixBits) {
+TEST(BusNativeRecord, WritingTheEventIdKeepsTheUpperSixBits) {
     struct Case {
         uint16_t before;
         unsigned int id;
@@ -102,7 +102,7 @@ TEST(NativeRecord, WritingTheEventIdKeepsTheUpperSixBits) {
     }
 }
 
-TEST(Subscriptions, TableListsTheThreeEventsInOrder) {
+TEST(BusSubscriptions, TableListsTheThreeEventsInOrder) {
     const uint32_t expected[3][2] = {{20, 1}, {19, 1}, {1022, 1}};
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(b_RegisterEvent[i].event_id, expected[i][0]);
@@ -110,7 +110,7 @@ TEST(Subscriptions, TableListsTheThreeEventsInOrder) {
     }
 }
 
-TEST(Plugins, IdentityVersionAndNullArguments) {
+TEST(BusPlugins, IdentityVersionAndNullArguments) {
     struct Case {
         MbFrame::IPlugin* plugin;
         unsigned char id[16];
@@ -139,7 +139,7 @@ TEST(Plugins, IdentityVersionAndNullArguments) {
     EXPECT_EQ(wlist_invoke, WhitelistInvoke::GetInstance());
 }
 
-TEST(Plugins, QueryInterfaceAnswers) {
+TEST(BusPlugins, QueryInterfaceAnswers) {
     void* out = reinterpret_cast<void*>(0x1234);
     EXPECT_EQ(Register::GetInstance()->QueryInterface(*MbFrame::IEvent::IEvent_ID, &out), 0);
     EXPECT_EQ(out, reinterpret_cast<void*>(0x1234)) << "Register writes nothing";

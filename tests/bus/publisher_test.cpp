@@ -31,14 +31,14 @@ private:
     int m_result;
 };
 
-class PublisherTest : public ::testing::Test {
+class BusPublisherTest : public ::testing::Test {
 protected:
     void advise(MbFrame::IDispatch* dispatch) { wlist_invoke->OnAdvised(nullptr, dispatch); }
     void TearDown() override { wlist_invoke->OnUnadvised(UNADVISE_BY_PLUGIN); }
     LogCapture m_log;
 };
 
-TEST(WhitelistEventTest, CountsReferencesAndFreesAtTheLast) {
+TEST(BusWhitelistEventTest, CountsReferencesAndFreesAtTheLast) {
     _RESPONSE_APP_REQUEST_INFO* native = nullptr;
     WhitelistEvent* event = WhitelistEvent::New(native);
     ASSERT_NE(event, nullptr);
@@ -56,7 +56,7 @@ TEST(WhitelistEventTest, CountsReferencesAndFreesAtTheLast) {
     EXPECT_EQ(event->Release(), 0);  // ASan reports a leak or a double free here
 }
 
-TEST(WhitelistEventTest, QueryInterface) {
+TEST(BusWhitelistEventTest, QueryInterface) {
     _RESPONSE_APP_REQUEST_INFO* native = nullptr;
     WhitelistEvent* event = WhitelistEvent::New(native);
     ASSERT_NE(event, nullptr);
@@ -72,7 +72,7 @@ TEST(WhitelistEventTest, QueryInterface) {
     EXPECT_EQ(event->Release(), 0);
 }
 
-TEST(WhitelistEventTest, TraceEventIsDroppableAndOwnsOnlyItsRecord) {
+TEST(BusWhitelistEventTest, TraceEventIsDroppableAndOwnsOnlyItsRecord) {
     _RESPONSE_APP_REQUEST_INFO* native = nullptr;
     EventTrace::CBaseEvent* event = EventTrace::CBaseEvent::New(native);
     ASSERT_NE(event, nullptr);
@@ -83,7 +83,7 @@ TEST(WhitelistEventTest, TraceEventIsDroppableAndOwnsOnlyItsRecord) {
     EXPECT_EQ(event->Release(), 0);
 }
 
-TEST(TransformTest, CopiesAndTagsByType) {
+TEST(BusTransformTest, CopiesAndTagsByType) {
     LogCapture log;
     unsigned char payload[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     struct Case {
@@ -117,7 +117,7 @@ TEST(TransformTest, CopiesAndTagsByType) {
     EXPECT_EQ(log.count("buffer failed"), 0);
 }
 
-TEST(TransformTest, ShortCollectorRecordIsZeroPaddedToTheLargestNativeRecord) {
+TEST(BusTransformTest, ShortCollectorRecordIsZeroPaddedToTheLargestNativeRecord) {
     const char name[] = "PROCESS_CREATION";  // unterminated in the sender's 5 bytes
     _RESPONSE_APP_REQUEST_INFO native;
     std::memset(&native, 0, sizeof(native));
@@ -132,7 +132,7 @@ TEST(TransformTest, ShortCollectorRecordIsZeroPaddedToTheLargestNativeRecord) {
     delete[] static_cast<char*>(native.data);
 }
 
-TEST_F(PublisherTest, RefusesBadArgumentsBeforeTheLock) {
+TEST_F(BusPublisherTest, RefusesBadArgumentsBeforeTheLock) {
     HoldingDispatch dispatch;
     advise(&dispatch);
     char text[] = "{}";
@@ -143,7 +143,7 @@ TEST_F(PublisherTest, RefusesBadArgumentsBeforeTheLock) {
     EXPECT_TRUE(dispatch.m_events.empty());
 }
 
-TEST_F(PublisherTest, NeedsTheBusFirst) {
+TEST_F(BusPublisherTest, NeedsTheBusFirst) {
     char text[] = "{}";
     wlist_invoke->Publish_t(1, 0, text, 3);
     EXPECT_EQ(m_log.count("bus need init first."), 1) << m_log.dump();
@@ -156,7 +156,7 @@ TEST_F(PublisherTest, NeedsTheBusFirst) {
     EXPECT_TRUE(dispatch.m_events.empty());
 }
 
-TEST_F(PublisherTest, PublishedEventOutlivesTheCallWhileTheBusHoldsIt) {
+TEST_F(BusPublisherTest, PublishedEventOutlivesTheCallWhileTheBusHoldsIt) {
     HoldingDispatch dispatch;
     advise(&dispatch);
     std::string text = "{\"id\":7}";
@@ -170,7 +170,7 @@ TEST_F(PublisherTest, PublishedEventOutlivesTheCallWhileTheBusHoldsIt) {
     EXPECT_TRUE(m_log.contains("Event: 19 OriginCltJson: {\"id\":7}")) << m_log.dump();
 }
 
-TEST_F(PublisherTest, ActionEventCarriesItsType) {
+TEST_F(BusPublisherTest, ActionEventCarriesItsType) {
     HoldingDispatch dispatch;
     advise(&dispatch);
     auto record = processRecord("PROCESS_CREATION", 1, "/bin/ls");
@@ -181,7 +181,7 @@ TEST_F(PublisherTest, ActionEventCarriesItsType) {
     EXPECT_TRUE(m_log.contains("Event: 20 ActionCltType: 1027")) << m_log.dump();
 }
 
-TEST_F(PublisherTest, UnknownTypeInvokesNothing) {
+TEST_F(BusPublisherTest, UnknownTypeInvokesNothing) {
     HoldingDispatch dispatch;
     advise(&dispatch);
     char text[] = "{}";
@@ -192,7 +192,7 @@ TEST_F(PublisherTest, UnknownTypeInvokesNothing) {
     EXPECT_TRUE(m_log.contains("rec one message."));
 }
 
-TEST_F(PublisherTest, FailedInvokeIsLogged) {
+TEST_F(BusPublisherTest, FailedInvokeIsLogged) {
     HoldingDispatch dispatch(-1);
     advise(&dispatch);
     char text[] = "{}";
@@ -200,7 +200,7 @@ TEST_F(PublisherTest, FailedInvokeIsLogged) {
     EXPECT_EQ(m_log.count("Error to Invoke data."), 1) << m_log.dump();
 }
 
-TEST_F(PublisherTest, TransmitEdgeCases) {
+TEST_F(BusPublisherTest, TransmitEdgeCases) {
     HoldingDispatch dispatch;
     advise(&dispatch);
     transmit_rasp_data(nullptr);

@@ -9,7 +9,7 @@
 
 namespace {
 
-class RegisterTest : public ::testing::Test {
+class BusRegisterTest : public ::testing::Test {
 protected:
     void SetUp() override {
         orv_event_init(&g_vr_event, 0, 1);
@@ -45,7 +45,7 @@ protected:
     LogCapture m_log;
 };
 
-TEST_F(RegisterTest, TelemetryTextIsQueued) {
+TEST_F(BusRegisterTest, TelemetryTextIsQueued) {
     char text[] = "{\"a\":1}";
     CountedEvent event(19, text, 0);
     deliver(event);
@@ -53,13 +53,13 @@ TEST_F(RegisterTest, TelemetryTextIsQueued) {
     EXPECT_EQ(baseQueued(), 0u);
 }
 
-TEST_F(RegisterTest, TelemetryWithoutPayloadIsDropped) {
+TEST_F(BusRegisterTest, TelemetryWithoutPayloadIsDropped) {
     CountedEvent event(19, nullptr, 0);
     deliver(event);
     EXPECT_EQ(raspQueued(), 0u);
 }
 
-TEST_F(RegisterTest, QueueLimitOfBothQueues) {
+TEST_F(BusRegisterTest, QueueLimitOfBothQueues) {
     struct Case {
         const char* name;
         unsigned int id;
@@ -91,7 +91,7 @@ TEST_F(RegisterTest, QueueLimitOfBothQueues) {
     EXPECT_FALSE(m_log.contains("Unknown event ID")) << m_log.dump();
 }
 
-TEST_F(RegisterTest, ActionTypesSelectTheirConversion) {
+TEST_F(BusRegisterTest, ActionTypesSelectTheirConversion) {
     auto process = processRecord("PROCESS_CREATION", 4242, "/usr/bin/curl");
     auto file = fileRecord("FILE_DELETION", "/etc/passwd");
     auto net = netRecord("NETWORK_CONNECTION", "10.1.2.3", 8080);
@@ -124,7 +124,7 @@ TEST_F(RegisterTest, ActionTypesSelectTheirConversion) {
     EXPECT_FALSE(m_log.contains("Unknown event ID")) << m_log.dump();
 }
 
-TEST_F(RegisterTest, UnknownActionTypesQueueAClearedRecord) {
+TEST_F(BusRegisterTest, UnknownActionTypesQueueAClearedRecord) {
     auto process = processRecord("PROCESS_CREATION", 7, "/bin/sh");
     // 1028 is inside the mask range but in no mask; 1025 and 1058 are outside.
     for (int sub_type : {1028, 1025, 1058, 0, -1}) {
@@ -140,7 +140,7 @@ TEST_F(RegisterTest, UnknownActionTypesQueueAClearedRecord) {
     }
 }
 
-TEST_F(RegisterTest, UnsubscribedIdIsRefused) {
+TEST_F(BusRegisterTest, UnsubscribedIdIsRefused) {
     auto process = processRecord("PROCESS_CREATION", 7, "/bin/sh");
     CountedEvent event(21, process.data(), 1027);
     deliver(event);
@@ -149,14 +149,14 @@ TEST_F(RegisterTest, UnsubscribedIdIsRefused) {
     EXPECT_EQ(m_log.count("Base don't support the type!", LOG_LVL_ERROR), 1) << m_log.dump();
 }
 
-TEST_F(RegisterTest, CollectorOfflineWakesTheWorkThread) {
+TEST_F(BusRegisterTest, CollectorOfflineWakesTheWorkThread) {
     CountedEvent event(1022, nullptr, 0);
     deliver(event);
     EXPECT_EQ(orv_event_timedwait(g_vr_event, 0, 0), 0);
     EXPECT_EQ(baseQueued(), 0u);
 }
 
-TEST_F(RegisterTest, EventWithoutNativeRecordIsOnlyReleased) {
+TEST_F(BusRegisterTest, EventWithoutNativeRecordIsOnlyReleased) {
     for (unsigned int id : {1022u, 19u, 20u}) {
         CountedEvent event(id, nullptr, 0, false, false);
         deliver(event);
@@ -166,7 +166,7 @@ TEST_F(RegisterTest, EventWithoutNativeRecordIsOnlyReleased) {
     EXPECT_EQ(raspQueued(), 0u);
 }
 
-TEST_F(RegisterTest, UpperBitsOfTheWordDoNotChangeTheId) {
+TEST_F(BusRegisterTest, UpperBitsOfTheWordDoNotChangeTheId) {
     char text[] = "{\"k\":2}";
     CountedEvent event(19, text, 0);
     event.GetNativeEvent()->event_id |= 0xfc00;
@@ -191,7 +191,7 @@ private:
     int m_result;
 };
 
-TEST_F(RegisterTest, AdvisedRegistersItsEventsAndAlwaysReportsSuccess) {
+TEST_F(BusRegisterTest, AdvisedRegistersItsEventsAndAlwaysReportsSuccess) {
     for (int result : {0, -5}) {
         m_log.clear();
         FailingSetting setting(result);

@@ -88,7 +88,7 @@ bool sendAll(int fd, const std::string& bytes) {
 }
 
 // One process, one telemetry library: the bridge is set up once for all tests.
-class TelemetryTest : public ::testing::Test {
+class BusTelemetryTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         s_port = freeLoopbackPort();
@@ -125,11 +125,11 @@ protected:
     LogCapture m_log;
 };
 
-int TelemetryTest::s_port = 0;
-bool TelemetryTest::s_attached = false;
-BusLibrary* TelemetryTest::s_bus = nullptr;
+int BusTelemetryTest::s_port = 0;
+bool BusTelemetryTest::s_attached = false;
+BusLibrary* BusTelemetryTest::s_bus = nullptr;
 
-TEST_F(TelemetryTest, LineOnTheSocketReachesTheRaspQueue) {
+TEST_F(BusTelemetryTest, LineOnTheSocketReachesTheRaspQueue) {
     struct stat info;
     ASSERT_EQ(stat(socketPath().c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0666u);
@@ -142,7 +142,7 @@ TEST_F(TelemetryTest, LineOnTheSocketReachesTheRaspQueue) {
     close(fd);
 }
 
-TEST_F(TelemetryTest, LoopbackPortCarriesTheSameStream) {
+TEST_F(BusTelemetryTest, LoopbackPortCarriesTheSameStream) {
     const int fd = connectTcp(s_port);
     ASSERT_GE(fd, 0);
     // A line split over two writes is still one text.
@@ -153,7 +153,7 @@ TEST_F(TelemetryTest, LoopbackPortCarriesTheSameStream) {
     close(fd);
 }
 
-TEST_F(TelemetryTest, BadLinesAreRefusedAndTheStreamGoesOn) {
+TEST_F(BusTelemetryTest, BadLinesAreRefusedAndTheStreamGoesOn) {
     const int fd = connectUnix();
     ASSERT_GE(fd, 0);
     std::string stream = "\n   \t\n";
@@ -167,7 +167,7 @@ TEST_F(TelemetryTest, BadLinesAreRefusedAndTheStreamGoesOn) {
     close(fd);
 }
 
-TEST_F(TelemetryTest, LastLineWithoutNewlineCountsAtClose) {
+TEST_F(BusTelemetryTest, LastLineWithoutNewlineCountsAtClose) {
     const int fd = connectUnix();
     ASSERT_GE(fd, 0);
     ASSERT_TRUE(sendAll(fd, "{\"tail\":true}"));
@@ -180,7 +180,7 @@ TEST_F(TelemetryTest, LastLineWithoutNewlineCountsAtClose) {
 std::atomic<int> g_secondCallbackTexts{0};
 void secondCallback(const char*) { ++g_secondCallbackTexts; }
 
-TEST_F(TelemetryTest, RegisteringAgainReplacesTheCallbackWithoutReloading) {
+TEST_F(BusTelemetryTest, RegisteringAgainReplacesTheCallbackWithoutReloading) {
     ASSERT_EQ(whitelist_init_rasp_handler(secondCallback, nullptr), 0);
     const int fd = connectUnix();
     ASSERT_GE(fd, 0);

@@ -10,7 +10,7 @@
 
 namespace {
 
-class TulmbTest : public ::testing::TestWithParam<bool> {
+class BusTulmbTest : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override {
         ASSERT_TRUE(m_bus.loaded()) << "build the tulmb target first";
@@ -29,7 +29,7 @@ EventTrace::CBaseEvent* newEvent(unsigned int id) {
     return event;
 }
 
-TEST(TulmbEntry, ChecksItsArgumentsAndTheHashedIdentifier) {
+TEST(BusTulmbEntry, ChecksItsArgumentsAndTheHashedIdentifier) {
     BusLibrary bus;
     ASSERT_TRUE(bus.loaded());
     void* out = reinterpret_cast<void*>(0x1);
@@ -51,7 +51,7 @@ TEST(TulmbEntry, ChecksItsArgumentsAndTheHashedIdentifier) {
     EXPECT_EQ(frame->Release(), 0);
 }
 
-TEST_P(TulmbTest, OneBusAcrossFramesReachesEverySubscriber) {
+TEST_P(BusTulmbTest, OneBusAcrossFramesReachesEverySubscriber) {
     TestPlugin publisher(0x11, {500});
     TestPlugin listener(0x22, {500, 501});
     MbFrame::IRtmFrame* first = m_bus.newFrame();
@@ -86,7 +86,7 @@ TEST_P(TulmbTest, OneBusAcrossFramesReachesEverySubscriber) {
     EXPECT_EQ(listener.m_refs.load(), 0);
 }
 
-TEST_P(TulmbTest, OnePluginIdAdvisesOnce) {
+TEST_P(BusTulmbTest, OnePluginIdAdvisesOnce) {
     TestPlugin plugin(0x33, {});
     TestPlugin twin(0x33, {});
     MbFrame::IRtmFrame* frame = m_bus.newFrame();
@@ -113,7 +113,7 @@ private:
     MbFrame::IRtmFrame* m_frame;
 };
 
-TEST_P(TulmbTest, UnadviseFromInsideOnEventDoesNotWaitForItself) {
+TEST_P(BusTulmbTest, UnadviseFromInsideOnEventDoesNotWaitForItself) {
     MbFrame::IRtmFrame* frame = m_bus.newFrame();
     ASSERT_NE(frame, nullptr);
     SelfRemovingPlugin leaving(frame);
@@ -133,7 +133,7 @@ TEST_P(TulmbTest, UnadviseFromInsideOnEventDoesNotWaitForItself) {
     EXPECT_EQ(frame->Release(), 0);
 }
 
-TEST(TulmbQueue, FullQueueRefusesWithoutBlockingThePublisher) {
+TEST(BusTulmbQueue, FullQueueRefusesWithoutBlockingThePublisher) {
     BusLibrary bus;
     ASSERT_TRUE(bus.loaded());
     bus.setSynchronous(false);
@@ -175,7 +175,7 @@ TEST(TulmbQueue, FullQueueRefusesWithoutBlockingThePublisher) {
     EXPECT_EQ(droppable->Release(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Delivery, TulmbTest, ::testing::Values(true, false),
+INSTANTIATE_TEST_SUITE_P(Delivery, BusTulmbTest, ::testing::Values(true, false),
                          [](const ::testing::TestParamInfo<bool>& info) {
                              return info.param ? "Synchronous" : "Threaded";
                          });
