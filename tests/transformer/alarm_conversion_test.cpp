@@ -21,7 +21,7 @@ std::string raspAlarm(const std::string& action, const std::string& keys) {
     return "{\"action\":\"" + action + "\",\"model_name\":\"web\"" + (keys.empty() ? "" : "," + keys) + "}";
 }
 
-TEST(BaseAlarm, StopVersusDrop) {
+TEST(TransformerBaseAlarm, StopVersusDrop) {
     struct Case {
         const char* name;
         std::string text;
@@ -46,7 +46,7 @@ TEST(BaseAlarm, StopVersusDrop) {
     }
 }
 
-TEST(BaseAlarm, NotAnArrayIsLogged) {
+TEST(TransformerBaseAlarm, NotAnArrayIsLogged) {
     Transformer transformer;
     for (const std::string text : {"{}", "x[]", "[1,]", "", "[] x"}) {
         LogCapture log;
@@ -58,7 +58,7 @@ TEST(BaseAlarm, NotAnArrayIsLogged) {
     }
 }
 
-TEST(BaseAlarm, FieldsOfEachKind) {
+TEST(TransformerBaseAlarm, FieldsOfEachKind) {
     const std::string text =
         "[" + alarm("NETWORK_CONNECTION", std::string(kProcessKeys) +
                                               ",\"dst_port\":443,\"src_port\":\"x:5000\","
@@ -108,7 +108,7 @@ TEST(BaseAlarm, FieldsOfEachKind) {
     EXPECT_EQ(wcharToString(dns.detail.dns.query_result), "r");
 }
 
-TEST(BaseAlarm, LoneTrailingSlashThrowsOutOfTheConversion) {
+TEST(TransformerBaseAlarm, LoneTrailingSlashThrowsOutOfTheConversion) {
     const std::string text = "[" + alarm("NETWORK_CONNECTION",
                                          "\"dst_port\":1,\"src_port\":2,\"dst_ip\":\"10.0.0.1/\","
                                          "\"src_ip\":\"b\",\"protocol\":\"tcp\"") + "]";
@@ -118,7 +118,7 @@ TEST(BaseAlarm, LoneTrailingSlashThrowsOutOfTheConversion) {
     EXPECT_TRUE(events.empty());
 }
 
-TEST(RaspAlarm, StopVersusDropAndDefaults) {
+TEST(TransformerRaspAlarm, StopVersusDropAndDefaults) {
     const std::string good = raspAlarm("dns", "\"query_name\":\"example.com\",\"url\":\"/search\"");
     const std::string text = "[" + good + "," + raspAlarm("execute", "\"url\":\"/x\"") + "," +
                              raspAlarm("unknown", "") + "," + good + ",{\"model_name\":\"web\"}," + good + "]";
@@ -140,7 +140,7 @@ TEST(RaspAlarm, StopVersusDropAndDefaults) {
     }
 }
 
-TEST(RaspAlarm, EachActionClass) {
+TEST(TransformerRaspAlarm, EachActionClass) {
     struct Case {
         std::string alarm;
         const char* type;
@@ -178,7 +178,7 @@ TEST(RaspAlarm, EachActionClass) {
     EXPECT_EQ(events[0].url, "/u");
 }
 
-TEST(RaspAlarm, MissingRequiredKeyDropsAfterTheHeadFields) {
+TEST(TransformerRaspAlarm, MissingRequiredKeyDropsAfterTheHeadFields) {
     Transformer transformer;
     _RASP_EVENTINFO event;
     transformer.initRaspInfo(event);

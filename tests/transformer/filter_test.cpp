@@ -16,7 +16,7 @@ std::unique_ptr<_BASE_EVENTINFO> connection(uint16_t type, const std::string& ds
     return event;
 }
 
-TEST(FilterBaseEvent, DropsOnlyConnectionsToALocalAddress) {
+TEST(TransformerFilterBaseEvent, DropsOnlyConnectionsToALocalAddress) {
     struct Case {
         const char* name;
         uint16_t type;
@@ -59,7 +59,7 @@ TEST(FilterBaseEvent, DropsOnlyConnectionsToALocalAddress) {
     }
 }
 
-TEST(FilterRaspEvent, ComparesTheHostNameOfAddressActions) {
+TEST(TransformerFilterRaspEvent, ComparesTheHostNameOfAddressActions) {
     struct Case {
         const char* name;
         uint16_t actionType;
@@ -94,7 +94,7 @@ TEST(FilterRaspEvent, ComparesTheHostNameOfAddressActions) {
     }
 }
 
-TEST(EventOrder, CompSortsByKind) {
+TEST(TransformerEventOrder, CompSortsByKind) {
     std::vector<_BASE_EVENTINFO> events(4);
     const uint16_t kinds[] = {17, 1, 0xFFFF, 6};
     for (int i = 0; i < 4; ++i) events[i].event_type = kinds[i];

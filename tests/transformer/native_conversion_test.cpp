@@ -51,7 +51,7 @@ void expectSame(const _BASE_EVENTINFO& actual, const ByteImage& expected) {
     EXPECT_TRUE(diff.empty()) << diff;
 }
 
-TEST(NativeConversion, ProcessCreationBytes) {
+TEST(TransformerNativeConversion, ProcessCreationBytes) {
     ByteImage native = nativeImage();
     native.putNarrow(32, "PROCESS_CREATION");
     native.putU64(96, 0x0102030405060708ULL);
@@ -91,7 +91,7 @@ TEST(NativeConversion, ProcessCreationBytes) {
     expectSame(*record, expected);
 }
 
-TEST(NativeConversion, FileRenamingBytes) {
+TEST(TransformerNativeConversion, FileRenamingBytes) {
     ByteImage native = nativeImage();
     native.putNarrow(32, "FILE_RENAMING");
     native.putU64(96, 1700000000ULL);
@@ -117,7 +117,7 @@ TEST(NativeConversion, FileRenamingBytes) {
     expectSame(*record, expected);
 }
 
-TEST(NativeConversion, ConnectionBytes) {
+TEST(TransformerNativeConversion, ConnectionBytes) {
     ByteImage native = nativeImage();
     native.putNarrow(36, "NETWORK_CONNECTION");
     native.putU64(100, 99);
@@ -144,7 +144,7 @@ TEST(NativeConversion, ConnectionBytes) {
     expectSame(*record, expected);
 }
 
-TEST(NativeConversion, DnsQueryBytes) {
+TEST(TransformerNativeConversion, DnsQueryBytes) {
     ByteImage native = nativeImage();
     native.putNarrow(36, "DNS_QUERY");
     native.putU64(100, 5);
@@ -167,7 +167,7 @@ TEST(NativeConversion, DnsQueryBytes) {
     expectSame(*record, expected);
 }
 
-TEST(NativeConversion, ListeningBytesUnderBothNames) {
+TEST(TransformerNativeConversion, ListeningBytesUnderBothNames) {
     for (const char* name : {"LISTENING", "HOST_PORT_LISTENING"}) {
         SCOPED_TRACE(name);
         ByteImage native = nativeImage();
@@ -194,7 +194,7 @@ TEST(NativeConversion, ListeningBytesUnderBothNames) {
     }
 }
 
-TEST(NativeConversion, UnknownNameLeavesRecordUntouched) {
+TEST(TransformerNativeConversion, UnknownNameLeavesRecordUntouched) {
     ByteImage native = nativeImage();
     native.putNarrow(32, "PROCESS_EXIT");
     native.putNarrow(36, "PROCESS_EXIT");
@@ -211,7 +211,7 @@ TEST(NativeConversion, UnknownNameLeavesRecordUntouched) {
     expectSame(*record, zero);
 }
 
-TEST(NativeConversion, NameDecidesNumberNotPath) {
+TEST(TransformerNativeConversion, NameDecidesNumberNotPath) {
     Transformer transformer;
     {
         // A process record under a file name is filled as a process but typed 6.
@@ -259,7 +259,7 @@ TEST(NativeConversion, NameDecidesNumberNotPath) {
     }
 }
 
-TEST(NativeConversion, TextRunningToTheRecordEndStopsThere) {
+TEST(TransformerNativeConversion, TextRunningToTheRecordEndStopsThere) {
     // No zero byte anywhere: reads must stay inside the native record.
     ByteImage native(kNativeRecordMaxSize);
     std::memset(native.data(), 'x', native.size());

@@ -41,7 +41,7 @@ time_t fixedTime(time_t* out) {
     return 1234567;
 }
 
-class OriginLog : public ::testing::Test {
+class TransformerOriginLog : public ::testing::Test {
 protected:
     void SetUp() override { g_wl_clock.time_fn = &fixedTime; }
     void TearDown() override { wl_clock_reset(); }
@@ -52,7 +52,7 @@ protected:
     std::vector<_BASE_EVENTINFO> m_events;
 };
 
-TEST_F(OriginLog, EnvelopeRefusalsAreLoggedAndKeepTheVector) {
+TEST_F(TransformerOriginLog, EnvelopeRefusalsAreLoggedAndKeepTheVector) {
     struct Case {
         std::string text;
         const char* message;
@@ -81,7 +81,7 @@ TEST_F(OriginLog, EnvelopeRefusalsAreLoggedAndKeepTheVector) {
     }
 }
 
-TEST_F(OriginLog, TextAroundTheArrayIsIgnored) {
+TEST_F(TransformerOriginLog, TextAroundTheArrayIsIgnored) {
     const std::string text = "2024-01-01 header: " + envelope({event("dns", "")}) + " trailer\n";
     LogCapture log;
     EXPECT_TRUE(convert(text));
@@ -91,12 +91,12 @@ TEST_F(OriginLog, TextAroundTheArrayIsIgnored) {
     EXPECT_EQ(log.lines().size(), 0u) << log.dump();
 }
 
-TEST_F(OriginLog, EmptyArrayGivesTrueAndNothing) {
+TEST_F(TransformerOriginLog, EmptyArrayGivesTrueAndNothing) {
     EXPECT_TRUE(convert("[]"));
     EXPECT_TRUE(m_events.empty());
 }
 
-TEST_F(OriginLog, ElementsWithoutAnEventAreSkippedSilently) {
+TEST_F(TransformerOriginLog, ElementsWithoutAnEventAreSkippedSilently) {
     LogCapture log;
     const std::string text = "[1, \"s\", {\"other\":1}, {\"message\":\"not json\"}, {\"message\":\"[1,2]\"},"
                              " {\"message\":\"{\\\"id\\\":1}\"}, {\"message\":12},"
@@ -108,7 +108,7 @@ TEST_F(OriginLog, ElementsWithoutAnEventAreSkippedSilently) {
     EXPECT_EQ(log.lines().size(), 0u) << log.dump();
 }
 
-TEST_F(OriginLog, SortedByKindIncludingEarlierContent) {
+TEST_F(TransformerOriginLog, SortedByKindIncludingEarlierContent) {
     const std::string file = event("FILE_CREATION", std::string(kProcessKeys) + ",\"file_name\":\"/f\"");
     const std::string process = event("PROCESS_CREATION", "\"parent_pid\":1,\"parent_ppath\":\"/sbin/init\"");
     const std::string dns =
@@ -121,7 +121,7 @@ TEST_F(OriginLog, SortedByKindIncludingEarlierContent) {
     EXPECT_EQ(kinds, (std::vector<int>{1, 6, 9, 16}));
 }
 
-TEST_F(OriginLog, RequiredKeysDecideWhatIsKept) {
+TEST_F(TransformerOriginLog, RequiredKeysDecideWhatIsKept) {
     struct Case {
         const char* name;
         std::string event;
@@ -149,7 +149,7 @@ TEST_F(OriginLog, RequiredKeysDecideWhatIsKept) {
     }
 }
 
-TEST_F(OriginLog, ProcessCreationFillsParentEvenWhenChildIsIncomplete) {
+TEST_F(TransformerOriginLog, ProcessCreationFillsParentEvenWhenChildIsIncomplete) {
     const std::string e = event("PROCESS_CREATION",
                                 "\"process_id\":5,\"process_path\":\"/bin/child\",\"process_user_name\":\"u\","
                                 "\"parent_pid\":\"host:77\",\"parent_ppath\":\"/bin/parent\",\"parent_pcmd_line\":"
@@ -167,7 +167,7 @@ TEST_F(OriginLog, ProcessCreationFillsParentEvenWhenChildIsIncomplete) {
     EXPECT_EQ(wcharToString(r.process_info.process_md5), "");
 }
 
-TEST_F(OriginLog, FieldsOfEachKind) {
+TEST_F(TransformerOriginLog, FieldsOfEachKind) {
     const std::string renaming = event("FILE_RENAMING", std::string(kProcessKeys) +
                                                             ",\"process_sha256\":\"s256\",\"file_name\":\"/new\","
                                                             "\"file_group_name\":\"g\",\"file_user_name\":\"u\","

@@ -13,7 +13,7 @@ std::string message(const std::string& request, const std::string& action) {
            "\"data\":" + action + "}}";
 }
 
-class RaspConversion : public ::testing::Test {
+class TransformerRaspConversion : public ::testing::Test {
 protected:
     _RASP_EVENTINFO fresh() {
         _RASP_EVENTINFO event;
@@ -23,7 +23,7 @@ protected:
     Transformer m_transformer;
 };
 
-TEST_F(RaspConversion, InitSetsDefaultsAndSkipsOneSpare) {
+TEST_F(TransformerRaspConversion, InitSetsDefaultsAndSkipsOneSpare) {
     _RASP_EVENTINFO event;
     event.time = event.pid = 9;
     event.action_type = 3;
@@ -54,7 +54,7 @@ TEST_F(RaspConversion, InitSetsDefaultsAndSkipsOneSpare) {
     EXPECT_EQ(event.model_status, "FILTER_PEROID");
 }
 
-TEST_F(RaspConversion, RefusedTexts) {
+TEST_F(TransformerRaspConversion, RefusedTexts) {
     struct Case {
         std::string text;
         bool logged;
@@ -88,7 +88,7 @@ TEST_F(RaspConversion, RefusedTexts) {
     }
 }
 
-TEST_F(RaspConversion, CommonFieldsAndTrailingText) {
+TEST_F(TransformerRaspConversion, CommonFieldsAndTrailingText) {
     const std::string text =
         message("\"url\":\"http://app/login\",\"body\":\"u=a\",\"method\":\"POST\",\"appCmd\":\"java -jar app\","
                 "\"headers\":{\"Host\": \"app\", \"n\": [1, 2]},\"param\":\"p=1\"",
@@ -113,7 +113,7 @@ TEST_F(RaspConversion, CommonFieldsAndTrailingText) {
     EXPECT_EQ(event.match_verdict, 2);
 }
 
-TEST_F(RaspConversion, ActionSubjectGoesToItsField) {
+TEST_F(TransformerRaspConversion, ActionSubjectGoesToItsField) {
     struct Case {
         const char* action;
         const char* subject;  // JSON of data.data.data, or null for none
@@ -146,7 +146,7 @@ TEST_F(RaspConversion, ActionSubjectGoesToItsField) {
     }
 }
 
-TEST_F(RaspConversion, AddressAction) {
+TEST_F(TransformerRaspConversion, AddressAction) {
     _RASP_EVENTINFO event = fresh();
     const std::string text = message("\"ip\":\"10.1.1.1\",\"srcPort\":51000",
                                      "{\"action\":\"address\",\"data\":{\"hostName\":\"db.local\","
@@ -168,7 +168,7 @@ TEST_F(RaspConversion, AddressAction) {
     EXPECT_EQ(u64(bare.pid), 4242u);
 }
 
-TEST_F(RaspConversion, NamesOutsideTheActionRange) {
+TEST_F(TransformerRaspConversion, NamesOutsideTheActionRange) {
     _RASP_EVENTINFO unknown = fresh();
     EXPECT_FALSE(m_transformer.judgeEventType(message("\"url\":\"/u\"", "{\"action\":\"connect\"}"), unknown));
     EXPECT_EQ(unknown.action, "connect");

@@ -17,7 +17,7 @@ rapidjson::Document parsed(const char* json) {
     return doc;
 }
 
-TEST(GetJsonInt, ReadsIntegersAndTheTextAfterTheLastColon) {
+TEST(TransformerGetJsonInt, ReadsIntegersAndTheTextAfterTheLastColon) {
     struct Case {
         const char* json;
         uint64_t expected;
@@ -51,7 +51,7 @@ TEST(GetJsonInt, ReadsIntegersAndTheTextAfterTheLastColon) {
     EXPECT_EQ(getJsonInt(nullptr), 0u);
 }
 
-TEST(GetJsonString, ReadsTextsAndPrintsLow32BitsSigned) {
+TEST(TransformerGetJsonString, ReadsTextsAndPrintsLow32BitsSigned) {
     struct Case {
         const char* json;
         const char* expected;
@@ -79,7 +79,7 @@ TEST(GetJsonString, ReadsTextsAndPrintsLow32BitsSigned) {
     EXPECT_EQ(getJsonString(nullptr), "");
 }
 
-TEST(GetJsonValue, EmptyTextKeepsTheDefault) {
+TEST(TransformerGetJsonValue, EmptyTextKeepsTheDefault) {
     std::string protocol = "tcp";
     getJsonValue(protocol, "");
     EXPECT_EQ(protocol, "tcp");
@@ -90,7 +90,7 @@ TEST(GetJsonValue, EmptyTextKeepsTheDefault) {
 // A field pre-filled with a marker shows which elements were written.
 constexpr wchar_t kMarker = 0x7E7E7E7E;
 
-TEST(StringToWchart, StoresWithinCapacityAndLeavesTheLastElementOfAFullField) {
+TEST(TransformerStringToWchart, StoresWithinCapacityAndLeavesTheLastElementOfAFullField) {
     struct Case {
         int capacity;
         std::string text;
@@ -119,7 +119,7 @@ TEST(StringToWchart, StoresWithinCapacityAndLeavesTheLastElementOfAFullField) {
     stringToWchart(nullptr, 4, "abc");  // a null target is ignored
 }
 
-TEST(WcharToString, KeepsTheLowByteOfEachElement) {
+TEST(TransformerWcharToString, KeepsTheLowByteOfEachElement) {
     const wchar_t sample[] = {static_cast<wchar_t>(0xFFFFFFE4), 'a', static_cast<wchar_t>(0x12345641), 0, 'z'};
     EXPECT_EQ(wcharToString(sample), std::string("\xE4" "aA"));
     const wchar_t empty[] = {0, 'x'};
@@ -133,7 +133,7 @@ TEST(WcharToString, KeepsTheLowByteOfEachElement) {
     EXPECT_EQ(wcharToString(wide.data()), allBytes);
 }
 
-TEST(SpiltDnsIp, ReducesToTheHostPart) {
+TEST(TransformerSpiltDnsIp, ReducesToTheHostPart) {
     struct Case {
         const char* text;
         const char* expected;
