@@ -9,22 +9,6 @@
 #include "mbframe.h"
 #include "orv_sync.h"
 
-// ELF hash with sign-extended bytes and an arithmetic shift of the top bits:
-// the bus library derives its interface identifiers this way, so for names
-// whose hash sets the top bit this must not be "fixed" into the published one.
-constexpr uint32_t interface_id_hash(const char* name) {
-    uint32_t value = 0;
-    for (; *name != '\0'; ++name) {
-        value = (value << 4) + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*name)));
-        const uint32_t top = value & 0xf0000000u;
-        if (top != 0) {
-            value ^= static_cast<uint32_t>(static_cast<int32_t>(top) >> 24);
-        }
-        value &= 0x0fffffffu;
-    }
-    return value;
-}
-
 extern _GUID CLSID_NULL;
 extern event_subscription b_RegisterEvent[3];
 constexpr unsigned int kRegisterEventCount = 3;

@@ -28,6 +28,23 @@ struct _GUID {
 };
 static_assert(sizeof(_GUID) == 16, "_GUID is 16 bytes");
 
+// ELF hash with sign-extended bytes and an arithmetic shift of the top bits:
+// interface identifiers are derived from the interface's short name this
+// way, so for names whose hash sets the top bit this must not be "fixed" into
+// the published ELF hash.
+constexpr uint32_t interface_id_hash(const char* name) {
+    uint32_t value = 0;
+    for (; *name != '\0'; ++name) {
+        value = (value << 4) + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*name)));
+        const uint32_t top = value & 0xf0000000u;
+        if (top != 0) {
+            value ^= static_cast<uint32_t>(static_cast<int32_t>(top) >> 24);
+        }
+        value &= 0x0fffffffu;
+    }
+    return value;
+}
+
 /* One subscription of a plug-in: the bus event ID and the bus's flag. */
 struct event_subscription {
     uint32_t event_id;

@@ -6,23 +6,8 @@
 
 namespace tulmb {
 
-uint32_t frame_id_hash(const char* name) {
-    // ELF hash over sign-extended bytes, folding the top nibble back with an
-    // arithmetic shift: the identifiers the plug-ins compute depend on it.
-    uint32_t value = 0;
-    for (; *name != '\0'; ++name) {
-        value = (value << 4) + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*name)));
-        const uint32_t top = value & 0xf0000000u;
-        if (top != 0) {
-            value ^= static_cast<uint32_t>(static_cast<int32_t>(top) >> 24);
-        }
-        value &= 0x0fffffffu;
-    }
-    return value;
-}
-
 const _GUID& frame_interface_id() {
-    static const _GUID id = {frame_id_hash("IRtmFrame"), 0, 0, {0}};
+    static const _GUID id = {interface_id_hash("IRtmFrame"), 0, 0, {0}};
     return id;
 }
 

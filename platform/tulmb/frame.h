@@ -9,7 +9,6 @@ namespace tulmb {
 
 // The identifier that DllGetClassObject accepts, derived from "IRtmFrame".
 const _GUID& frame_interface_id();
-uint32_t frame_id_hash(const char* name);
 
 class RtmFrame final : public MbFrame::IRtmFrame {
 public:
