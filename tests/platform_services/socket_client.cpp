@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-std::string socket_exchange(const std::string& path, const std::string& bytes, bool close_early) {
+std::string socket_exchange(const std::string& path, const std::string& bytes) {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return "<connect failed>";
     sockaddr_un addr{};
@@ -24,14 +24,12 @@ std::string socket_exchange(const std::string& path, const std::string& bytes, b
         sent += static_cast<size_t>(n);
     }
     std::string answer;
-    if (!close_early) {
-        char buf[256];
-        pollfd pfd{fd, POLLIN, 0};
-        while (::poll(&pfd, 1, 10000) > 0) {
-            ssize_t n = ::recv(fd, buf, sizeof(buf), 0);
-            if (n <= 0) break;
-            answer.append(buf, static_cast<size_t>(n));
-        }
+    char buf[256];
+    pollfd pfd{fd, POLLIN, 0};
+    while (::poll(&pfd, 1, 10000) > 0) {
+        ssize_t n = ::recv(fd, buf, sizeof(buf), 0);
+        if (n <= 0) break;
+        answer.append(buf, static_cast<size_t>(n));
     }
     ::close(fd);
     return answer;

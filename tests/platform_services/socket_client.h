@@ -4,9 +4,8 @@
 
 #include <string>
 
-// Connects, writes the bytes and, unless close_early, reads until the peer
-// closes (at most a few seconds). Returns what was read; "<connect failed>"
-// when nobody listens.
-std::string socket_exchange(const std::string& path, const std::string& bytes, bool close_early = false);
+// Connects, writes the bytes and reads until the peer closes (at most ten
+// seconds). Returns what was read; "<connect failed>" when nobody listens.
+std::string socket_exchange(const std::string& path, const std::string& bytes);
 
 #endif

@@ -20,9 +20,3 @@ TempInstallDir::~TempInstallDir() {
     std::error_code ignored;
     std::filesystem::remove_all(m_root, ignored);
 }
-
-std::string TempInstallDir::resolve(const std::string& pattern) {
-    char buf[4096] = {0};
-    dirutils_path_transform(pattern.c_str(), buf, sizeof(buf));
-    return buf;
-}

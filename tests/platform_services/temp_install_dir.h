@@ -13,8 +13,6 @@ public:
     TempInstallDir& operator=(const TempInstallDir&) = delete;
 
     const std::string& root() const { return m_root; }  // what "@/.." means
-    // A path of the tree, "@" resolved.
-    static std::string resolve(const std::string& pattern);
 
 private:
     std::string m_root;
