@@ -47,13 +47,10 @@ void HostTest::writePortConfig(const std::string& body) {
     std::ofstream(m_root + "/config/whitelist_port.cfg") << body;
 }
 
-void HostTest::removePortConfig() { std::filesystem::remove(m_root + "/config/whitelist_port.cfg"); }
-
 std::vector<int> HostTest::filteredPorts() const {
     std::vector<int> ports;
     const wl_list_head* head = &g_whitelist_context.port_filter_list;
-    if (head->next == nullptr) return ports;
-    for (const wl_list_head* link = head->next; link != head; link = link->next) {
+    for (const wl_list_head* link = head->next; link != nullptr && link != head; link = link->next) {
         ports.push_back(reinterpret_cast<const port_filter_node*>(link)->port);
     }
     return ports;

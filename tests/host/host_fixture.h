@@ -18,7 +18,6 @@ protected:
 
     // Writes "<root>/config/whitelist_port.cfg", which "@/../config/..." names.
     void writePortConfig(const std::string& body);
-    void removePortConfig();
     // Ports of the context's filter list, front to back.
     std::vector<int> filteredPorts() const;
 
