@@ -138,21 +138,9 @@ int WhitelistInvoke::QueryInterface(const _GUID&, void**) { return MB_E_PLUGIN_N
 int WhitelistInvoke::AddRef() { return 0; }
 int WhitelistInvoke::Release() { return 0; }
 
-int WhitelistInvoke::GetUniqueID(unsigned char (*id)[16]) const {
-    if (id == nullptr) {
-        return MB_E_INVALIDARG;
-    }
-    std::memcpy(*id, g_whitelistInvokePluginId, sizeof(g_whitelistInvokePluginId));
-    return 0;
-}
+int WhitelistInvoke::GetUniqueID(unsigned char (*id)[16]) const { return mb_copy_plugin_id(g_whitelistInvokePluginId, id); }
 
-int WhitelistInvoke::GetVersion(unsigned int* version) const {
-    if (version == nullptr) {
-        return MB_E_INVALIDARG;
-    }
-    *version = 1;
-    return 0;
-}
+int WhitelistInvoke::GetVersion(unsigned int* version) const { return mb_plugin_version(version); }
 
 int WhitelistInvoke::OnAdvised(MbFrame::IPluginSetting*, MbFrame::IDispatch* dispatch) {
     MbLockGuard lock(&m_lock);

@@ -95,3 +95,19 @@ void mb_detach(const unsigned char* plugin_id, void*& dll, MbFrame::IRtmFrame*& 
         dll = nullptr;
     }
 }
+
+int mb_copy_plugin_id(const unsigned char (&source)[16], unsigned char (*id)[16]) {
+    if (id == nullptr) {
+        return MB_E_INVALIDARG;
+    }
+    std::memcpy(*id, source, sizeof(source));
+    return 0;
+}
+
+int mb_plugin_version(unsigned int* version) {
+    if (version == nullptr) {
+        return MB_E_INVALIDARG;
+    }
+    *version = 1;
+    return 0;
+}

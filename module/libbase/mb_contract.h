@@ -20,6 +20,11 @@ constexpr unsigned int kEventCollectorOffline = 1022;
 extern const unsigned char g_registerPluginId[16];
 extern const unsigned char g_whitelistInvokePluginId[16];
 
+// GetUniqueID and GetVersion of the module's plug-ins: 0x84ce0002 for a null
+// pointer, with nothing written.
+int mb_copy_plugin_id(const unsigned char (&source)[16], unsigned char (*id)[16]);
+int mb_plugin_version(unsigned int* version);
+
 // Writes the bus event ID into bits 0-9, keeping the bus's bits 10-15.
 inline void mb_set_event_id(_RESPONSE_APP_REQUEST_INFO& native, unsigned int id) {
     native.event_id = static_cast<uint16_t>((native.event_id & ~MB_EVENT_ID_MASK) | (id & MB_EVENT_ID_MASK));

@@ -74,21 +74,9 @@ int Register::QueryInterface(const _GUID&, void**) { return 0; }
 int Register::AddRef() { return 0; }
 int Register::Release() { return 0; }
 
-int Register::GetUniqueID(unsigned char (*id)[16]) const {
-    if (id == nullptr) {
-        return MB_E_INVALIDARG;
-    }
-    std::memcpy(*id, g_registerPluginId, sizeof(g_registerPluginId));
-    return 0;
-}
+int Register::GetUniqueID(unsigned char (*id)[16]) const { return mb_copy_plugin_id(g_registerPluginId, id); }
 
-int Register::GetVersion(unsigned int* version) const {
-    if (version == nullptr) {
-        return MB_E_INVALIDARG;
-    }
-    *version = 1;
-    return 0;
-}
+int Register::GetVersion(unsigned int* version) const { return mb_plugin_version(version); }
 
 int Register::OnAdvised(MbFrame::IPluginSetting* setting, MbFrame::IDispatch*) {
     int result = setting != nullptr ? setting->RegisterEvents(b_RegisterEvent, kRegisterEventCount) : MB_E_INVALIDARG;
