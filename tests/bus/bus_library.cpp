@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-#include <chrono>
+#include <cstring>
 
 #include "mb_contract.h"
 
@@ -41,56 +41,13 @@ int TestPlugin::GetUniqueID(unsigned char (*id)[16]) const {
     return 0;
 }
 
-int TestPlugin::GetVersion(unsigned int* version) const {
-    *version = 1;
-    return 0;
-}
-
 int TestPlugin::OnAdvised(MbFrame::IPluginSetting* setting, MbFrame::IDispatch* dispatch) {
-    ++m_advised;
     m_dispatch = dispatch;
     return setting->RegisterEvents(m_events.data(), static_cast<unsigned int>(m_events.size()));
 }
 
-int TestPlugin::OnUnadvised(_UNADVISE_REASON reason) {
-    ++m_unadvised;
-    m_lastReason = reason;
-    return 0;
-}
-
 int TestPlugin::OnEvent(MbFrame::IEvent* event, _RESPONSE_STATUS*) {
-    // Probe the count: AddRef and Release return it.
-    const int refs = event->AddRef() - 1;
-    event->Release();
-    int seen = m_minRefsSeen.load();
-    while (refs < seen && !m_minRefsSeen.compare_exchange_weak(seen, refs)) {
-    }
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return !m_holding; });
-    m_received.push_back(event->GetUniqueID());
-    m_changed.notify_all();
-    lock.unlock();
+    ++m_received;
     event->Release();
     return 0;
-}
-
-void TestPlugin::hold() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_holding = true;
-}
-
-void TestPlugin::open() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_holding = false;
-    m_changed.notify_all();
-}
-
-bool TestPlugin::waitReceived(std::size_t count) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_received.size() >= count; });
-}
-
-std::vector<unsigned int> TestPlugin::received() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_received;
 }

@@ -1,5 +1,5 @@
-// Shared pieces of the bus tests: a counted test event, queue clean-up, and
-// builders of collector records.
+// Shared pieces of the bus tests: a counted test event, the engines' queues,
+// and collector records.
 #ifndef WL_BUS_TEST_SUPPORT_H
 #define WL_BUS_TEST_SUPPORT_H
 
@@ -13,11 +13,10 @@
 #include "mb_contract.h"
 #include "whitelist_mb.h"
 
-// An event that counts its references and tells when it has been freed.
+// An event that counts its references.
 class CountedEvent : public MbFrame::IEvent {
 public:
-    CountedEvent(unsigned int id, void* data, int sub_type, bool droppable = false, bool withNative = true)
-        : m_droppable(droppable), m_withNative(withNative) {
+    CountedEvent(unsigned int id, void* data, int sub_type, bool withNative = true) : m_withNative(withNative) {
         std::memset(&m_native, 0, sizeof(m_native));
         mb_set_event_id(m_native, id);
         m_native.data = data;
@@ -27,14 +26,13 @@ public:
     int AddRef() override { return ++m_count; }
     int Release() override { return --m_count; }
     unsigned int GetUniqueID() const override { return mb_event_id(m_native); }
-    bool AsyncDroppable() const override { return m_droppable; }
+    bool AsyncDroppable() const override { return false; }
     _RESPONSE_APP_REQUEST_INFO* GetNativeEvent() override { return m_withNative ? &m_native : nullptr; }
 
     int count() const { return m_count.load(); }
 
 private:
     std::atomic<int> m_count{0};
-    bool m_droppable;
     bool m_withNative;
     _RESPONSE_APP_REQUEST_INFO m_native;
 };
@@ -43,29 +41,18 @@ private:
 struct QueueReset {
     QueueReset() { clear(); }
     ~QueueReset() { clear(); }
-    static void clear() {
-        orv_mutex_lock(&g_baseDataLock);
-        g_baseData.clear();
-        orv_mutex_unlock(&g_baseDataLock);
-        orv_mutex_lock(&g_raspDataLock);
-        g_raspData.clear();
-        orv_mutex_unlock(&g_raspDataLock);
-    }
+    static void clear();
 };
 
-std::size_t baseQueued();
-std::size_t raspQueued();
+// Copies of what the engines' queues hold.
+std::vector<_BASE_EVENTINFO> baseRecords();
 std::vector<std::string> raspTexts();
-// The last queued host record, cleared first if none.
-_BASE_EVENTINFO lastBaseRecord();
-
-// Narrowing of a wide field: one element per source byte.
-std::string narrow(const wchar_t* text);
+inline std::size_t baseQueued() { return baseRecords().size(); }
+inline std::size_t raspQueued() { return raspTexts().size(); }
 
 // Native records as the collector sends them.
 std::vector<unsigned char> processRecord(const char* eventName, int32_t pid, const char* path);
 std::vector<unsigned char> fileRecord(const char* eventName, const char* filePath);
-std::vector<unsigned char> netRecord(const char* eventName, const char* dstIp, uint16_t dstPort);
 
 // A collector message around a payload, as action_collector_msg lays it out.
 std::vector<unsigned char> collectorMessage(int type, const std::vector<unsigned char>& payload);
