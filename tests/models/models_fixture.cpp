@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "dirutils.h"
+#include "ini_file.h"
 #include "whitelist_api.h"
 
 JsonPtr parse_json(const std::string& text) {
@@ -41,11 +41,17 @@ void ModelsTest::write_file(const std::string& relative, const std::string& cont
     std::ofstream(path(relative)) << content;
 }
 
-std::string ModelsTest::read_file(const std::string& relative) const {
-    std::ifstream in(path(relative));
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+std::string ini_value(const std::string& file, const std::string& section, const std::string& key) {
+    std::unique_ptr<void, void (*)(void*)> ini(ini_file_load(file.c_str()), ini_file_free);
+    if (!ini) return "<no file>";
+    const char* value = ini_file_get(ini.get(), section.c_str(), key.c_str());
+    return value ? value : "<absent>";
+}
+
+std::vector<std::string> model_names(const std::vector<base_init_st>& list) {
+    std::vector<std::string> result;
+    for (const auto& model : list) result.push_back(model.model_name);
+    return result;
 }
 
 base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports,

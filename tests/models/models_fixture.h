@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "doubles/agent_doubles.h"
 #include "doubles/model_library_double.h"
@@ -33,12 +34,14 @@ protected:
     std::string base_catalogue() const { return path("lib/../var/base/base_model.cfg"); }
     std::string rasp_catalogue() const { return path("lib/../var/base/rasp_model.cfg"); }
     void write_file(const std::string& relative, const std::string& content) const;
-    std::string read_file(const std::string& relative) const;
 
     std::string m_root;
     LogCapture m_log;
 };
 
+// "<no file>" or "<absent>" when there is nothing to read.
+std::string ini_value(const std::string& file, const std::string& section, const std::string& key);
+std::vector<std::string> model_names(const std::vector<base_init_st>& list);
 base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports,
                         const std::string& process_path = "/usr/sbin/app");
 

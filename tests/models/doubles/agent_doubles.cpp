@@ -20,37 +20,30 @@ namespace models_double {
 namespace {
 
 std::map<int, std::string> g_assets;
-std::map<int, int> g_asset_requests;
 std::vector<Subscription> g_subscriptions;
 std::vector<Upload> g_uploads;
 std::vector<FileUpload> g_file_uploads;
 bool g_symbols_missing = false;
-int g_dll_close_calls = 0;
 std::deque<std::unique_ptr<port_filter_node>> g_filter_nodes;
 
 }  // namespace
 
 void reset_agent() {
     g_assets.clear();
-    g_asset_requests.clear();
     g_subscriptions.clear();
     g_uploads.clear();
     g_file_uploads.clear();
     g_symbols_missing = false;
-    g_dll_close_calls = 0;
     wl_list_head* head = &g_whitelist_context.port_filter_list;
     head->next = head->prev = head;
     g_filter_nodes.clear();
 }
 
 void set_asset(int kind, const std::string& json) { g_assets[kind] = json; }
-void clear_asset(int kind) { g_assets.erase(kind); }
-int asset_requests(int kind) { return g_asset_requests[kind]; }
 const std::vector<Subscription>& subscriptions() { return g_subscriptions; }
 const std::vector<Upload>& uploads() { return g_uploads; }
 const std::vector<FileUpload>& file_uploads() { return g_file_uploads; }
 void set_symbols_missing(bool missing) { g_symbols_missing = missing; }
-int dll_close_calls() { return g_dll_close_calls; }
 
 void add_filter_port(int port) {
     auto node = std::make_unique<port_filter_node>();
@@ -70,7 +63,6 @@ using namespace models_double;
 extern "C" {
 
 int get_asset_result_v2(int kind, int max_age, cJSON** result, int flags) {
-    ++g_asset_requests[kind];
     auto found = g_assets.find(kind);
     if (found == g_assets.end()) return -1;
     *result = cJSON_Parse(found->second.c_str());
@@ -91,7 +83,7 @@ void* dll_get_addr_ex(void* handle, const char* name) {
     return g_symbols_missing ? nullptr : dlsym(handle ? handle : RTLD_DEFAULT, name);
 }
 
-void dll_close_ex(void* handle) { ++g_dll_close_calls; }
+void dll_close_ex(void*) {}
 
 // The agent's file-upload service, found by the module through dlsym.
 __attribute__((visibility("default"))) int _add_upload_file(int kind, const char* path) {

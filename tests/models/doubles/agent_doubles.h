@@ -30,8 +30,6 @@ void reset_agent();
 
 // Asset lists by kind, as JSON text; a kind without text is unavailable.
 void set_asset(int kind, const std::string& json);
-void clear_asset(int kind);
-int asset_requests(int kind);
 
 const std::vector<Subscription>& subscriptions();
 const std::vector<Upload>& uploads();
@@ -39,7 +37,6 @@ const std::vector<FileUpload>& file_uploads();
 
 // When set, dll_get_addr_ex finds nothing.
 void set_symbols_missing(bool missing);
-int dll_close_calls();
 
 // Adds a port to the context's filter list (nodes live until reset_agent).
 void add_filter_port(int port);

@@ -11,8 +11,7 @@ EngineScript g_scripts[2];
 EngineScript& script_of(Engine engine) { return g_scripts[engine == Engine::Base ? 0 : 1]; }
 
 void record(Engine engine, const char* op, const _USR_INPUT* input, const std::string& text = "") {
-    EngineCall call{engine, op, input ? *input : _USR_INPUT(), text};
-    g_calls.push_back(call);
+    g_calls.push_back({engine, op, input ? *input : _USR_INPUT(), text});
 }
 
 template <typename T>
@@ -24,56 +23,38 @@ T next(std::deque<T>& queue, T fallback) {
 }
 
 // Only the two operations model management uses do anything.
-class BaseLibrary : public BaseInterface {
+template <class Interface, class Event, Engine kEngine>
+class Library : public Interface {
 public:
     int setConfig(const char*) override { return 0; }
     int loadModel(const char*) override { return 0; }
     int saveModel(const char*) override { return 0; }
     std::string getModelData(std::string) override { return "{}"; }
     bool initModel(_USR_INPUT* input) override {
-        record(Engine::Base, "initModel", input);
-        return next(script_of(Engine::Base).init_results, true);
+        record(kEngine, "initModel", input);
+        return next(script_of(kEngine).init_results, true);
     }
-    int processEvent(_BASE_EVENTINFO&) override { return 0; }
-    std::string getBlackLog(_BASE_EVENTINFO&, int) override { return ""; }
-    int saveOriginLog(_BASE_EVENTINFO&, const char*) override { return 0; }
+    int processEvent(Event&) override { return 0; }
+    std::string getBlackLog(Event&, int) override { return ""; }
+    int saveOriginLog(Event&, const char*) override { return 0; }
     int interactModel(_USR_INPUT* input) override {
-        record(Engine::Base, "interactModel", input);
-        if (script_of(Engine::Base).on_interact) script_of(Engine::Base).on_interact(*input);
-        return next(script_of(Engine::Base).interact_results, 0);
+        record(kEngine, "interactModel", input);
+        if (script_of(kEngine).on_interact) script_of(kEngine).on_interact(*input);
+        return next(script_of(kEngine).interact_results, 0);
     }
     std::string getModelStatus(std::string) override { return "{}"; }
     int elapseTime(int, int) override { return 0; }
-    int feedbackAlarm(_BASE_EVENTINFO&) override { return 0; }
+    int feedbackAlarm(Event&) override { return 0; }
     std::string getChangedModel() override { return ""; }
 };
 
-class RaspLibrary : public RaspInterface {
-public:
-    int setConfig(const char*) override { return 0; }
-    int loadModel(const char*) override { return 0; }
-    int saveModel(const char*) override { return 0; }
-    bool initModel(_USR_INPUT* input) override {
-        record(Engine::Rasp, "initModel", input);
-        return next(script_of(Engine::Rasp).init_results, true);
-    }
-    int processEvent(_RASP_EVENTINFO&) override { return 0; }
-    int interactModel(_USR_INPUT* input) override {
-        record(Engine::Rasp, "interactModel", input);
-        if (script_of(Engine::Rasp).on_interact) script_of(Engine::Rasp).on_interact(*input);
-        return next(script_of(Engine::Rasp).interact_results, 0);
-    }
-    int elapseTime(int, int) override { return 0; }
-    std::string getModelStatus(std::string) override { return "{}"; }
-    std::string getBlackLog(_RASP_EVENTINFO&, int) override { return ""; }
-    std::string getModelData(std::string) override { return "{}"; }
-    int saveOriginLog(_RASP_EVENTINFO&, const char*) override { return 0; }
-    int feedbackAlarm(_RASP_EVENTINFO&) override { return 0; }
-    std::string getChangedModel() override { return ""; }
-};
+Library<BaseInterface, _BASE_EVENTINFO, Engine::Base> g_base_library;
+Library<RaspInterface, _RASP_EVENTINFO, Engine::Rasp> g_rasp_library;
 
-BaseLibrary g_base_library;
-RaspLibrary g_rasp_library;
+bool deal_alarm(Engine engine, const std::string& text) {
+    record(engine, "dealAlarmEvent", nullptr, text);
+    return next(script_of(engine).alarm_results, true);
+}
 
 }  // namespace
 
@@ -85,13 +66,18 @@ void reset_engines() {
 
 EngineScript& script(Engine engine) { return script_of(engine); }
 
-const std::vector<EngineCall>& engine_calls() { return g_calls; }
-
 std::vector<EngineCall> engine_calls(Engine engine, const std::string& op) {
     std::vector<EngineCall> found;
     for (const auto& call : g_calls)
         if (call.engine == engine && call.op == op) found.push_back(call);
     return found;
+}
+
+std::vector<std::string> called(Engine engine, const std::string& op) {
+    std::vector<std::string> names;
+    for (const auto& call : engine_calls(engine, op))
+        names.push_back(op == "dealAlarmEvent" ? call.text : call.input.modelName);
+    return names;
 }
 
 std::vector<std::string> engine_sequence() {
@@ -104,24 +90,9 @@ std::vector<std::string> engine_sequence() {
 
 using models_double::Engine;
 
-BaseInterface* whitelist_base_library() {
-    return models_double::script(Engine::Base).library_missing ? nullptr : &models_double::g_base_library;
-}
-
-RaspInterface* whitelist_rasp_library() {
-    return models_double::script(Engine::Rasp).library_missing ? nullptr : &models_double::g_rasp_library;
-}
-
+BaseInterface* whitelist_base_library() { return &models_double::g_base_library; }
+RaspInterface* whitelist_rasp_library() { return &models_double::g_rasp_library; }
 void whitelist_base_parse_input(_USR_INPUT* input) { models_double::record(Engine::Base, "parseInput", input); }
-
 void whitelist_rasp_parse_input(_USR_INPUT* input) { models_double::record(Engine::Rasp, "parseInput", input); }
-
-bool whitelist_base_deal_alarm(const std::string& text) {
-    models_double::record(Engine::Base, "dealAlarmEvent", nullptr, text);
-    return models_double::next(models_double::script(Engine::Base).alarm_results, true);
-}
-
-bool whitelist_rasp_deal_alarm(const std::string& text) {
-    models_double::record(Engine::Rasp, "dealAlarmEvent", nullptr, text);
-    return models_double::next(models_double::script(Engine::Rasp).alarm_results, true);
-}
+bool whitelist_base_deal_alarm(const std::string& text) { return models_double::deal_alarm(Engine::Base, text); }
+bool whitelist_rasp_deal_alarm(const std::string& text) { return models_double::deal_alarm(Engine::Rasp, text); }

@@ -26,17 +26,17 @@ struct EngineScript {
     std::deque<bool> init_results;  // then true
     std::deque<int> interact_results;  // then 0
     std::deque<bool> alarm_results;  // then true
-    bool library_missing = false;
     // Runs inside each interactModel, before the result is given.
     std::function<void(const _USR_INPUT&)> on_interact;
 };
 
 void reset_engines();
 EngineScript& script(Engine engine);
-const std::vector<EngineCall>& engine_calls();
 std::vector<EngineCall> engine_calls(Engine engine, const std::string& op);
 // "base:initModel", "rasp:parseInput", ... in call order.
 std::vector<std::string> engine_sequence();
+// Model names (texts, for dealAlarmEvent) of one engine's calls of one operation.
+std::vector<std::string> called(Engine engine, const std::string& op);
 
 }  // namespace models_double
 
