@@ -29,12 +29,8 @@ public:
     void putU32(std::size_t offset, uint32_t value) { put(offset, &value, sizeof(value)); }
     void putI32(std::size_t offset, int32_t value) { put(offset, &value, sizeof(value)); }
     void putU64(std::size_t offset, uint64_t value) { put(offset, &value, sizeof(value)); }
-    // Narrow text with its zero byte.
     void putNarrow(std::size_t offset, const std::string& text) { put(offset, text.c_str(), text.size() + 1); }
-    // Narrow text without a terminator (fills a field to its end).
-    void putRaw(std::size_t offset, const std::string& bytes) { put(offset, bytes.data(), bytes.size()); }
-    // The wide elements of a stored text: each byte sign-extended. The
-    // terminator is the zero already there.
+    // A stored text: each byte sign-extended to a wide element.
     void putWideChars(std::size_t offset, const std::string& text) {
         for (std::size_t i = 0; i < text.size(); ++i) {
             const int32_t element = static_cast<signed char>(text[i]);
@@ -52,18 +48,16 @@ private:
 
 constexpr std::size_t kRecordSize = 66732;
 
-// 64-bit record fields sit on 4-byte boundaries: read them by value, never
-// bind a reference (gtest's macros do) to one.
+// 64-bit record fields sit on 4-byte boundaries: read them by value.
 inline uint64_t u64(wl_u64 value) { return value; }
 
-// A zeroed _BASE_EVENTINFO on the heap (too large for comfort on a stack).
+// Too large for comfort on a stack.
 inline std::unique_ptr<_BASE_EVENTINFO> clearedRecord() { return std::make_unique<_BASE_EVENTINFO>(); }
 
 // "" when equal, else the first differing offset with both bytes.
 inline std::string firstDifference(const void* actual, const void* expected, std::size_t size) {
     const auto* a = static_cast<const unsigned char*>(actual);
     const auto* e = static_cast<const unsigned char*>(expected);
-    if (std::memcmp(a, e, size) == 0) return "";
     for (std::size_t i = 0; i < size; ++i) {
         if (a[i] != e[i]) {
             return "first difference at offset " + std::to_string(i) + ": actual " + std::to_string(a[i]) +

@@ -16,34 +16,40 @@ const std::string kSha256(64, 'f');
 const std::string kMd5Text = "0123456789abcdef0123456789abcdef";
 const std::string kUtf8Path = "/opt/caf\xC3\xA9/bin/app";  // non-ASCII: sign extension shows
 
-ByteImage nativeImage() {
-    ByteImage native(kNativeRecordMaxSize);
-    // Bytes the conversion must not read: sender's head and gaps.
-    for (std::size_t i = 0; i < 32; ++i) native.data()[i] = 0x5A;
-    return native;
-}
+// A native record and its expected conversion, both headed by name, time and type.
+struct Pair {
+    ByteImage in{kNativeRecordMaxSize};
+    ByteImage out{kRecordSize};
 
-// The acting process of file and network records; network is 4 bytes further.
-void putNativeActor(ByteImage& native, std::size_t shift) {
-    native.putI32(7352 + shift, 4321);
-    native.putNarrow(7364 + shift, "actor-guid");
-    native.putNarrow(7396 + shift, kUtf8Path);
-    native.putNarrow(8421 + shift, kMd5Text);
-    native.putNarrow(8454 + shift, kSha256);
-    native.putNarrow(8519 + shift, "app --serve");
-    native.putNarrow(9544 + shift, "www-data");
-}
+    // Network records sit 4 bytes further than process and file records.
+    Pair(std::size_t shift, const std::string& name, uint64_t time, uint16_t type) : m_shift(shift) {
+        for (std::size_t i = 0; i < 32; ++i) in.data()[i] = 0x5A;  // sender's head: never read
+        in.putNarrow(32 + shift, name);
+        in.putU64(96 + shift, time);
+        out.putU64(0, time);
+        out.putU16(8, type);
+    }
+    // A text written natively (offset as in a process or file record) and
+    // expected wide, cut to `keep` characters.
+    void text(std::size_t from, std::size_t to, const std::string& s, std::size_t keep = std::string::npos) {
+        in.putNarrow(from + m_shift, s);
+        out.putWideChars(to, s.substr(0, keep));
+    }
+    // The acting process of file and network records.
+    void withActor() {
+        in.putI32(7352 + m_shift, 4321);
+        out.putU64(kProcessInfo + kPid, 4321);
+        text(7364, kProcessInfo + kGuid, "actor-guid");
+        text(7396, kProcessInfo + kPath, kUtf8Path);
+        text(8421, kProcessInfo + kMd5, kMd5Text);
+        text(8454, kProcessInfo + kSha, kSha256);
+        text(8519, kProcessInfo + kCmd, "app --serve");
+        text(9544, kProcessInfo + kUser, "www-data");
+    }
 
-void expectActor(ByteImage& expected) {
-    const std::size_t b = kProcessInfo;
-    expected.putU64(b + kPid, 4321);
-    expected.putWideChars(b + kGuid, "actor-guid");
-    expected.putWideChars(b + kPath, kUtf8Path);
-    expected.putWideChars(b + kMd5, kMd5Text);
-    expected.putWideChars(b + kSha, kSha256);
-    expected.putWideChars(b + kCmd, "app --serve");
-    expected.putWideChars(b + kUser, "www-data");
-}
+private:
+    std::size_t m_shift;
+};
 
 void expectSame(const _BASE_EVENTINFO& actual, const ByteImage& expected) {
     ASSERT_EQ(expected.size(), sizeof(_BASE_EVENTINFO));
@@ -51,222 +57,103 @@ void expectSame(const _BASE_EVENTINFO& actual, const ByteImage& expected) {
     EXPECT_TRUE(diff.empty()) << diff;
 }
 
-TEST(TransformerNativeConversion, ProcessCreationBytes) {
-    ByteImage native = nativeImage();
-    native.putNarrow(32, "PROCESS_CREATION");
-    native.putU64(96, 0x0102030405060708ULL);
-    native.putI32(7352, -1);
-    native.putNarrow(7404, "child-guid");
-    native.putNarrow(7436, kUtf8Path);
-    native.putNarrow(8461, kMd5Text);
-    native.putNarrow(8494, kSha256);
-    native.putNarrow(8559, std::string(1024, 'c'));  // fills its room of 1,025
-    native.putNarrow(9584, "root");
-    native.putI32(9652, 77);
-    native.putRaw(9656, std::string(32, 'G'));  // sender's parent fields that are not read
-    native.putNarrow(9688, "/bin/bash");
-    native.putNarrow(10713, "ffffffffffffffffffffffffffffffff");
-    native.putNarrow(10746, std::string(64, 'e'));
-    native.putNarrow(10811, "bash -c run");
-
-    ByteImage expected(kRecordSize);
-    expected.putU64(0, 0x0102030405060708ULL);
-    expected.putU16(8, 1);
-    expected.putU64(kDetail + kPid, 0xFFFFFFFFFFFFFFFFULL);
-    expected.putWideChars(kDetail + kGuid, "child-guid");
-    expected.putWideChars(kDetail + kPath, kUtf8Path);
-    expected.putWideChars(kDetail + kMd5, kMd5Text);
-    expected.putWideChars(kDetail + kSha, kSha256);
-    expected.putWideChars(kDetail + kCmd, std::string(1023, 'c'));
-    expected.putWideChars(kDetail + kUser, "root");
-    expected.putU64(kProcessInfo + kPid, 77);
-    expected.putWideChars(kProcessInfo + kPath, "/bin/bash");
-    expected.putWideChars(kProcessInfo + kMd5, "ffffffffffffffffffffffffffffffff");
-    expected.putWideChars(kProcessInfo + kSha, std::string(64, 'e'));
-    expected.putWideChars(kProcessInfo + kCmd, "bash -c run");
-
-    Transformer transformer;
+void expectNet(Pair& p) {
     auto record = clearedRecord();
-    EXPECT_TRUE(transformer.TransformProcessMsg(native.as<process_event_info>(), *record));
-    expectSame(*record, expected);
+    EXPECT_TRUE(Transformer().TransformNetEvent(p.in.as<net_event_info>(), *record));
+    expectSame(*record, p.out);
+}
+
+TEST(TransformerNativeConversion, ProcessCreationBytes) {
+    Pair p(0, "PROCESS_CREATION", 0x0102030405060708ULL, 1);
+    p.in.putI32(7352, -1);
+    p.out.putU64(kDetail + kPid, 0xFFFFFFFFFFFFFFFFULL);
+    p.text(7404, kDetail + kGuid, "child-guid");
+    p.text(7436, kDetail + kPath, kUtf8Path);
+    p.text(8461, kDetail + kMd5, kMd5Text);
+    p.text(8494, kDetail + kSha, kSha256);
+    p.text(8559, kDetail + kCmd, std::string(1024, 'c'), 1023);  // fills its room of 1,025
+    p.text(9584, kDetail + kUser, "root");
+    p.in.putI32(9652, 77);
+    p.out.putU64(kProcessInfo + kPid, 77);
+    p.text(9688, kProcessInfo + kPath, "/bin/bash");
+    p.text(10811, kProcessInfo + kCmd, "bash -c run");
+
+    auto record = clearedRecord();
+    EXPECT_TRUE(Transformer().TransformProcessMsg(p.in.as<process_event_info>(), *record));
+    expectSame(*record, p.out);
 }
 
 TEST(TransformerNativeConversion, FileRenamingBytes) {
-    ByteImage native = nativeImage();
-    native.putNarrow(32, "FILE_RENAMING");
-    native.putU64(96, 1700000000ULL);
-    putNativeActor(native, 0);
-    native.putNarrow(9610, "/srv/" + std::string(300, 'p'));  // longer than the record's 260
-    native.putNarrow(13706, "owner");
-    native.putNarrow(13739, "group");
-    native.putNarrow(13772, "rw-r--r--");
+    Pair p(0, "FILE_RENAMING", 1700000000ULL, 9);
+    p.withActor();
+    p.out.putWideChars(kDetail + 0, "FILE_RENAMING");
+    p.text(9610, kDetail + 3988, "/srv/" + std::string(300, 'p'), 259);  // the record keeps 260
+    p.text(13706, kDetail + 3476, "owner");
+    p.text(13739, kDetail + 5160, "group");
+    p.text(13772, kDetail + 5672, "rw-r--r--");
 
-    ByteImage expected(kRecordSize);
-    expected.putU64(0, 1700000000ULL);
-    expected.putU16(8, 9);
-    expectActor(expected);
-    expected.putWideChars(kDetail + 0, "FILE_RENAMING");
-    expected.putWideChars(kDetail + 3988, ("/srv/" + std::string(300, 'p')).substr(0, 259));
-    expected.putWideChars(kDetail + 3476, "owner");
-    expected.putWideChars(kDetail + 5160, "group");
-    expected.putWideChars(kDetail + 5672, "rw-r--r--");
-
-    Transformer transformer;
     auto record = clearedRecord();
-    EXPECT_TRUE(transformer.TransformFileMsg(native.as<file_event_info>(), *record));
-    expectSame(*record, expected);
+    EXPECT_TRUE(Transformer().TransformFileMsg(p.in.as<file_event_info>(), *record));
+    expectSame(*record, p.out);
 }
 
 TEST(TransformerNativeConversion, ConnectionBytes) {
-    ByteImage native = nativeImage();
-    native.putNarrow(36, "NETWORK_CONNECTION");
-    native.putU64(100, 99);
-    putNativeActor(native, 4);
-    native.putNarrow(9614, "tcp");
-    native.putNarrow(9618, "192.168.100.200");
-    native.putNarrow(9634, "10.0.0.1");
-    native.putU16(9650, 0x3412);  // copied as it lies, no byte swap
-    native.putU16(9652, 0xBB01);
-
-    ByteImage expected(kRecordSize);
-    expected.putU64(0, 99);
-    expected.putU16(8, 15);
-    expectActor(expected);
-    expected.putU32(kDetail + 0, 0xBB01);
-    expected.putU32(kDetail + 4, 0x3412);
-    expected.putWideChars(kDetail + 8, "192.168.100.200");
-    expected.putWideChars(kDetail + 136, "10.0.0.1");
-    expected.putWideChars(kDetail + 264, "tcp");
-
-    Transformer transformer;
-    auto record = clearedRecord();
-    EXPECT_TRUE(transformer.TransformNetEvent(native.as<net_event_info>(), *record));
-    expectSame(*record, expected);
+    Pair p(4, "NETWORK_CONNECTION", 99, 15);
+    p.withActor();
+    p.text(9610, kDetail + 264, "tcp");
+    p.text(9614, kDetail + 8, "192.168.100.200");
+    p.text(9630, kDetail + 136, "10.0.0.1");
+    p.in.putU16(9650, 0x3412);  // copied as it lies, no byte swap
+    p.in.putU16(9652, 0xBB01);
+    p.out.putU32(kDetail + 0, 0xBB01);
+    p.out.putU32(kDetail + 4, 0x3412);
+    expectNet(p);
 }
 
 TEST(TransformerNativeConversion, DnsQueryBytes) {
-    ByteImage native = nativeImage();
-    native.putNarrow(36, "DNS_QUERY");
-    native.putU64(100, 5);
-    putNativeActor(native, 4);
-    native.putNarrow(9614, "example.org");
-    native.putU32(9680, 0x80000003U);
-    native.putNarrow(9684, std::string(300, 'r'));
-
-    ByteImage expected(kRecordSize);
-    expected.putU64(0, 5);
-    expected.putU16(8, 16);
-    expectActor(expected);
-    expected.putU32(kDetail + 0, 0x80000003U);
-    expected.putWideChars(kDetail + 4, "example.org");
-    expected.putWideChars(kDetail + 2052, std::string(255, 'r'));
-
-    Transformer transformer;
-    auto record = clearedRecord();
-    EXPECT_TRUE(transformer.TransformNetEvent(native.as<net_event_info>(), *record));
-    expectSame(*record, expected);
+    Pair p(4, "DNS_QUERY", 5, 16);
+    p.withActor();
+    p.text(9610, kDetail + 4, "example.org");
+    p.text(9680, kDetail + 2052, std::string(300, 'r'), 255);
+    p.in.putU32(9680, 0x80000003U);
+    p.out.putU32(kDetail + 0, 0x80000003U);
+    expectNet(p);
 }
 
 TEST(TransformerNativeConversion, ListeningBytesUnderBothNames) {
     for (const char* name : {"LISTENING", "HOST_PORT_LISTENING"}) {
         SCOPED_TRACE(name);
-        ByteImage native = nativeImage();
-        native.putNarrow(36, name);
-        native.putU64(100, 7);
-        putNativeActor(native, 4);
-        native.putRaw(9614, "udp6");  // fills its room: the text runs on into the address
-        native.putNarrow(9618, "0.0.0.0");
-        native.putU16(9650, 1);
-        native.putU16(9652, 8080);
-
-        ByteImage expected(kRecordSize);
-        expected.putU64(0, 7);
-        expected.putU16(8, 17);
-        expectActor(expected);
-        expected.putWideChars(kDetail + 0, "0.0.0.0");
-        expected.putWideChars(kDetail + 128, "udp");
-        expected.putU32(kDetail + 144, 8080);
-
-        Transformer transformer;
-        auto record = clearedRecord();
-        EXPECT_TRUE(transformer.TransformNetEvent(native.as<net_event_info>(), *record));
-        expectSame(*record, expected);
+        Pair p(4, name, 7, 17);
+        p.withActor();
+        p.in.putNarrow(9614, "udp6");  // fills its room: the address overwrites the zero
+        p.out.putWideChars(kDetail + 128, "udp");
+        p.text(9614, kDetail + 0, "0.0.0.0");
+        p.in.putU16(9650, 1);
+        p.in.putU16(9652, 8080);
+        p.out.putU32(kDetail + 144, 8080);
+        expectNet(p);
     }
 }
 
 TEST(TransformerNativeConversion, UnknownNameLeavesRecordUntouched) {
-    ByteImage native = nativeImage();
-    native.putNarrow(32, "PROCESS_EXIT");
-    native.putNarrow(36, "PROCESS_EXIT");
-    native.putU64(96, 1);
-    native.putU64(100, 1);
-    native.putNarrow(7436, "/bin/true");
-    const ByteImage zero(kRecordSize);
-
+    Pair p(0, "PROCESS_EXIT", 1, 0);
+    p.in.putNarrow(36, "PROCESS_EXIT");
+    p.in.putNarrow(7436, "/bin/true");
     Transformer transformer;
     auto record = clearedRecord();
-    EXPECT_FALSE(transformer.TransformProcessMsg(native.as<process_event_info>(), *record));
-    EXPECT_FALSE(transformer.TransformFileMsg(native.as<file_event_info>(), *record));
-    EXPECT_FALSE(transformer.TransformNetEvent(native.as<net_event_info>(), *record));
-    expectSame(*record, zero);
-}
-
-TEST(TransformerNativeConversion, NameDecidesNumberNotPath) {
-    Transformer transformer;
-    {
-        // A process record under a file name is filled as a process but typed 6.
-        ByteImage native = nativeImage();
-        native.putNarrow(32, "FILE_CREATION");
-        native.putI32(7352, 5);
-        native.putNarrow(7436, "/bin/ls");
-        auto record = clearedRecord();
-        EXPECT_TRUE(transformer.TransformProcessMsg(native.as<process_event_info>(), *record));
-        EXPECT_EQ(record->event_type, 6);
-        EXPECT_EQ(u64(record->detail.process.process_id), 5u);
-        EXPECT_EQ(wcharToString(record->detail.process.process_path), "/bin/ls");
-    }
-    struct FileCase {
-        const char* name;
-        uint16_t type;
-        const char* fileEventName;
-    };
-    for (const FileCase& c : {FileCase{"DNS_QUERY", 16, ""}, FileCase{"mysql", 7, "FILE_MODIFICATION"},
-                              FileCase{"FILE_TIME_MODIFICATION", 10, "FILE_TIME_MODIFICATION"},
-                              FileCase{"delete", 5, ""}}) {
-        SCOPED_TRACE(c.name);
-        ByteImage native = nativeImage();
-        native.putNarrow(32, c.name);
-        native.putNarrow(9610, "/etc/passwd");
-        auto record = clearedRecord();
-        EXPECT_TRUE(transformer.TransformFileMsg(native.as<file_event_info>(), *record));
-        EXPECT_EQ(record->event_type, c.type);
-        EXPECT_EQ(wcharToString(record->detail.file.file_event_name), c.fileEventName);
-        EXPECT_EQ(wcharToString(record->detail.file.file_name), "/etc/passwd");
-    }
-    {
-        // A network record under a process name: only kind and time.
-        ByteImage native = nativeImage();
-        native.putNarrow(36, "PROCESS_CREATION");
-        native.putU64(100, 123);
-        putNativeActor(native, 4);
-        native.putNarrow(9618, "1.2.3.4");
-        auto record = clearedRecord();
-        EXPECT_TRUE(transformer.TransformNetEvent(native.as<net_event_info>(), *record));
-        ByteImage expected(kRecordSize);
-        expected.putU64(0, 123);
-        expected.putU16(8, 1);
-        expectSame(*record, expected);
-    }
+    EXPECT_FALSE(transformer.TransformProcessMsg(p.in.as<process_event_info>(), *record));
+    EXPECT_FALSE(transformer.TransformFileMsg(p.in.as<file_event_info>(), *record));
+    EXPECT_FALSE(transformer.TransformNetEvent(p.in.as<net_event_info>(), *record));
+    expectSame(*record, ByteImage(kRecordSize));
 }
 
 TEST(TransformerNativeConversion, TextRunningToTheRecordEndStopsThere) {
     // No zero byte anywhere: reads must stay inside the native record.
-    ByteImage native(kNativeRecordMaxSize);
-    std::memset(native.data(), 'x', native.size());
-    native.putNarrow(32, "FILE_CREATION");
-    Transformer transformer;
+    ByteImage in(kNativeRecordMaxSize);
+    std::memset(in.data(), 'x', in.size());
+    in.putNarrow(32, "FILE_CREATION");
     auto record = clearedRecord();
-    EXPECT_TRUE(transformer.TransformFileMsg(native.as<file_event_info>(), *record));
+    EXPECT_TRUE(Transformer().TransformFileMsg(in.as<file_event_info>(), *record));
     EXPECT_EQ(wcharToString(record->detail.file.file_permissions), std::string(127, 'x'));
 }
 
