@@ -13,10 +13,8 @@
 
 class TempDir {
 public:
-    TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kembase-test-XXXXXX").string();
-        if (!mkdtemp(&pattern[0])) throw std::runtime_error("mkdtemp failed");
-        m_path = pattern;
+    TempDir() : m_path((std::filesystem::temp_directory_path() / "kembase-test-XXXXXX").string()) {
+        if (!mkdtemp(&m_path[0])) throw std::runtime_error("mkdtemp failed");
     }
     ~TempDir() {
         std::error_code ignored;
@@ -24,7 +22,6 @@ public:
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-
     const std::string& path() const { return m_path; }
     std::string operator/(const std::string& name) const { return m_path + "/" + name; }
 
