@@ -1,99 +1,45 @@
-// Runtime-application events: learning and matching per action, no delay.
+// Runtime-application events: learned per action and subject, black at once
+// when unknown, white again once the manager feeds the alarm back.
 #include <gtest/gtest.h>
 
 #include "engine_test_support.h"
 
 using namespace enginetest;
 
-namespace {
-
-const unsigned long long kPid = 3100;
-
-struct ActionCase {
-    unsigned short action;
-    const char* learned;
-    const char* unknown;
-};
-
-const ActionCase kActions[] = {
-    {0, "db.shop.local", "evil.example"},
-    {1, "payments.local", "attacker.example"},
-    {2, "/usr/bin/convert in.png out.png", "/bin/sh -c id"},
-    {3, "/var/shop/upload/1.png", "/var/www/shell.jsp"},
-    {4, "/etc/shop/app.conf", "/etc/shadow"},
-    {5, "/var/shop/tmp/1", "/var/shop/db"},
-    {7, "SELECT * FROM cart WHERE id=?", "DROP TABLE cart"},
-    {10, "SELECT 1", "EXEC xp_cmdshell 'dir'"},
-};
-
-class RaspVerdictTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        engine = makeRaspEngine();
-        ASSERT_TRUE(engine->initModel(startCommand("web", 1, "/usr/bin/java", {kPid}).get()));
-    }
-    std::unique_ptr<RaspInterface> engine;
-};
-
-}  // namespace
-
-TEST_F(RaspVerdictTest, EachActionIsLearnedThenMatched) {
-    for (const ActionCase& c : kActions) {
-        auto event = raspEvent(kPid, c.action, c.learned);
-        engine->processEvent(*event);
-        EXPECT_EQ(event->origin_log_flag, 1) << c.learned;
-        EXPECT_EQ(event->model_status, "LEARN_PEROID");
-        EXPECT_EQ(event->model_name, "web");
-        EXPECT_EQ(event->match_verdict, 1);
-    }
+TEST(RaspVerdictTest, EachActionIsLearnedThenMatchedAndAnUnknownOneFedBack) {
+    const unsigned long long pid = 3100;
+    const struct {
+        unsigned short action;
+        const char* learned;
+        const char* unknown;
+    } cases[] = {
+        {0, "db.shop.local", "evil.example"},
+        {1, "payments.local", "attacker.example"},
+        {3, "/var/shop/upload/1.png", "/var/www/shell.jsp"},
+        {5, "/var/shop/tmp/1", "/var/shop/upload/1.png"},  // learned as a write only
+        {10, "SELECT 1", "EXEC xp_cmdshell 'dir'"},
+    };
+    std::unique_ptr<RaspInterface> engine(RaspFactory().getRaspInterface());
+    ASSERT_TRUE(engine->initModel(startCommand("web", 1, "/usr/bin/java", {pid}).get()));
+    for (const auto& c : cases) engine->processEvent(*raspEvent(pid, c.action, c.learned));
     engine->elapseTime(60, 0);
-    for (const ActionCase& c : kActions) {
-        SCOPED_TRACE(c.action);
-        auto known = raspEvent(kPid, c.action, c.learned);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.unknown);
+        auto known = raspEvent(pid, c.action, c.learned);
         engine->processEvent(*known);
         EXPECT_EQ(known->model_status, "FILTER_PEROID");
         EXPECT_EQ(known->match_verdict, 1);
-        EXPECT_EQ(known->origin_log_flag, 0);
 
-        auto unknown = raspEvent(kPid, c.action, c.unknown);
+        auto unknown = raspEvent(pid, c.action, c.unknown);
         engine->processEvent(*unknown);
-        EXPECT_EQ(unknown->match_verdict, 0) << "black at once: this path has no delay";
+        ASSERT_EQ(unknown->match_verdict, 0) << "no delay on this path";
+        std::string alarm = engine->getBlackLog(*unknown, 1);
+        EXPECT_NE(alarm.find("\"alarm_source\":0"), std::string::npos) << alarm;
+        std::vector<_RASP_EVENTINFO> records;
+        ASSERT_TRUE(Transformer().judgeAlarmEventType("[" + alarm + "]", records)) << alarm;
+        ASSERT_EQ(records.size(), 1u) << alarm;
+        EXPECT_EQ(engine->feedbackAlarm(records[0]), 0);
+        engine->processEvent(*unknown);
+        EXPECT_EQ(unknown->match_verdict, 1) << alarm;
     }
-}
-
-TEST_F(RaspVerdictTest, SameSubjectUnderAnotherActionIsUnknown) {
-    auto write = raspEvent(kPid, 3, "/var/shop/data");
-    engine->processEvent(*write);
-    engine->elapseTime(60, 0);
-    auto remove = raspEvent(kPid, 5, "/var/shop/data");
-    engine->processEvent(*remove);
-    EXPECT_EQ(remove->match_verdict, 0);
-}
-
-TEST_F(RaspVerdictTest, AddressIsJudgedByHostAndPort) {
-    auto event = raspEvent(kPid, 1, "payments.local");
-    engine->processEvent(*event);
-    engine->elapseTime(60, 0);
-    auto otherPort = raspEvent(kPid, 1, "payments.local");
-    otherPort->port = "9090";
-    engine->processEvent(*otherPort);
-    EXPECT_EQ(otherPort->match_verdict, 0);
-}
-
-TEST_F(RaspVerdictTest, EventsOutsideAnyActiveModelStayWhite) {
-    engine->elapseTime(60, 0);
-    auto stranger = raspEvent(kPid + 1, 2, "/bin/sh");
-    engine->processEvent(*stranger);
-    EXPECT_EQ(stranger->match_verdict, 1);
-    EXPECT_EQ(stranger->model_status, "");
-
-    auto hostName = raspEvent(kPid, 17, "");
-    engine->processEvent(*hostName);
-    EXPECT_EQ(hostName->match_verdict, 1) << "host event names carry no action subject";
-
-    ASSERT_EQ(engine->interactModel(command(USR_OPR_SWITCH, "web", 0, USR_SWITCH_OFF).get()), 0);
-    auto off = raspEvent(kPid, 2, "/bin/sh");
-    engine->processEvent(*off);
-    EXPECT_EQ(off->match_verdict, 1);
-    EXPECT_EQ(off->origin_log_flag, 0);
 }
