@@ -43,7 +43,7 @@ protected:
         if (!Register::GetInstance()->registerInit()) {
             return 0;
         }
-        dirutils_set_install_dir((m_install->root() + "/lib").c_str());
+        dirutils_set_install_dir(path("lib").c_str());
         return BaseEngine::GetInstance()->Initialize() && RaspEngine::GetInstance()->Initialize() ? 1 : 0;
     }
 
@@ -57,17 +57,17 @@ TEST_F(BusPathTest, CollectorRecordBecomesAnAlarm) {
     auto message = collectorMessage(1045, fileRecord("FILE_CREATION", "/var/www/shell.php"));
     transmit_action_data(reinterpret_cast<const action_collector_msg*>(message.data()));
 
-    ASSERT_TRUE(recorders::waitForUploads(WL_REPORT_ALARM, 1)) << m_log.dump();
+    ASSERT_TRUE(waitUntil([] { return !recorders::uploads(WL_REPORT_ALARM).empty(); })) << m_log.dump();
     std::vector<fake_model::Call> seen = Library::instance().calls(Engine::Base, "processEvent");
     ASSERT_EQ(1u, seen.size());
     EXPECT_EQ(6, seen[0].eventType);
-    EXPECT_EQ("{\"shell\":1}", recorders::uploadsOfType(WL_REPORT_ALARM)[0].text);
+    EXPECT_EQ("{\"shell\":1}", recorders::uploads(WL_REPORT_ALARM)[0].text);
 }
 
 TEST_F(BusPathTest, TelemetryTextBecomesARaspAlarm) {
     Library::instance().queueVerdict(Engine::Rasp, {0, 0, 0, "FILTER_PEROID"});
     transmit_rasp_data("{\"data\":{\"data\":{\"action\":\"execute\",\"data\":\"/bin/sh -c id\"}}}");
-    ASSERT_TRUE(recorders::waitForUploads(WL_REPORT_RASP_ALARM, 1)) << m_log.dump();
+    ASSERT_TRUE(waitUntil([] { return !recorders::uploads(WL_REPORT_RASP_ALARM).empty(); })) << m_log.dump();
     std::vector<fake_model::Call> seen = Library::instance().calls(Engine::Rasp, "processEvent");
     ASSERT_EQ(1u, seen.size());
     EXPECT_EQ(2, seen[0].eventType) << "the execute action";

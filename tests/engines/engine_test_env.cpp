@@ -2,11 +2,9 @@
 
 #include <stdlib.h>
 #include <sys/prctl.h>
-#include <unistd.h>
 
 #include <condition_variable>
 #include <cstring>
-#include <stdexcept>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -16,6 +14,7 @@
 #include "base.h"
 #include "dirutils.h"
 #include "event_queues.h"
+#include "log_capture.h"
 #include "orv_log.h"
 #include "rasp.h"
 #include "recorders.h"
@@ -24,8 +23,6 @@
 namespace {
 
 struct ClockState {
-    std::mutex mutex;
-    std::condition_variable changed;
     time_t now = 1700000000;
     bool gated = false;
     int permits = 0;
@@ -34,145 +31,103 @@ struct ClockState {
     std::chrono::microseconds pause{1000};
 };
 
-ClockState& clock_state() {
-    static ClockState state;
-    return state;
-}
+std::mutex g_clockMutex;
+std::condition_variable g_clockChanged;
+ClockState g_clock;
 
-std::string thread_name() {
-    char name[32] = {0};
-    prctl(PR_GET_NAME, name, 0, 0, 0);
-    return name;
+// Runs f on the clock under its lock and wakes a gated sleep to look again.
+template <class F>
+auto with_clock(F f) {
+    struct Wake {
+        ~Wake() { g_clockChanged.notify_all(); }
+    } wake;
+    std::lock_guard<std::mutex> lock(g_clockMutex);
+    return f(g_clock);
 }
 
 void fake_usleep(unsigned int) {
-    ClockState& s = clock_state();
-    std::chrono::microseconds pause;
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        ++s.usleeps[thread_name()];
-        pause = s.pause;
-    }
-    s.changed.notify_all();
-    std::this_thread::sleep_for(pause);
+    char name[32] = {0};
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    std::this_thread::sleep_for(with_clock([&](ClockState& c) { ++c.usleeps[name]; return c.pause; }));
 }
 
 void fake_sleep(unsigned int) {
-    ClockState& s = clock_state();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    ++s.entered;
-    s.changed.notify_all();
-    s.changed.wait(lock, [&] { return !s.gated || s.permits > 0; });
-    if (s.gated) {
-        --s.permits;
-    } else {
-        lock.unlock();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::unique_lock<std::mutex> lock(g_clockMutex);
+    ++g_clock.entered;
+    g_clockChanged.wait(lock, [] { return !g_clock.gated || g_clock.permits > 0; });
+    if (g_clock.gated) {
+        --g_clock.permits;
+        return;
     }
+    lock.unlock();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 time_t fake_time(time_t* out) {
-    ClockState& s = clock_state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (out != nullptr) {
-        *out = s.now;
+    time_t now = FakeClock::now();
+    if (out != nullptr) *out = now;
+    return now;
+}
+
+template <class Queue, class Item>
+void push_bounded(orv_mutex_t* lock, Queue& queue, const Item& item) {
+    orv_mutex_lock(lock);
+    if (queue.size() < kEventQueueLimit) {
+        queue.push_back(item);
     }
-    return s.now;
+    orv_mutex_unlock(lock);
+}
+
+template <class Queue>
+size_t locked_size(orv_mutex_t* lock, const Queue& queue) {
+    orv_mutex_lock(lock);
+    size_t n = queue.size();
+    orv_mutex_unlock(lock);
+    return n;
 }
 
 }  // namespace
 
 void FakeClock::install() {
-    ClockState& s = clock_state();
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.gated = false;
-        s.permits = 0;
-        s.entered = 0;
-        s.usleeps.clear();
-        s.pause = std::chrono::microseconds(1000);
-        s.now = 1700000000;
-    }
+    with_clock([](ClockState& c) { c = ClockState(); });
     g_wl_clock = {fake_usleep, fake_sleep, fake_time};
 }
 
-void FakeClock::uninstall() { wl_clock_reset(); }
-
 void FakeClock::setTime(time_t now) {
-    std::lock_guard<std::mutex> lock(clock_state().mutex);
-    clock_state().now = now;
+    with_clock([now](ClockState& c) { c.now = now; });
 }
 
 time_t FakeClock::now() {
-    std::lock_guard<std::mutex> lock(clock_state().mutex);
-    return clock_state().now;
+    return with_clock([](ClockState& c) { return c.now; });
 }
 
 void FakeClock::gate(bool on) {
-    {
-        std::lock_guard<std::mutex> lock(clock_state().mutex);
-        clock_state().gated = on;
-        clock_state().permits = 0;
-    }
-    clock_state().changed.notify_all();
+    with_clock([on](ClockState& c) { c.gated = on; c.permits = 0; });
 }
 
 void FakeClock::allowSleeps(int n) {
-    {
-        std::lock_guard<std::mutex> lock(clock_state().mutex);
-        clock_state().permits += n;
-    }
-    clock_state().changed.notify_all();
+    with_clock([n](ClockState& c) { c.permits += n; });
 }
 
 int FakeClock::sleepsEntered() {
-    std::lock_guard<std::mutex> lock(clock_state().mutex);
-    return clock_state().entered;
-}
-
-bool FakeClock::waitSleepsEntered(int n, std::chrono::milliseconds timeout) {
-    ClockState& s = clock_state();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    return s.changed.wait_for(lock, timeout, [&] { return s.entered >= n; });
+    return with_clock([](ClockState& c) { return c.entered; });
 }
 
 int FakeClock::usleepsOf(const std::string& threadName) {
-    std::lock_guard<std::mutex> lock(clock_state().mutex);
-    return clock_state().usleeps[threadName];
-}
-
-bool FakeClock::waitUsleepsOf(const std::string& threadName, int n, std::chrono::milliseconds timeout) {
-    ClockState& s = clock_state();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    return s.changed.wait_for(lock, timeout, [&] { return s.usleeps[threadName] >= n; });
+    return with_clock([&](ClockState& c) { return c.usleeps[threadName]; });
 }
 
 void FakeClock::setRealPause(std::chrono::microseconds pause) {
-    std::lock_guard<std::mutex> lock(clock_state().mutex);
-    clock_state().pause = pause;
+    with_clock([pause](ClockState& c) { c.pause = pause; });
 }
 
-TempInstall::TempInstall() {
-    char pattern[] = "/tmp/wl_engines_XXXXXX";
-    const char* made = mkdtemp(pattern);
-    if (made == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    m_root = made;
-    std::filesystem::create_directories(m_root + "/lib");
-    dirutils_set_install_dir((m_root + "/lib").c_str());
+bool wait_calls(fake_model::Engine engine, const std::string& op, int n) {
+    return waitUntil([&] { return fake_model::Library::instance().count(engine, op) >= n; });
 }
 
-TempInstall::~TempInstall() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_root, ignored);
-}
-
-void TempInstall::writeFile(const std::string& relative, const std::string& content) const {
-    std::filesystem::path file(path(relative));
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream out(file);
-    out << content;
+bool initialize(fake_model::Engine engine) {
+    return engine == fake_model::Engine::Base ? BaseEngine::GetInstance()->Initialize()
+                                              : RaspEngine::GetInstance()->Initialize();
 }
 
 _BASE_EVENTINFO make_base_event(int eventType, unsigned long long tag) {
@@ -183,54 +138,33 @@ _BASE_EVENTINFO make_base_event(int eventType, unsigned long long tag) {
     return event;
 }
 
-void queue_base_event(const _BASE_EVENTINFO& event) {
-    orv_mutex_lock(&g_baseDataLock);
-    g_baseData.push_back(event);
-    orv_mutex_unlock(&g_baseDataLock);
-}
-
-void queue_rasp_text(const std::string& text) {
-    orv_mutex_lock(&g_raspDataLock);
-    g_raspData.push_back(text);
-    orv_mutex_unlock(&g_raspDataLock);
-}
-
-size_t base_queue_size() {
-    orv_mutex_lock(&g_baseDataLock);
-    size_t n = g_baseData.size();
-    orv_mutex_unlock(&g_baseDataLock);
-    return n;
-}
-
-size_t base_delay_size() {
-    orv_mutex_lock(&g_baseDataLock);
-    size_t n = g_baseDelayData.size();
-    orv_mutex_unlock(&g_baseDataLock);
-    return n;
-}
-
-size_t rasp_queue_size() {
-    orv_mutex_lock(&g_raspDataLock);
-    size_t n = g_raspData.size();
-    orv_mutex_unlock(&g_raspDataLock);
-    return n;
-}
+void queue_base_event(const _BASE_EVENTINFO& event) { push_bounded(&g_baseDataLock, g_baseData, event); }
+void queue_rasp_text(const std::string& text) { push_bounded(&g_raspDataLock, g_raspData, text); }
+size_t base_queue_size() { return locked_size(&g_baseDataLock, g_baseData); }
+size_t base_delay_size() { return locked_size(&g_baseDataLock, g_baseDelayData); }
+size_t rasp_queue_size() { return locked_size(&g_raspDataLock, g_raspData); }
 
 void EngineTest::SetUp() {
     fake_model::Library::instance().reset();
     recorders::reset();
     FakeClock::install();
-    m_install = std::make_unique<TempInstall>();
+    char pattern[] = "/tmp/wl_engines_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(pattern));
+    m_root = pattern;
+    std::filesystem::create_directories(path("lib"));
+    dirutils_set_install_dir(path("lib").c_str());
 }
 
 void EngineTest::TearDown() {
     FakeClock::gate(false);
     BaseEngine::GetInstance()->Uninitialize();
     RaspEngine::GetInstance()->Uninitialize();
-    FakeClock::uninstall();
-    m_install.reset();
+    wl_clock_reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(m_root, ignored);
 }
 
-void EngineTest::startBase() { ASSERT_TRUE(BaseEngine::GetInstance()->Initialize()); }
-
-void EngineTest::startRasp() { ASSERT_TRUE(RaspEngine::GetInstance()->Initialize()); }
+void EngineTest::writeFile(const std::string& relative, const std::string& content) const {
+    std::filesystem::create_directories(std::filesystem::path(path(relative)).parent_path());
+    std::ofstream(path(relative)) << content;
+}

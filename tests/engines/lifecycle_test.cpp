@@ -1,14 +1,8 @@
 // Start, failed start, stop and restart of both engines.
-#include <dirent.h>
-
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <set>
 
 #include "base.h"
 #include "engine_test_env.h"
-#include "event_queues.h"
 #include "log_capture.h"
 #include "rasp.h"
 
@@ -17,159 +11,105 @@ using fake_model::FactoryMode;
 using fake_model::Library;
 
 namespace {
-
-std::set<std::string> thread_names() {
-    std::set<std::string> names;
-    DIR* dir = opendir("/proc/self/task");
-    if (dir == nullptr) {
-        return names;
-    }
-    while (struct dirent* entry = readdir(dir)) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string name;
-        if (std::getline(comm, name)) {
-            names.insert(name);
-        }
-    }
-    closedir(dir);
-    return names;
-}
-
 bool same_path(const std::string& a, const std::string& b) {
     std::error_code error;
     return std::filesystem::equivalent(a, b, error);
 }
-
 }  // namespace
 
-class LifecycleTest : public EngineTest {};
-
-TEST_F(LifecycleTest, BaseStartsInOrderWithItsThreadsAndDirectories) {
-    LogCapture log;
-    m_install->writeFile("config/baseConfig.ini", "[base]\n");
-    startBase();
-    BaseEngine* engine = BaseEngine::GetInstance();
-
-    ASSERT_TRUE(Library::instance().waitForCount(Engine::Base, "getModelStatus", 1));
-    std::vector<std::string> ops = Library::instance().opSequence(Engine::Base);
-    ASSERT_GE(ops.size(), 4u);
-    EXPECT_EQ((std::vector<std::string>{"getBaseInterface", "setConfig", "loadModel", "getModelStatus"}),
-              std::vector<std::string>(ops.begin(), ops.begin() + 4));
-    EXPECT_TRUE(same_path(Library::instance().calls(Engine::Base, "setConfig")[0].text,
-                          m_install->path("config/baseConfig.ini")));
-    EXPECT_TRUE(same_path(Library::instance().calls(Engine::Base, "loadModel")[0].text,
-                          m_install->path("var/base/model")));
-    EXPECT_TRUE(same_path(engine->m_modelSavePath, m_install->path("var/base/model")));
-    EXPECT_TRUE(same_path(engine->m_logSavePath, m_install->path("var/base/originLog")));
-    EXPECT_TRUE(std::filesystem::is_directory(m_install->path("var/base/originLog")));
-    EXPECT_TRUE(engine->m_isRunning.load());
-    EXPECT_TRUE(engine->m_localIps.count("127.0.0.1"));
-
-    EXPECT_TRUE(waitUntil([] {
-        std::set<std::string> names = thread_names();
-        return names.count("base_work") && names.count("base_work_delay") && names.count("base_save");
-    })) << "engine threads are not named as expected";
-    EXPECT_TRUE(log.contains("Load empty model success.", 3));
-    EXPECT_TRUE(log.contains("Initialize suc", 3));
-    EXPECT_TRUE(log.contains("get local ip : 127.0.0.1", 3));
-    EXPECT_FALSE(log.contains("config not exists"));
-}
-
-TEST_F(LifecycleTest, RaspStartsWithItsOwnDirectoriesAndTwoThreads) {
-    startRasp();
-    RaspEngine* engine = RaspEngine::GetInstance();
-    EXPECT_TRUE(same_path(engine->m_modelSavePath, m_install->path("var/base/raspModel")));
-    EXPECT_TRUE(same_path(engine->m_logSavePath, m_install->path("var/base/raspOriginLog")));
-    EXPECT_TRUE(waitUntil([] {
-        std::set<std::string> names = thread_names();
-        return names.count("rasp_work") && names.count("rasp_save");
-    }));
-    EXPECT_EQ(nullptr, BaseEngine::GetInstance()->m_baseEngine) << "the engines start independently";
-}
-
-TEST_F(LifecycleTest, MissingConfigurationIsLoggedAsErrorButTheEngineRuns) {
-    LogCapture log;
-    startBase();
-    EXPECT_TRUE(log.contains("config not exists", 1));
-    EXPECT_EQ(0, Library::instance().count(Engine::Base, "setConfig"));
-    EXPECT_EQ(1, Library::instance().count(Engine::Base, "loadModel"));
+TEST_F(EngineTest, StartsInOrderWithItsDirectoriesAndWithoutAConfigFile) {
+    const struct {
+        Engine engine;
+        bool config;
+        std::vector<std::string> ops;
+        const char* modelDir;
+        const char* logDir;
+    } rows[] = {
+        {Engine::Rasp, false, {"getRaspInterface", "loadModel", "getModelStatus"}, "var/base/raspModel",
+         "var/base/raspOriginLog"},
+        {Engine::Base, true, {"getBaseInterface", "setConfig", "loadModel", "getModelStatus"}, "var/base/model",
+         "var/base/originLog"},
+    };
+    for (const auto& row : rows) {
+        LogCapture log;
+        if (row.config) {
+            writeFile("config/baseConfig.ini");
+        }
+        ASSERT_TRUE(initialize(row.engine));
+        ASSERT_TRUE(wait_calls(row.engine, "getModelStatus", 1));
+        std::vector<std::string> ops = Library::instance().opSequence(row.engine);
+        EXPECT_EQ(row.ops, std::vector<std::string>(ops.begin(), ops.begin() + row.ops.size()));
+        if (row.config) {
+            EXPECT_TRUE(same_path(Library::instance().calls(row.engine, "setConfig")[0].text,
+                                  path("config/baseConfig.ini")));
+        }
+        EXPECT_EQ(!row.config, log.contains("config not exists", 1));
+        EXPECT_TRUE(same_path(Library::instance().calls(row.engine, "loadModel")[0].text, path(row.modelDir)));
+        EXPECT_TRUE(std::filesystem::is_directory(path(row.logDir)));
+        EXPECT_TRUE(log.contains("Initialize suc", 3));
+    }
 }
 
 struct StartFailure {
     const char* name;
-    std::function<void(Engine, const TempInstall&)> arrange;
+    FactoryMode factory;
+    const char* failingOp;  // scripted to return -1
+    // A file where the engine wants this directory, per engine.
+    const char* baseBlocked;
+    const char* raspBlocked;
     const char* baseMessage;
     const char* raspMessage;
-    bool objectMade;  // the library object existed, so the stop path ran
 };
 
 class StartFailureTest : public EngineTest, public ::testing::WithParamInterface<std::tuple<StartFailure, Engine>> {};
 
 const StartFailure kStartFailures[] = {
-    {"FactoryThrows", [](Engine e, const TempInstall&) { Library::instance().setFactoryMode(e, FactoryMode::Throw); },
-     "obEngine.getBaseInterface error", "get raspInterface error", false},
-    {"FactoryNull", [](Engine e, const TempInstall&) { Library::instance().setFactoryMode(e, FactoryMode::Null); },
-     "m_baseEngine is null", "m_raspEngine is null", false},
-    {"SetConfigFails",
-     [](Engine e, const TempInstall& install) {
-         install.writeFile("config/baseConfig.ini", "");
-         Library::instance().queueResult(e, "setConfig", -1);
-     },
-     "set config error", "set config error", true},
-    {"ModelDirBlocked",
-     [](Engine e, const TempInstall& install) {
-         install.writeFile(e == Engine::Base ? "var/base/model" : "var/base/raspModel", "a file");
-     },
-     "load model path error", "load model path error", true},
-    {"LoadModelFails", [](Engine e, const TempInstall&) { Library::instance().queueResult(e, "loadModel", -1); },
-     "Empty model loaded failed!", "Empty model loaded failed!", true},
-    {"OriginLogDirBlocked",
-     [](Engine e, const TempInstall& install) {
-         install.writeFile(e == Engine::Base ? "var/base/originLog" : "var/base/raspOriginLog", "a file");
-     },
-     "create originLog save path error", "create originLog save path error", true},
+    {"FactoryThrows", FactoryMode::Throw, "", "", "", "obEngine.getBaseInterface error", "get raspInterface error"},
+    {"FactoryNull", FactoryMode::Null, "", "", "", "m_baseEngine is null", "m_raspEngine is null"},
+    {"SetConfigFails", FactoryMode::Normal, "setConfig", "", "", "set config error", "set config error"},
+    {"ModelDirBlocked", FactoryMode::Normal, "", "var/base/model", "var/base/raspModel", "load model path error",
+     "load model path error"},
+    {"LoadModelFails", FactoryMode::Normal, "loadModel", "", "", "Empty model loaded failed!",
+     "Empty model loaded failed!"},
+    {"OriginLogDirBlocked", FactoryMode::Normal, "", "var/base/originLog", "var/base/raspOriginLog",
+     "create originLog save path error", "create originLog save path error"},
 };
 
 TEST_P(StartFailureTest, FailsWithItsMessageCleansUpAndCanStartAgain) {
     const StartFailure& failure = std::get<0>(GetParam());
     const Engine kind = std::get<1>(GetParam());
     const bool base = kind == Engine::Base;
+    const bool objectMade = failure.factory == FactoryMode::Normal;
+    const std::string blocked = base ? failure.baseBlocked : failure.raspBlocked;
     LogCapture log;
+    writeFile("config/baseConfig.ini");
+    if (!blocked.empty()) {
+        writeFile(blocked, "a file");
+    }
+    Library::instance().setFactoryMode(kind, failure.factory);
+    if (*failure.failingOp != 0) {
+        Library::instance().queueResult(kind, failure.failingOp, -1);
+    }
     // Something queued before the start shows whether the stop path ran.
-    if (base) {
-        queue_base_event(make_base_event(6, 1));
-    } else {
-        queue_rasp_text("{}");
-    }
-    failure.arrange(kind, *m_install);
+    base ? queue_base_event(make_base_event(6, 1)) : queue_rasp_text("{}");
 
-    bool started = base ? BaseEngine::GetInstance()->Initialize() : RaspEngine::GetInstance()->Initialize();
-    EXPECT_FALSE(started);
+    EXPECT_FALSE(initialize(kind));
     EXPECT_TRUE(log.contains(base ? failure.baseMessage : failure.raspMessage, 1)) << log.dump();
-    EXPECT_TRUE(log.contains(base ? "baseEngine init failed!0x84ce0001" : "RaspEngine init failed!0x84ce0001", 1))
-        << log.dump();
+    EXPECT_TRUE(log.contains(base ? "baseEngine init failed!0x84ce0001" : "RaspEngine init failed!0x84ce0001", 1));
     EXPECT_EQ(0, Library::instance().liveObjects(kind));
-    EXPECT_EQ(failure.objectMade ? 1 : 0, Library::instance().count(kind, "destroy"));
-    if (base) {
-        EXPECT_EQ(nullptr, BaseEngine::GetInstance()->m_baseEngine);
-        EXPECT_FALSE(BaseEngine::GetInstance()->m_isRunning.load());
-        EXPECT_EQ(failure.objectMade ? 0u : 1u, base_queue_size());
-    } else {
-        EXPECT_EQ(nullptr, RaspEngine::GetInstance()->m_raspEngine);
-        EXPECT_EQ(failure.objectMade ? 0u : 1u, rasp_queue_size());
-    }
+    EXPECT_EQ(objectMade ? 1 : 0, Library::instance().count(kind, "destroy"));
+    EXPECT_EQ(nullptr, base ? static_cast<void*>(BaseEngine::GetInstance()->m_baseEngine)
+                            : static_cast<void*>(RaspEngine::GetInstance()->m_raspEngine));
+    EXPECT_EQ(objectMade ? 0u : 1u, base ? base_queue_size() : rasp_queue_size());
     EXPECT_EQ(0, Library::instance().count(kind, "getModelStatus")) << "no thread may have started";
 
     // The cause removed, the whole sequence runs again.
     Library::instance().reset();
-    std::error_code ignored;
-    std::filesystem::remove(m_install->path("var/base/model"), ignored);
-    std::filesystem::remove(m_install->path("var/base/raspModel"), ignored);
-    std::filesystem::remove(m_install->path("var/base/originLog"), ignored);
-    std::filesystem::remove(m_install->path("var/base/raspOriginLog"), ignored);
-    EXPECT_TRUE(base ? BaseEngine::GetInstance()->Initialize() : RaspEngine::GetInstance()->Initialize());
-    EXPECT_EQ(1, Library::instance().count(kind, "loadModel"));
-    EXPECT_TRUE(Library::instance().waitForCount(kind, "getModelStatus", 1));
+    if (!blocked.empty()) {
+        std::filesystem::remove(path(blocked));
+    }
+    EXPECT_TRUE(initialize(kind));
+    EXPECT_TRUE(wait_calls(kind, "getModelStatus", 1));
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, StartFailureTest,
@@ -180,42 +120,28 @@ INSTANTIATE_TEST_SUITE_P(Engines, StartFailureTest,
                                     (std::get<1>(info.param) == Engine::Base ? "Base" : "Rasp");
                          });
 
-TEST_F(LifecycleTest, FailedLoadLeavesTheModelPathSet) {
-    Library::instance().queueResult(Engine::Base, "loadModel", -1);
-    EXPECT_FALSE(BaseEngine::GetInstance()->Initialize());
-    EXPECT_TRUE(same_path(BaseEngine::GetInstance()->m_modelSavePath, m_install->path("var/base/model")));
-}
-
-TEST_F(LifecycleTest, SecondInitializeIsASuccessThatStartsNothing) {
-    startBase();
-    startRasp();
-    startBase();
-    startRasp();
+TEST_F(EngineTest, StartAndStopTwiceThenStartAgainWithANewObject) {
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(initialize(Engine::Base));
+        ASSERT_TRUE(initialize(Engine::Rasp));
+    }
     EXPECT_EQ(1, Library::instance().count(Engine::Base, "getBaseInterface"));
-    EXPECT_EQ(1, Library::instance().count(Engine::Rasp, "getRaspInterface"));
-    EXPECT_EQ(1, Library::instance().liveObjects(Engine::Base));
     EXPECT_EQ(1, Library::instance().liveObjects(Engine::Rasp));
-}
-
-TEST_F(LifecycleTest, UninitializeTwiceThenStartAgainWithANewObject) {
-    startBase();
-    startRasp();
-    BaseEngine::GetInstance()->Uninitialize();
-    RaspEngine::GetInstance()->Uninitialize();
-    BaseEngine::GetInstance()->Uninitialize();
-    RaspEngine::GetInstance()->Uninitialize();
+    for (int round = 0; round < 2; ++round) {
+        BaseEngine::GetInstance()->Uninitialize();
+        RaspEngine::GetInstance()->Uninitialize();
+    }
     EXPECT_EQ(1, Library::instance().count(Engine::Base, "destroy"));
     EXPECT_EQ(1, Library::instance().count(Engine::Rasp, "destroy"));
     EXPECT_FALSE(BaseEngine::GetInstance()->m_workThreadsStarted);
-    EXPECT_FALSE(BaseEngine::GetInstance()->m_saveThreadStarted);
 
-    startBase();
-    startRasp();
+    ASSERT_TRUE(initialize(Engine::Base));
+    ASSERT_TRUE(initialize(Engine::Rasp));
     queue_base_event(make_base_event(6, 42));
     queue_rasp_text("{}");
-    EXPECT_TRUE(Library::instance().waitForCount(Engine::Base, "processEvent", 1));
-    EXPECT_TRUE(Library::instance().waitForCount(Engine::Rasp, "processEvent", 1));
-    int stopped = Library::instance().calls(Engine::Base, "destroy")[0].object;
-    EXPECT_EQ(stopped + 1, Library::instance().calls(Engine::Base, "processEvent")[0].object)
+    EXPECT_TRUE(wait_calls(Engine::Base, "processEvent", 1));
+    EXPECT_TRUE(wait_calls(Engine::Rasp, "processEvent", 1));
+    EXPECT_EQ(Library::instance().calls(Engine::Base, "destroy")[0].object + 1,
+              Library::instance().calls(Engine::Base, "processEvent")[0].object)
         << "the restart works on a new library object";
 }

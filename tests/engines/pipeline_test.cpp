@@ -1,11 +1,9 @@
-// A host event from the queue through the filter and the library to its
-// fate, the delay list and its clock, and the telemetry path.
-#include <cstring>
+// An event from the queue through the filter and the library to its fate,
+// and the host delay list with its clock.
 #include <cwchar>
 
 #include "base.h"
 #include "engine_test_env.h"
-#include "event_queues.h"
 #include "log_capture.h"
 #include "rasp.h"
 #include "recorders.h"
@@ -18,25 +16,29 @@ using fake_model::Verdict;
 namespace {
 
 const Verdict kEnds{0, 2, 1, "FILTER_PEROID"};  // not black, not to be delayed again
+const Verdict kDelay{0, 1, 1, "FILTER_PEROID"};
 
-// Queues a marker event that ends quietly and waits until the library saw it:
+// Queues a marker that ends quietly and waits until the library saw it:
 // everything queued before it has then been decided.
-void drain_base(int processedBefore) {
-    Library::instance().queueVerdict(Engine::Base, kEnds);
-    queue_base_event(make_base_event(6, 999999));
-    ASSERT_TRUE(Library::instance().waitForCount(Engine::Base, "processEvent", processedBefore + 1));
+void drain(Engine engine, int processedBefore) {
+    Library::instance().queueVerdict(engine, kEnds);
+    engine == Engine::Base ? queue_base_event(make_base_event(6, 999999)) : queue_rasp_text("marker");
+    ASSERT_TRUE(wait_calls(engine, "processEvent", processedBefore + 1));
 }
 
-void drain_rasp(int processedBefore) {
-    Library::instance().queueVerdict(Engine::Rasp, {0, 0, 2, "FILTER_PEROID"});
-    queue_rasp_text("marker");
-    ASSERT_TRUE(Library::instance().waitForCount(Engine::Rasp, "processEvent", processedBefore + 1));
+std::vector<std::string> processed_tags(Engine engine) {
+    std::vector<std::string> tags;
+    for (const fake_model::Call& call : Library::instance().calls(engine, "processEvent")) {
+        tags.push_back(call.eventTag);
+    }
+    return tags;
 }
 
 }  // namespace
 
-struct HostOutcome {
+struct Outcome {
     const char* name;
+    Engine engine;
     int eventType;
     Verdict verdict;
     bool originLog;
@@ -44,116 +46,83 @@ struct HostOutcome {
     bool delayed;
 };
 
-class HostOutcomeTest : public EngineTest, public ::testing::WithParamInterface<HostOutcome> {};
+class OutcomeTest : public EngineTest, public ::testing::WithParamInterface<Outcome> {};
 
-TEST_P(HostOutcomeTest, DecidesFromTheLibraryVerdict) {
-    const HostOutcome& c = GetParam();
+TEST_P(OutcomeTest, DecidesFromTheLibraryVerdict) {
+    const Outcome& c = GetParam();
+    const bool base = c.engine == Engine::Base;
     LogCapture log;
-    startBase();
-    Library::instance().setDefaultText(Engine::Base, "getBlackLog", "{\"black\":7}");
-    Library::instance().queueVerdict(Engine::Base, c.verdict);
-    queue_base_event(make_base_event(c.eventType, 1));
-    drain_base(1);
+    ASSERT_TRUE(initialize(c.engine));
+    Library::instance().setDefaultText(c.engine, "getBlackLog", "{\"black\":7}");
+    if (c.verdict.match_verdict >= 0) {
+        Library::instance().queueVerdict(c.engine, c.verdict);
+    }
+    base ? queue_base_event(make_base_event(c.eventType, 1)) : queue_rasp_text("{\"app\":1}");
+    drain(c.engine, 1);
 
-    std::vector<fake_model::Call> saved = Library::instance().calls(Engine::Base, "saveOriginLog");
+    std::vector<fake_model::Call> saved = Library::instance().calls(c.engine, "saveOriginLog");
     ASSERT_EQ(c.originLog ? 1u : 0u, saved.size());
     if (c.originLog) {
-        EXPECT_EQ(BaseEngine::GetInstance()->m_logSavePath, saved[0].text);
-        EXPECT_EQ("1", saved[0].eventTag);
+        EXPECT_EQ(base ? BaseEngine::GetInstance()->m_logSavePath : RaspEngine::GetInstance()->m_logSavePath,
+                  saved[0].text);
     }
-    std::vector<recorders::Upload> alarms = recorders::uploadsOfType(WL_REPORT_ALARM);
+    std::vector<recorders::Upload> alarms = recorders::uploads(base ? WL_REPORT_ALARM : WL_REPORT_RASP_ALARM);
     ASSERT_EQ(c.alarm ? 1u : 0u, alarms.size());
     if (c.alarm) {
         EXPECT_EQ("{\"black\":7}", alarms[0].text);
-        std::vector<fake_model::Call> black = Library::instance().calls(Engine::Base, "getBlackLog");
-        ASSERT_EQ(1u, black.size());
-        EXPECT_EQ(1, black[0].first);
-        EXPECT_TRUE(log.contains("BlackLog : {\"black\":7}", 3));
+        EXPECT_EQ(1, Library::instance().calls(c.engine, "getBlackLog")[0].first);
     }
+    EXPECT_EQ(c.alarm, log.contains("BlackLog : {\"black\":7}", 3));
     EXPECT_EQ(c.delayed ? 1u : 0u, base_delay_size());
     EXPECT_EQ(alarms.size(), recorders::uploads().size()) << "only alarms may be uploaded by the worker";
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rules, HostOutcomeTest,
-    ::testing::Values(HostOutcome{"OriginLogWhileLearning", 6, {1, 0, 0, "LEARN_PEROID"}, true, false, false},
-                      HostOutcome{"OriginFlagOutsideLearningFallsToAlarm", 6, {1, 0, 0, "FILTER_PEROID"}, false, true, false},
-                      HostOutcome{"BlackWhileLearning", 15, {0, 0, 0, "LEARN_PEROID"}, false, true, false},
-                      HostOutcome{"AllZeroResultIsBlack", 6, {0, 0, 0, ""}, false, true, false},
-                      HostOutcome{"UndecidedInFilterPeriodIsDelayed", 6, {0, 1, 1, "FILTER_PEROID"}, false, false, true},
-                      HostOutcome{"GateTwoEnds", 6, {0, 2, 1, "FILTER_PEROID"}, false, false, false},
-                      HostOutcome{"ProcessCreationIsNeverDelayed", 1, {0, 0, 1, "FILTER_PEROID"}, false, false, false},
-                      HostOutcome{"OtherPeriodEnds", 6, {0, 0, 1, "SOME_PEROID"}, false, false, false},
-                      HostOutcome{"PeriodIsComparedExactly", 6, {0, 0, 1, "FILTER_PEROID "}, false, false, false}),
-    [](const ::testing::TestParamInfo<HostOutcome>& info) { return std::string(info.param.name); });
+    Rules, OutcomeTest,
+    ::testing::Values(
+        Outcome{"OriginLogWhileLearning", Engine::Base, 6, {1, 0, 0, "LEARN_PEROID"}, true, false, false},
+        Outcome{"OriginFlagOutsideLearningFallsToAlarm", Engine::Base, 6, {1, 0, 0, "FILTER_PEROID"}, false, true,
+                false},
+        Outcome{"AllZeroResultIsBlack", Engine::Base, 6, {0, 0, 0, ""}, false, true, false},
+        Outcome{"UndecidedInFilterPeriodIsDelayed", Engine::Base, 6, kDelay, false, false, true},
+        Outcome{"GateTwoEnds", Engine::Base, 6, kEnds, false, false, false},
+        Outcome{"ProcessCreationIsNeverDelayed", Engine::Base, 1, {0, 0, 1, "FILTER_PEROID"}, false, false, false},
+        Outcome{"PeriodIsComparedExactly", Engine::Base, 6, {0, 0, 1, "FILTER_PEROID "}, false, false, false},
+        Outcome{"RaspOriginLogWhileLearning", Engine::Rasp, 0, {1, 0, 0, "LEARN_PEROID"}, true, false, false},
+        Outcome{"RaspBlackWithFlagOutsideLearning", Engine::Rasp, 0, {1, 0, 0, "OTHER"}, false, true, false},
+        Outcome{"RaspNotBlackEnds", Engine::Rasp, 0, {0, 0, 1, "FILTER_PEROID"}, false, false, false},
+        // The library writes nothing: the record's own starting verdict decides.
+        Outcome{"RaspUntouchedRecordEnds", Engine::Rasp, 0, {0, 0, -1, ""}, false, false, false}),
+    [](const ::testing::TestParamInfo<Outcome>& info) { return std::string(info.param.name); });
 
-TEST_F(EngineTest, OriginLogEventWithoutPathIsDroppedWithError) {
-    LogCapture log;
-    startBase();
-    BaseEngine* engine = BaseEngine::GetInstance();
-    _BASE_EVENTINFO event = make_base_event(6, 5);
-    event.origin_log_flag = 1;
-    fake_model::set_status(event, "LEARN_PEROID");
-    std::string saved = engine->m_logSavePath;
-    orv_mutex_lock(&engine->m_engineLock);
-    engine->m_logSavePath.clear();
-    EXPECT_FALSE(engine->isNeedSendReport(event));
-    engine->m_logSavePath = saved;
-    EXPECT_TRUE(engine->isNeedSendReport(event));
-    orv_mutex_unlock(&engine->m_engineLock);
-    EXPECT_TRUE(log.contains("get log savePath error", 1));
-    EXPECT_EQ(1, Library::instance().count(Engine::Base, "saveOriginLog"));
-}
-
-TEST_F(EngineTest, ConnectionToALocalAddressNeverReachesTheLibrary) {
-    startBase();
-    _BASE_EVENTINFO event = make_base_event(15, 1);
-    const wchar_t* loopback = L"127.0.0.1";
-    wmemcpy(event.detail.connect.dst_ip, loopback, wcslen(loopback));
-    queue_base_event(event);
-    drain_base(0);
-    std::vector<fake_model::Call> seen = Library::instance().calls(Engine::Base, "processEvent");
-    ASSERT_EQ(1u, seen.size());
-    EXPECT_EQ("999999", seen[0].eventTag);
-}
-
-TEST_F(EngineTest, EventsLeaveTheQueueInOrderOnePerPass) {
-    startBase();
+TEST_F(EngineTest, EventsLeaveTheQueueInOrderAndLocalConnectionsNeverReachTheLibrary) {
+    ASSERT_TRUE(initialize(Engine::Base));
     Library::instance().setDefaultVerdict(Engine::Base, kEnds);
-    for (unsigned long long tag = 1; tag <= 5; ++tag) {
-        queue_base_event(make_base_event(7, tag));
+    for (unsigned long long tag = 1; tag <= 4; ++tag) {
+        _BASE_EVENTINFO event = make_base_event(15, tag);
+        const wchar_t* ip = tag == 2 ? L"127.0.0.1" : L"10.1.2.3";
+        wmemcpy(event.detail.connect.dst_ip, ip, wcslen(ip));
+        queue_base_event(event);
     }
-    ASSERT_TRUE(Library::instance().waitForCount(Engine::Base, "processEvent", 5));
-    std::vector<fake_model::Call> seen = Library::instance().calls(Engine::Base, "processEvent");
-    for (size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(std::to_string(i + 1), seen[i].eventTag);
-    }
-    EXPECT_GE(FakeClock::usleepsOf("base_work"), 5);
+    drain(Engine::Base, 3);
+    EXPECT_EQ((std::vector<std::string>{"1", "3", "4", "999999"}), processed_tags(Engine::Base));
 }
 
-struct DelayEnd {
-    const char* name;
-    Verdict second;
-    bool alarm;
-};
-
-class DelayCycleTest : public EngineTest, public ::testing::WithParamInterface<DelayEnd> {};
+class DelayCycleTest : public EngineTest, public ::testing::WithParamInterface<std::pair<Verdict, bool>> {};
 
 TEST_P(DelayCycleTest, CycleEndsExactlyWhenTheLibraryEndsIt) {
-    const DelayEnd& c = GetParam();
-    startBase();
+    ASSERT_TRUE(initialize(Engine::Base));
     const time_t t0 = FakeClock::now();
-    Library::instance().queueVerdict(Engine::Base, {0, 1, 1, "FILTER_PEROID"});
+    Library::instance().queueVerdict(Engine::Base, kDelay);
     Library::instance().queueVerdict(Engine::Base, {0, 0, 1, "FILTER_PEROID"});
-    Library::instance().queueVerdict(Engine::Base, c.second);
+    Library::instance().queueVerdict(Engine::Base, GetParam().first);
     queue_base_event(make_base_event(8, 1));
-
     for (int round = 1; round <= 2; ++round) {
         ASSERT_TRUE(waitUntil([] { return base_delay_size() == 1; })) << "round " << round;
         FakeClock::setTime(t0 + round);
-        ASSERT_TRUE(Library::instance().waitForCount(Engine::Base, "processEvent", round + 1));
+        ASSERT_TRUE(wait_calls(Engine::Base, "processEvent", round + 1));
     }
-    drain_base(3);
+    drain(Engine::Base, 3);
     std::vector<fake_model::Call> seen = Library::instance().calls(Engine::Base, "processEvent");
     ASSERT_EQ(4u, seen.size());
     // A returning record carries what the library wrote at its last pass.
@@ -162,135 +131,36 @@ TEST_P(DelayCycleTest, CycleEndsExactlyWhenTheLibraryEndsIt) {
     EXPECT_EQ(0, seen[2].delayGate);
     EXPECT_EQ("1", seen[2].eventTag);
     EXPECT_EQ(0u, base_delay_size());
-    EXPECT_EQ(c.alarm ? 1u : 0u, recorders::uploadsOfType(WL_REPORT_ALARM).size());
+    EXPECT_EQ(GetParam().second ? 1u : 0u, recorders::uploads(WL_REPORT_ALARM).size());
 }
 
+// Gate 2, black, period changed.
 INSTANTIATE_TEST_SUITE_P(Ends, DelayCycleTest,
-                         ::testing::Values(DelayEnd{"GateTwo", {0, 2, 1, "FILTER_PEROID"}, false},
-                                           DelayEnd{"Black", {0, 0, 0, "FILTER_PEROID"}, true},
-                                           DelayEnd{"PeriodChanged", {0, 0, 1, "LEARN_PEROID"}, false}),
-                         [](const ::testing::TestParamInfo<DelayEnd>& info) { return std::string(info.param.name); });
+                         ::testing::Values(std::make_pair(kEnds, false),
+                                           std::make_pair(Verdict{0, 0, 0, "FILTER_PEROID"}, true),
+                                           std::make_pair(Verdict{0, 0, 1, "LEARN_PEROID"}, false)));
 
-// Holds a record on the delay list at t0 and reports whether it is still
-// there after the delay thread ran several passes at clock value `at`.
-class DelayClockTest : public EngineTest {
-protected:
-    void delayOne() {
-        startBase();
-        m_t0 = FakeClock::now();
-        Library::instance().queueVerdict(Engine::Base, {0, 1, 1, "FILTER_PEROID"});
+// Holds a record on the delay list at t0, then moves the clock through the
+// given values; after several delay passes at each, the record must still be
+// held, except at the last.
+TEST_F(EngineTest, DelayedRecordReturnsOnTheNextSecondOrWhenTheClockJumpsFarBack) {
+    const std::vector<std::vector<int>> walks = {{0, 1}, {-5, -1, 0, 1}, {-11}};
+    for (const std::vector<int>& walk : walks) {
+        Library::instance().reset();
+        FakeClock::install();
+        ASSERT_TRUE(initialize(Engine::Base));
+        const time_t t0 = FakeClock::now();
+        Library::instance().queueVerdict(Engine::Base, kDelay);
         Library::instance().setDefaultVerdict(Engine::Base, kEnds);
         queue_base_event(make_base_event(9, 1));
         ASSERT_TRUE(waitUntil([] { return base_delay_size() == 1; }));
+        for (size_t i = 0; i < walk.size(); ++i) {
+            FakeClock::setTime(t0 + walk[i]);
+            int passes = FakeClock::usleepsOf("base_work_delay");
+            EXPECT_TRUE(waitUntil([&] { return FakeClock::usleepsOf("base_work_delay") >= passes + 5; }));
+            EXPECT_EQ(i + 1 < walk.size(), base_delay_size() == 1) << "offset " << walk[i];
+        }
+        EXPECT_TRUE(wait_calls(Engine::Base, "processEvent", 2));
+        BaseEngine::GetInstance()->Uninitialize();
     }
-    bool heldAt(time_t at) {
-        FakeClock::setTime(at);
-        int passes = FakeClock::usleepsOf("base_work_delay");
-        EXPECT_TRUE(FakeClock::waitUsleepsOf("base_work_delay", passes + 5));
-        return base_delay_size() == 1;
-    }
-    time_t m_t0 = 0;
-};
-
-TEST_F(DelayClockTest, ReleasedOnTheNextSecondNotBefore) {
-    delayOne();
-    EXPECT_TRUE(heldAt(m_t0));
-    EXPECT_FALSE(heldAt(m_t0 + 1));
-    EXPECT_TRUE(Library::instance().waitForCount(Engine::Base, "processEvent", 2));
-}
-
-TEST_F(DelayClockTest, ClockSetBackFiveSecondsHoldsUntilThePastSecondReturns) {
-    delayOne();
-    EXPECT_TRUE(heldAt(m_t0 - 5));
-    EXPECT_TRUE(heldAt(m_t0 - 1));
-    EXPECT_TRUE(heldAt(m_t0));
-    EXPECT_FALSE(heldAt(m_t0 + 1));
-}
-
-TEST_F(DelayClockTest, ClockSetBackElevenSecondsReleasesAtOnce) {
-    delayOne();
-    EXPECT_FALSE(heldAt(m_t0 - 11));
-}
-
-TEST_F(DelayClockTest, ReturningRecordIgnoresTheQueueBound) {
-    delayOne();
-    // Stop the worker from draining while the queue is full.
-    BaseEngine* engine = BaseEngine::GetInstance();
-    orv_mutex_lock(&engine->m_engineLock);
-    for (size_t i = 0; i < kEventQueueLimit; ++i) {
-        queue_base_event(make_base_event(7, 100 + i));
-    }
-    FakeClock::setTime(m_t0 + 1);
-    bool moved = waitUntil([] { return base_delay_size() == 0; });
-    size_t queued = base_queue_size();
-    orv_mutex_unlock(&engine->m_engineLock);
-    EXPECT_TRUE(moved);
-    // The worker may have taken one record out before it blocked on the lock.
-    EXPECT_GE(queued, kEventQueueLimit);
-}
-
-struct RaspOutcome {
-    const char* name;
-    Verdict verdict;
-    bool originLog;
-    bool alarm;
-};
-
-class RaspOutcomeTest : public EngineTest, public ::testing::WithParamInterface<RaspOutcome> {};
-
-TEST_P(RaspOutcomeTest, DecidesFromTheLibraryVerdict) {
-    const RaspOutcome& c = GetParam();
-    startRasp();
-    Library::instance().setDefaultText(Engine::Rasp, "getBlackLog", "{\"rasp\":1}");
-    Library::instance().queueVerdict(Engine::Rasp, c.verdict);
-    queue_rasp_text("{\"app\":1}");
-    drain_rasp(1);
-    std::vector<fake_model::Call> saved = Library::instance().calls(Engine::Rasp, "saveOriginLog");
-    ASSERT_EQ(c.originLog ? 1u : 0u, saved.size());
-    if (c.originLog) {
-        EXPECT_EQ(RaspEngine::GetInstance()->m_logSavePath, saved[0].text);
-    }
-    std::vector<recorders::Upload> alarms = recorders::uploadsOfType(WL_REPORT_RASP_ALARM);
-    ASSERT_EQ(c.alarm ? 1u : 0u, alarms.size());
-    if (c.alarm) {
-        EXPECT_EQ("{\"rasp\":1}", alarms[0].text);
-    }
-    EXPECT_EQ(alarms.size(), recorders::uploads().size());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rules, RaspOutcomeTest,
-    ::testing::Values(RaspOutcome{"OriginLogWhileLearning", {1, 0, 0, "LEARN_PEROID"}, true, false},
-                      RaspOutcome{"BlackInAnyPeriod", {0, 0, 0, "FILTER_PEROID"}, false, true},
-                      RaspOutcome{"BlackWithFlagOutsideLearning", {1, 0, 0, "OTHER"}, false, true},
-                      RaspOutcome{"NotBlackEnds", {0, 0, 1, "FILTER_PEROID"}, false, false}),
-    [](const ::testing::TestParamInfo<RaspOutcome>& info) { return std::string(info.param.name); });
-
-TEST_F(EngineTest, TelemetryThatIsNoJsonStillReachesTheLibraryWithDefaults) {
-    LogCapture log;
-    startRasp();
-    queue_rasp_text("not json at all");
-    ASSERT_TRUE(Library::instance().waitForCount(Engine::Rasp, "processEvent", 1));
-    fake_model::Call call = Library::instance().calls(Engine::Rasp, "processEvent")[0];
-    EXPECT_EQ(2, call.matchVerdict);
-    EXPECT_EQ("FILTER_PEROID", call.modelStatus);
-    EXPECT_EQ(0, call.originLogFlag);
-    EXPECT_TRUE(log.waitFor("originLog : not json at all", std::chrono::seconds(5), 4));
-    drain_rasp(1);
-    // A library that writes nothing leaves verdict 2: no report, no delay.
-    EXPECT_TRUE(recorders::uploads().empty());
-}
-
-TEST_F(EngineTest, TelemetryToALocalAddressIsDroppedUnlogged) {
-    LogCapture log;
-    startRasp();
-    queue_rasp_text(
-        "{\"data\":{\"data\":{\"action\":\"address\",\"data\":{\"hostName\":\"127.0.0.1\","
-        "\"url\":\"127.0.0.1\",\"port\":80}}}}");
-    drain_rasp(0);
-    int passes = FakeClock::usleepsOf("rasp_work");
-    ASSERT_TRUE(FakeClock::waitUsleepsOf("rasp_work", passes + 3));
-    EXPECT_EQ(1, Library::instance().count(Engine::Rasp, "processEvent"));
-    EXPECT_FALSE(log.contains("originLog : {", 4)) << log.dump();
-    EXPECT_TRUE(log.contains("match local Ip success, event has been filter, dstIp: 127.0.0.1", 3));
 }

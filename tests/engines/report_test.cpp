@@ -23,131 +23,96 @@ struct ParseRow {
 };
 
 const ParseRow kParseRows[] = {
-    {"NullRecord", true, 0, "m", "{\"s\":1}", "{}", 0, false, false},
-    {"EmptyName", false, 2, "", "{\"s\":1}", "{}", 0, false, false},
-    {"StartSendsStatus", false, 0, "web", "{\"s\":1}", "{}", 1, false, true},
-    {"QuerySendsModelEvenWhenStatusEmpty", false, 2, "web", "{}", "{\"d\":1}", 1, true, false},
-    {"QuerySendsModelTextUntested", false, 2, "web", "ERROR", "{}", 1, true, false},
-    {"DeleteWithErrorSendsNothing", false, 8, "web", "ERROR", "{}", 1, false, false},
-    {"UnknownTypeSendsStatusOnly", false, 99, "web", "{\"s\":2}", "{\"d\":2}", 1, false, true},
+    {"NullRecord", true, USR_OPR_QUERY, "m", "{\"s\":1}", "{}", 0, false, false},
+    {"EmptyName", false, USR_OPR_QUERY, "", "{\"s\":1}", "{}", 0, false, false},
+    {"OtherTypeSendsStatusOnly", false, USR_OPR_SWITCH, "web", "{\"s\":1}", "{\"d\":1}", 1, false, true},
+    {"QuerySendsModelEvenWhenStatusEmpty", false, USR_OPR_QUERY, "web", "{}", "{\"d\":1}", 1, true, false},
+    {"QuerySendsModelTextUntestedButNoErrorStatus", false, USR_OPR_QUERY, "web", "ERROR", "{}", 1, true, false},
 };
 
-struct ReportKind {
-    const char* name;
-    Engine engine;
-    int modelReport;
-    int statusReport;
+// Both engines with their timing threads parked, the library's records cleared.
+class StartedEnginesTest : public EngineTest {
+protected:
+    void SetUp() override {
+        EngineTest::SetUp();
+        FakeClock::gate(true);
+        ASSERT_TRUE(initialize(Engine::Base));
+        ASSERT_TRUE(initialize(Engine::Rasp));
+        ASSERT_TRUE(wait_calls(Engine::Base, "getModelStatus", 1));
+        ASSERT_TRUE(wait_calls(Engine::Rasp, "getModelStatus", 1));
+        Library::instance().reset();
+        recorders::reset();
+    }
 };
 
 }  // namespace
 
-class ParseInputTest : public EngineTest, public ::testing::WithParamInterface<std::tuple<ParseRow, ReportKind>> {};
+class ParseInputTest : public StartedEnginesTest, public ::testing::WithParamInterface<std::tuple<ParseRow, Engine>> {};
 
 TEST_P(ParseInputTest, ReadsTheModelBackAndReports) {
     const ParseRow& row = std::get<0>(GetParam());
-    const ReportKind& kind = std::get<1>(GetParam());
-    FakeClock::gate(true);
-    if (kind.engine == Engine::Base) {
-        startBase();
-    } else {
-        startRasp();
-    }
-    ASSERT_TRUE(Library::instance().waitForCount(kind.engine, "getModelStatus", 1));
-    Library::instance().reset();
-    recorders::reset();
-    Library::instance().queueText(kind.engine, "getModelStatus", row.status);
-    Library::instance().queueText(kind.engine, "getModelData", row.data);
+    const Engine engine = std::get<1>(GetParam());
+    const bool base = engine == Engine::Base;
+    Library::instance().queueText(engine, "getModelStatus", row.status);
+    Library::instance().queueText(engine, "getModelData", row.data);
 
     _USR_INPUT input;
     input.oprType = row.oprType;
     input.modelName = row.model;
     _USR_INPUT* argument = row.nullInput ? nullptr : &input;
-    int result = kind.engine == Engine::Base ? BaseEngine::GetInstance()->parseInput(argument)
-                                             : RaspEngine::GetInstance()->parseInput(argument);
-    EXPECT_EQ(row.result, result);
-    if (row.result == 0) {
-        EXPECT_TRUE(Library::instance().calls().empty());
-    } else {
-        std::vector<fake_model::Call> status = Library::instance().calls(kind.engine, "getModelStatus");
-        ASSERT_EQ(1u, status.size());
+    EXPECT_EQ(row.result, base ? BaseEngine::GetInstance()->parseInput(argument)
+                               : RaspEngine::GetInstance()->parseInput(argument));
+    std::vector<fake_model::Call> status = Library::instance().calls(engine, "getModelStatus");
+    ASSERT_EQ(row.result == 0 ? 0u : 1u, status.size());
+    if (row.result != 0) {
         EXPECT_EQ(row.model, status[0].text);
     }
-    std::vector<recorders::Upload> uploads = recorders::uploads();
-    std::vector<recorders::Upload> expected;
+    std::vector<std::pair<std::string, int>> expected, uploaded;
     if (row.dataSent) {
-        expected.push_back({row.data, kind.modelReport, {}});
+        expected.emplace_back(row.data, base ? WL_REPORT_MODEL : WL_REPORT_RASP_MODEL);
     }
     if (row.statusSent) {
-        expected.push_back({row.status, kind.statusReport, {}});
+        expected.emplace_back(row.status, base ? WL_REPORT_LEARN_STATUS : WL_REPORT_RASP_LEARN_STATUS);
     }
-    ASSERT_EQ(expected.size(), uploads.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(expected[i].text, uploads[i].text);
-        EXPECT_EQ(expected[i].type, uploads[i].type);
+    for (const recorders::Upload& upload : recorders::uploads()) {
+        uploaded.emplace_back(upload.text, upload.type);
     }
+    EXPECT_EQ(expected, uploaded);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ParseInputTest,
-    ::testing::Combine(::testing::ValuesIn(kParseRows),
-                       ::testing::Values(ReportKind{"Base", Engine::Base, WL_REPORT_MODEL, WL_REPORT_LEARN_STATUS},
-                                         ReportKind{"Rasp", Engine::Rasp, WL_REPORT_RASP_MODEL,
-                                                    WL_REPORT_RASP_LEARN_STATUS})),
-    [](const ::testing::TestParamInfo<std::tuple<ParseRow, ReportKind>>& info) {
-        return std::string(std::get<0>(info.param).name) + std::get<1>(info.param).name;
-    });
+INSTANTIATE_TEST_SUITE_P(Rows, ParseInputTest,
+                         ::testing::Combine(::testing::ValuesIn(kParseRows),
+                                            ::testing::Values(Engine::Base, Engine::Rasp)),
+                         [](const ::testing::TestParamInfo<std::tuple<ParseRow, Engine>>& info) {
+                             return std::string(std::get<0>(info.param).name) +
+                                    (std::get<1>(info.param) == Engine::Base ? "Base" : "Rasp");
+                         });
 
-class AlarmFeedbackTest : public EngineTest {
-protected:
-    void SetUp() override {
-        EngineTest::SetUp();
-        FakeClock::gate(true);
-        startBase();
-        startRasp();
-        ASSERT_TRUE(Library::instance().waitForCount(Engine::Base, "getModelStatus", 1));
-        ASSERT_TRUE(Library::instance().waitForCount(Engine::Rasp, "getModelStatus", 1));
-        Library::instance().reset();
-    }
-};
-
-TEST_F(AlarmFeedbackTest, EmptyTextIsRefusedWithoutTouchingTheLibrary) {
+TEST_F(StartedEnginesTest, EmptyAlarmTextIsRefusedWithoutTouchingTheLibrary) {
     EXPECT_FALSE(BaseEngine::GetInstance()->dealAlarmEvent(""));
     EXPECT_FALSE(RaspEngine::GetInstance()->dealAlarmEvent(""));
-    EXPECT_TRUE(Library::instance().calls().empty());
+    EXPECT_TRUE(Library::instance().opSequence(Engine::Base).empty());
+    EXPECT_TRUE(Library::instance().opSequence(Engine::Rasp).empty());
 }
 
-TEST_F(AlarmFeedbackTest, HostAlarmsAreFedBackInOrderThenSavedOnce) {
+TEST_F(StartedEnginesTest, AlarmsAreFedBackInOrderThenTheModelIsSavedOnce) {
     EXPECT_TRUE(BaseEngine::GetInstance()->dealAlarmEvent(
         "[{\"event_id\":\"FILE_CREATION\",\"model_name\":\"web\"},"
         "{\"event_id\":\"NO_SUCH_EVENT\",\"model_name\":\"web\"},"
         "{\"event_id\":\"FILE_DELETION\",\"model_name\":\"web\"}]"));
-    std::vector<fake_model::Call> calls = Library::instance().calls();
-    ASSERT_EQ(3u, calls.size());
-    EXPECT_EQ("feedbackAlarm", calls[0].op);
-    EXPECT_EQ(6, calls[0].eventType);
-    EXPECT_EQ("feedbackAlarm", calls[1].op);
-    EXPECT_EQ(8, calls[1].eventType);
-    EXPECT_EQ("saveModel", calls[2].op);
-    EXPECT_EQ(BaseEngine::GetInstance()->m_modelSavePath, calls[2].text);
-    EXPECT_TRUE(recorders::uploads().empty()) << "feedback uploads nothing";
-}
-
-TEST_F(AlarmFeedbackTest, TextWithoutAlarmsStillSavesTheModels) {
-    EXPECT_TRUE(BaseEngine::GetInstance()->dealAlarmEvent("not a list"));
-    EXPECT_TRUE(RaspEngine::GetInstance()->dealAlarmEvent("{}"));
-    EXPECT_EQ((std::vector<std::string>{"saveModel"}), Library::instance().opSequence(Engine::Base));
-    EXPECT_EQ((std::vector<std::string>{"saveModel"}), Library::instance().opSequence(Engine::Rasp));
-}
-
-TEST_F(AlarmFeedbackTest, RaspAlarmsAreFedBackThenSaved) {
     EXPECT_TRUE(RaspEngine::GetInstance()->dealAlarmEvent(
         "[{\"action\":\"mysql\",\"model_name\":\"shop\",\"sql_command\":\"select 1\",\"url\":\"/cart\"},"
         "{\"action\":\"read\",\"model_name\":\"shop\",\"file_name\":\"/etc/x\",\"url\":\"/file\"}]"));
-    std::vector<fake_model::Call> calls = Library::instance().calls();
-    ASSERT_EQ(3u, calls.size());
-    EXPECT_EQ("feedbackAlarm", calls[0].op);
-    EXPECT_EQ("/cart", calls[0].eventTag);
-    EXPECT_EQ("/file", calls[1].eventTag);
-    EXPECT_EQ("saveModel", calls[2].op);
-    EXPECT_EQ(RaspEngine::GetInstance()->m_modelSavePath, calls[2].text);
+    const std::vector<std::string> order{"feedbackAlarm", "feedbackAlarm", "saveModel"};
+    EXPECT_EQ(order, Library::instance().opSequence(Engine::Base));
+    EXPECT_EQ(order, Library::instance().opSequence(Engine::Rasp));
+    std::vector<fake_model::Call> host = Library::instance().calls(Engine::Base, "feedbackAlarm");
+    EXPECT_EQ(6, host[0].eventType);
+    EXPECT_EQ(8, host[1].eventType);
+    std::vector<fake_model::Call> rasp = Library::instance().calls(Engine::Rasp, "feedbackAlarm");
+    EXPECT_EQ("/cart", rasp[0].eventTag);
+    EXPECT_EQ("/file", rasp[1].eventTag);
+    EXPECT_EQ(BaseEngine::GetInstance()->m_modelSavePath, Library::instance().calls(Engine::Base, "saveModel")[0].text);
+    EXPECT_EQ(RaspEngine::GetInstance()->m_modelSavePath, Library::instance().calls(Engine::Rasp, "saveModel")[0].text);
+    EXPECT_TRUE(recorders::uploads().empty()) << "feedback uploads nothing";
 }

@@ -4,7 +4,7 @@
 // cycles. Meant for the tsan build: it must end without a report, a deadlock
 // or a lost lock.
 #include <atomic>
-#include <random>
+#include <functional>
 #include <thread>
 
 #include "base.h"
@@ -12,30 +12,11 @@
 #include "event_queues.h"
 #include "rasp.h"
 #include "recorders.h"
+#include "whitelist_upload.h"
 
 using fake_model::Engine;
 using fake_model::Library;
 using fake_model::Verdict;
-
-namespace {
-
-void queue_bounded_base(const _BASE_EVENTINFO& event) {
-    orv_mutex_lock(&g_baseDataLock);
-    if (g_baseData.size() < kEventQueueLimit) {
-        g_baseData.push_back(event);
-    }
-    orv_mutex_unlock(&g_baseDataLock);
-}
-
-void queue_bounded_rasp(const std::string& text) {
-    orv_mutex_lock(&g_raspDataLock);
-    if (g_raspData.size() < kEventQueueLimit) {
-        g_raspData.push_back(text);
-    }
-    orv_mutex_unlock(&g_raspDataLock);
-}
-
-}  // namespace
 
 TEST_F(EngineTest, EventsCommandsTimingAndFeedbackTogetherKeepTheLockRules) {
     FakeClock::setRealPause(std::chrono::microseconds(200));
@@ -50,38 +31,26 @@ TEST_F(EngineTest, EventsCommandsTimingAndFeedbackTogetherKeepTheLockRules) {
     Library::instance().setDefaultVerdict(Engine::Base, verdicts[2]);
     Library::instance().setDefaultText(Engine::Base, "getChangedModel", "web");
     Library::instance().setDefaultText(Engine::Rasp, "getModelStatus", "{\"s\":1}");
-    startBase();
-    startRasp();
+    ASSERT_TRUE(initialize(Engine::Base));
+    ASSERT_TRUE(initialize(Engine::Rasp));
 
     std::atomic<bool> stop{false};
-    std::thread hostProducer([&] {
-        unsigned long long tag = 0;
-        while (!stop.load()) {
+    unsigned long long tag = 0;
+    int round = 0;
+    // Each loop body runs on its own thread until the stop.
+    const std::vector<std::function<void()>> bodies = {
+        [&] {
             ++tag;
-            queue_bounded_base(make_base_event(tag % 2 ? 6 : 1, tag));
-            std::this_thread::sleep_for(std::chrono::microseconds(300));
-        }
-    });
-    std::thread raspProducer([&] {
-        while (!stop.load()) {
-            queue_bounded_rasp("{\"data\":{\"data\":{\"action\":\"dns\",\"data\":\"example.org\"}}}");
-            std::this_thread::sleep_for(std::chrono::microseconds(300));
-        }
-    });
-    std::thread wallClock([&] {
-        while (!stop.load()) {
-            FakeClock::setTime(FakeClock::now() + 1);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-    });
-    // The module's work thread: commands with and without the engine lock,
-    // and alarm feedback.
-    std::thread work([&] {
-        int round = 0;
-        while (!stop.load()) {
+            queue_base_event(make_base_event(tag % 2 ? 6 : 1, tag));
+        },
+        [] { queue_rasp_text("{\"data\":{\"data\":{\"action\":\"dns\",\"data\":\"example.org\"}}}"); },
+        [] { FakeClock::setTime(FakeClock::now() + 1); },
+        // The module's work thread: commands with and without the engine
+        // lock, and alarm feedback.
+        [&] {
             _USR_INPUT input;
             input.modelName = "web";
-            input.oprType = round % 3 == 0 ? USR_OPR_QUERY : USR_OPR_SWITCH;
+            input.oprType = round++ % 3 == 0 ? USR_OPR_QUERY : USR_OPR_SWITCH;
             BaseEngine::GetInstance()->m_baseEngine->initModel(&input);
             BaseEngine::GetInstance()->m_baseEngine->interactModel(&input);
             BaseEngine::GetInstance()->parseInput(&input);
@@ -89,17 +58,22 @@ TEST_F(EngineTest, EventsCommandsTimingAndFeedbackTogetherKeepTheLockRules) {
             RaspEngine::GetInstance()->parseInput(&input);
             BaseEngine::GetInstance()->dealAlarmEvent("[{\"event_id\":\"FILE_CREATION\",\"model_name\":\"web\"}]");
             RaspEngine::GetInstance()->dealAlarmEvent("[]");
-            ++round;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
-
+        },
+    };
+    std::vector<std::thread> threads;
+    for (const std::function<void()>& body : bodies) {
+        threads.emplace_back([&stop, &body] {
+            while (!stop.load()) {
+                body();
+                std::this_thread::sleep_for(std::chrono::microseconds(500));
+            }
+        });
+    }
     std::this_thread::sleep_for(std::chrono::seconds(3));
     stop.store(true);
-    hostProducer.join();
-    raspProducer.join();
-    wallClock.join();
-    work.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     BaseEngine::GetInstance()->Uninitialize();
     RaspEngine::GetInstance()->Uninitialize();
 
@@ -110,7 +84,7 @@ TEST_F(EngineTest, EventsCommandsTimingAndFeedbackTogetherKeepTheLockRules) {
     EXPECT_GT(lib.count(Engine::Rasp, "saveModel"), 0);
     EXPECT_GT(lib.count(Engine::Base, "feedbackAlarm"), 0);
     EXPECT_GT(lib.count(Engine::Base, "saveOriginLog"), 0);
-    EXPECT_FALSE(recorders::uploadsOfType(2).empty());
+    EXPECT_FALSE(recorders::uploads(WL_REPORT_ALARM).empty());
     EXPECT_EQ(0, lib.liveObjects(Engine::Base));
     EXPECT_EQ(0, lib.liveObjects(Engine::Rasp));
     EXPECT_EQ(0u, base_queue_size());

@@ -11,7 +11,6 @@
 #include "log_capture.h"
 #include "rasp.h"
 #include "recorders.h"
-#include "register.h"
 #include "whitelist.h"
 #include "whitelist_api.h"
 #include "whitelist_impl.h"
@@ -20,6 +19,9 @@ using fake_model::Engine;
 using fake_model::FactoryMode;
 using fake_model::Library;
 
+namespace {
+const char kTimerFailed[] = "start timer check cron task failed.";
+
 class SwitchTest : public EngineTest {
 protected:
     void SetUp() override {
@@ -27,190 +29,136 @@ protected:
         memset(&g_whitelist_context, 0, sizeof(g_whitelist_context));
         FakeClock::gate(true);
     }
-    unsigned int periodOf(void (*callback)(void)) {
-        for (const recorders::Timer& timer : recorders::timers()) {
-            if (timer.callback == callback) {
-                return timer.period;
-            }
-        }
-        return 0;
-    }
 };
 
-TEST_F(SwitchTest, InitEngineStartsBothWithModelsAndTimers) {
+unsigned int period_of(void (*callback)(void)) {
+    for (const recorders::Timer& timer : recorders::timers()) {
+        if (timer.callback == callback) {
+            return timer.period;
+        }
+    }
+    return 0;
+}
+}  // namespace
+
+TEST_F(SwitchTest, InitEngineStartsBothWithModelsAndTimersAndUninitDetaches) {
     LogCapture log;
     EXPECT_EQ(0, whitelist_init_engine());
     EXPECT_EQ(1, g_whitelist_context.base_engine_on);
     EXPECT_EQ(1, g_whitelist_context.rasp_engine_on);
-    EXPECT_EQ(1, recorders::registerInitCalls());
-    EXPECT_EQ((std::vector<std::string>{"whitelist_base_load_model_data", "whitelist_rasp_load_model_data"}),
-              recorders::modelCalls());
-    EXPECT_NE(nullptr, g_whitelist_context.timer_openport);
-    EXPECT_NE(nullptr, g_whitelist_context.timer_clean_log);
+    EXPECT_EQ(1, recorders::journalCount("register init"));
+    EXPECT_EQ(1, recorders::journalCount("whitelist_base_load_model_data"));
+    EXPECT_EQ(1, recorders::journalCount("whitelist_rasp_load_model_data"));
     // The reversed test leaves the base refresh unstarted.
     EXPECT_EQ(nullptr, g_whitelist_context.timer_base_open_process);
-    EXPECT_NE(nullptr, g_whitelist_context.timer_rasp_open_process);
-    EXPECT_NE(nullptr, g_whitelist_context.timer_clean_rasp_log);
-    EXPECT_EQ(4, recorders::timerStartCalls());
-    EXPECT_EQ(14400000u, periodOf(upload_openport_process));
-    EXPECT_EQ(3600000u, periodOf(clean_whitelist_ori_log));
-    EXPECT_EQ(1800000u, periodOf(whitelist_rasp_update_open_process));
-    EXPECT_EQ(3600000u, periodOf(clean_whitelist_raspori_log));
+    EXPECT_EQ(4u, recorders::timers().size());
+    EXPECT_EQ(14400000u, period_of(upload_openport_process));
+    EXPECT_EQ(3600000u, period_of(clean_whitelist_ori_log));
+    EXPECT_EQ(1800000u, period_of(whitelist_rasp_update_open_process));
+    EXPECT_EQ(3600000u, period_of(clean_whitelist_raspori_log));
     EXPECT_TRUE(log.contains("init timer suc.", 3));
     EXPECT_TRUE(log.contains("init rasp timer suc.", 3));
-    EXPECT_TRUE(BaseEngine::GetInstance()->m_isRunning.load());
-    EXPECT_TRUE(RaspEngine::GetInstance()->m_isRunning.load());
+
+    FakeClock::gate(false);
+    whitelist_base_engine_uninit();
+    whitelist_rasp_engine_uninit();
+    EXPECT_EQ(1, recorders::journalCount("register uninit"));
+    EXPECT_EQ(nullptr, BaseEngine::GetInstance()->m_baseEngine);
+    EXPECT_EQ(nullptr, RaspEngine::GetInstance()->m_raspEngine);
 }
 
-TEST_F(SwitchTest, TimerCallbacksReachTheirTargets) {
-    ASSERT_EQ(0, whitelist_init_engine());
-    for (const recorders::Timer& timer : recorders::timers()) {
-        if (timer.callback != clean_whitelist_ori_log && timer.callback != clean_whitelist_raspori_log) {
-            timer.callback();
-        }
-    }
-    std::vector<std::string> calls = recorders::modelCalls();
-    EXPECT_EQ((std::vector<std::string>{"whitelist_base_load_model_data", "whitelist_rasp_load_model_data",
-                                        "upload_openport_process", "whitelist_rasp_update_open_process"}),
-              calls);
-}
-
-TEST_F(SwitchTest, BaseFailureStillStartsRaspAndReportsTheBaseTimerField) {
+TEST_F(SwitchTest, FailedEnginesAreReportedAndTheOtherStillStarts) {
     LogCapture log;
     Library::instance().setFactoryMode(Engine::Base, FactoryMode::Null);
     EXPECT_NE(0, whitelist_init_engine());
     EXPECT_TRUE(log.contains("base engine init fail", 1));
     EXPECT_EQ(0, g_whitelist_context.base_engine_on);
     EXPECT_EQ(1, g_whitelist_context.rasp_engine_on);
-    // The rasp group tests the base clean timer, which never started.
-    EXPECT_TRUE(log.contains("start timer check cron task failed.", 1));
-    EXPECT_FALSE(log.contains("init rasp timer suc."));
-    EXPECT_NE(nullptr, g_whitelist_context.timer_clean_rasp_log) << "the rasp clean timer runs all the same";
-    EXPECT_EQ((std::vector<std::string>{"whitelist_rasp_load_model_data"}), recorders::modelCalls());
-}
+    EXPECT_EQ(0, recorders::journalCount("whitelist_base_load_model_data"));
 
-TEST_F(SwitchTest, RegisterFailureStopsTheBaseStartBeforeTheEngine) {
+    // A failed attach stops the base start before the engine is asked.
     recorders::setRegisterInitResult(false);
-    LogCapture log;
-    EXPECT_EQ(0, whitelist_base_engine_init());
-    EXPECT_EQ(0, Library::instance().count(Engine::Base, "getBaseInterface"));
+    Library::instance().reset();
     EXPECT_EQ(-1, whitelist_engine_switch());
-    EXPECT_TRUE(log.contains("base engine init fail", 1));
-}
+    EXPECT_EQ(0, Library::instance().count(Engine::Base, "getBaseInterface"));
 
-TEST_F(SwitchTest, RaspFailureIsReported) {
-    LogCapture log;
+    FakeClock::gate(false);  // lets the timing thread see the stop
+    RaspEngine::GetInstance()->Uninitialize();
     Library::instance().setFactoryMode(Engine::Rasp, FactoryMode::Throw);
-    EXPECT_EQ(0, whitelist_rasp_engine_init());
     EXPECT_EQ(-1, whitelist_rasp_switch());
     EXPECT_TRUE(log.contains("inner model init fail", 1));
-    EXPECT_EQ(0, g_whitelist_context.rasp_engine_on);
 }
 
-TEST_F(SwitchTest, UninitFunctionsStopTheEnginesAndDetach) {
-    ASSERT_EQ(1, whitelist_base_engine_init());
-    ASSERT_EQ(1, whitelist_rasp_engine_init());
-    FakeClock::gate(false);
-    whitelist_base_engine_uninit();
-    whitelist_rasp_engine_uninit();
-    EXPECT_EQ(1, recorders::registerUninitCalls());
-    EXPECT_EQ(nullptr, BaseEngine::GetInstance()->m_baseEngine);
-    EXPECT_EQ(nullptr, RaspEngine::GetInstance()->m_raspEngine);
+// Each row: which group starts, what runs already, the start results.
+TEST_F(SwitchTest, TimerGroupsStopAtTheFirstFailureAndTestTheFieldsTheyTest) {
+    const struct {
+        const char* name;
+        bool rasp;
+        bool baseOpenProcessSet;
+        bool baseCleanRuns;
+        std::vector<bool> script;
+        size_t started;
+        bool failed;
+    } rows[] = {
+        {"BaseAllStart", false, false, false, {}, 2, false},
+        {"BaseOpenProcessOnlyWhenAlreadySet", false, true, false, {}, 3, false},
+        {"BaseOpenPortFails", false, false, false, {false}, 0, true},
+        {"BaseCleanLogFails", false, false, false, {true, false}, 1, true},
+        {"RaspOpenProcessFails", true, false, true, {false}, 0, true},
+        {"RaspCleanFailureUnnoticedWhileBaseCleanRuns", true, false, true, {true, false}, 1, false},
+        {"RaspReportsTheBaseCleanTimer", true, false, false, {}, 2, true},
+    };
+    for (const auto& row : rows) {
+        memset(&g_whitelist_context, 0, sizeof(g_whitelist_context));
+        recorders::reset();
+        void* marker = reinterpret_cast<void*>(0x7);
+        g_whitelist_context.timer_base_open_process = row.baseOpenProcessSet ? marker : nullptr;
+        g_whitelist_context.timer_clean_log = row.baseCleanRuns ? marker : nullptr;
+        recorders::scriptTimerStarts(row.script);
+        LogCapture log;
+        row.rasp ? init_whitelist_rasp_timer(&g_whitelist_context) : init_whitelist_timer(&g_whitelist_context);
+        EXPECT_EQ(row.started, recorders::timers().size()) << row.name;
+        EXPECT_EQ(row.failed, log.contains(kTimerFailed, 1)) << row.name;
+        EXPECT_EQ(!row.failed, log.contains(row.rasp ? "init rasp timer suc." : "init timer suc.", 3)) << row.name;
+    }
+    // A set field restarts the base refresh, which then reaches its target.
+    memset(&g_whitelist_context, 0, sizeof(g_whitelist_context));
+    recorders::reset();
+    g_whitelist_context.timer_base_open_process = reinterpret_cast<void*>(0x7);
+    init_whitelist_timer(&g_whitelist_context);
+    EXPECT_EQ(1800000u, recorders::timers().at(2).period);
+    recorders::timers().at(2).callback();
+    EXPECT_EQ(1, recorders::journalCount("whitelist_base_update_open_process"));
 }
 
 TEST_F(SwitchTest, TimersAreSafeToRepeatAndStartAnew) {
     LogCapture log;
-    init_whitelist_timer(&g_whitelist_context);
-    init_whitelist_rasp_timer(&g_whitelist_context);
-    init_whitelist_timer(&g_whitelist_context);
-    init_whitelist_rasp_timer(&g_whitelist_context);
-    EXPECT_EQ(4, recorders::timerStartCalls()) << "a running timer isn't started twice";
-
-    uninit_whitelist_timer(&g_whitelist_context);
-    uninit_whitelist_rasp_timer(&g_whitelist_context);
-    uninit_whitelist_timer(&g_whitelist_context);
-    uninit_whitelist_rasp_timer(&g_whitelist_context);
-    EXPECT_EQ(4, recorders::timerCloseCalls()) << "a stopped timer isn't closed twice";
-    EXPECT_EQ(nullptr, g_whitelist_context.timer_openport);
-    EXPECT_EQ(nullptr, g_whitelist_context.timer_clean_rasp_log);
+    for (int round = 0; round < 2; ++round) {
+        init_whitelist_timer(&g_whitelist_context);
+        init_whitelist_rasp_timer(&g_whitelist_context);
+    }
+    EXPECT_EQ(4, recorders::journalCount("timer start")) << "a running timer isn't started twice";
+    for (int round = 0; round < 2; ++round) {
+        uninit_whitelist_timer(&g_whitelist_context);
+        uninit_whitelist_rasp_timer(&g_whitelist_context);
+    }
+    EXPECT_EQ(4, recorders::journalCount("timer close")) << "a stopped timer isn't closed twice";
     EXPECT_EQ(2, log.count("uninit whitelist timer suc.", 3));
     EXPECT_EQ(2, log.count("uninit rasp timer suc.", 3));
-
     init_whitelist_timer(&g_whitelist_context);
-    EXPECT_EQ(6, recorders::timerStartCalls()) << "switched on again, the timers start anew";
-}
-
-TEST_F(SwitchTest, BaseOpenProcessTimerStartsOnlyWhenItsFieldIsAlreadySet) {
-    // Nothing sets the field in the module; a set field restarts the timer.
-    void* marker = reinterpret_cast<void*>(0x1);
-    g_whitelist_context.timer_base_open_process = marker;
-    init_whitelist_timer(&g_whitelist_context);
-    EXPECT_EQ(3, recorders::timerStartCalls());
-    EXPECT_NE(marker, g_whitelist_context.timer_base_open_process);
-    EXPECT_EQ(1800000u, recorders::timers()[2].period);
-    recorders::timers()[2].callback();
-    EXPECT_EQ((std::vector<std::string>{"whitelist_base_update_open_process"}), recorders::modelCalls());
-}
-
-struct TimerFailure {
-    const char* name;
-    std::vector<bool> script;
-    int starts;
-    bool baseDone;
-};
-
-TEST_F(SwitchTest, FailedBaseTimerStopsTheLaterOnes) {
-    const TimerFailure cases[] = {
-        {"OpenPortFails", {false}, 1, false},
-        {"CleanLogFails", {true, false}, 2, false},
-    };
-    for (const TimerFailure& c : cases) {
-        memset(&g_whitelist_context, 0, sizeof(g_whitelist_context));
-        recorders::reset();
-        recorders::scriptTimerStarts(c.script);
-        LogCapture log;
-        init_whitelist_timer(&g_whitelist_context);
-        EXPECT_EQ(c.starts, recorders::timerStartCalls()) << c.name;
-        EXPECT_TRUE(log.contains("start timer check cron task failed.", 1)) << c.name;
-        EXPECT_FALSE(log.contains("init timer suc.")) << c.name;
-    }
-}
-
-TEST_F(SwitchTest, RaspTimerFailures) {
-    {
-        recorders::scriptTimerStarts({false});
-        LogCapture log;
-        init_whitelist_rasp_timer(&g_whitelist_context);
-        EXPECT_EQ(1, recorders::timerStartCalls());
-        EXPECT_EQ(nullptr, g_whitelist_context.timer_clean_rasp_log);
-        EXPECT_TRUE(log.contains("start timer check cron task failed.", 1));
-    }
-    {
-        // A true failure of the rasp clean timer goes unnoticed while the base
-        // clean timer runs.
-        memset(&g_whitelist_context, 0, sizeof(g_whitelist_context));
-        recorders::reset();
-        g_whitelist_context.timer_clean_log = reinterpret_cast<void*>(0x2);
-        recorders::scriptTimerStarts({true, false});
-        LogCapture log;
-        init_whitelist_rasp_timer(&g_whitelist_context);
-        EXPECT_EQ(nullptr, g_whitelist_context.timer_clean_rasp_log);
-        EXPECT_FALSE(log.contains("start timer check cron task failed."));
-        EXPECT_TRUE(log.contains("init rasp timer suc.", 3));
-    }
+    EXPECT_EQ(6, recorders::journalCount("timer start")) << "switched on again, the timers start anew";
 }
 
 class DumpPathTest : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
-        m_dir = m_install->path("var/base/originLog");
-        std::filesystem::create_directories(m_dir);
+        m_dir = path("var/base/originLog");
+        std::filesystem::create_directories(m_dir + "/sub");
     }
     // A sparse file: its size costs no disk.
-    void sparse(const std::string& name, long long size) {
-        std::string path = m_dir + "/" + name;
-        int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+    void sparse(const std::string& file, long long size) {
+        int fd = open(file.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
         ASSERT_GE(fd, 0);
         ASSERT_EQ(0, ftruncate(fd, static_cast<off_t>(size)));
         close(fd);
@@ -225,96 +173,51 @@ protected:
     std::string m_dir;
 };
 
-TEST_F(DumpPathTest, ExactlyTheLimitStays) {
+TEST_F(DumpPathTest, ExactlyTheLimitStaysOneByteMoreEmptiesTheDirectoryButKeepsSubdirectories) {
     LogCapture log;
-    sparse("a.log", WL_ORIGIN_LOG_LIMIT - 1000);
-    sparse("b.log", 1000);
+    sparse(m_dir + "/a.log", WL_ORIGIN_LOG_LIMIT - 1000);
+    sparse(m_dir + "/b.log", 1000);
     EXPECT_EQ(0, check_dump_path(m_dir.c_str()));
     EXPECT_EQ(2u, files());
     EXPECT_FALSE(log.contains("dump block is over size"));
-}
 
-TEST_F(DumpPathTest, OneByteOverEmptiesTheWholeDirectoryButKeepsSubdirectories) {
-    LogCapture log;
-    sparse("a.log", WL_ORIGIN_LOG_LIMIT - 1000);
-    sparse("b.log", 1001);
-    sparse("c.log", 0);
-    std::filesystem::create_directories(m_dir + "/sub");
+    sparse(m_dir + "/b.log", 1001);
     clean_whitelist_ori_log();
     EXPECT_EQ(0u, files());
     EXPECT_TRUE(std::filesystem::is_directory(m_dir + "/sub"));
     EXPECT_TRUE(log.contains("dump block is over size, try to clean.", 3));
     EXPECT_TRUE(log.contains("==start to clean dump path.", 3));
-    EXPECT_TRUE(log.contains("originLog/c.log", 3)) << log.dump();
-    EXPECT_EQ(3, log.count("remove path ", 3));
+    EXPECT_EQ(2, log.count("remove path ", 3));
+    EXPECT_EQ(-1, check_dump_path(path("nowhere").c_str()));
+    EXPECT_TRUE(log.contains("open dump_path[" + path("nowhere") + "] failed.", 1));
 }
 
 TEST_F(DumpPathTest, SymbolicLinkCountsWithItsOwnSize) {
     // The target lies outside and is large; the link itself is a few bytes.
-    std::string outside = m_install->path("big.bin");
-    int fd = open(outside.c_str(), O_CREAT | O_WRONLY, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ftruncate(fd, WL_ORIGIN_LOG_LIMIT + 10));
-    close(fd);
+    std::string outside = path("big.bin");
+    sparse(outside, WL_ORIGIN_LOG_LIMIT + 10);
     std::filesystem::create_symlink(outside, m_dir + "/link");
-    sparse("a.log", WL_ORIGIN_LOG_LIMIT - static_cast<long long>(outside.size()));
+    sparse(m_dir + "/a.log", WL_ORIGIN_LOG_LIMIT - static_cast<long long>(outside.size()));
     EXPECT_EQ(0, check_dump_path(m_dir.c_str()));
     EXPECT_EQ(2u, files()) << "link size + file equals the limit exactly";
-    sparse("b.log", 1);
+    sparse(m_dir + "/b.log", 1);
     EXPECT_EQ(0, check_dump_path(m_dir.c_str()));
     EXPECT_EQ(0u, files());
     EXPECT_TRUE(std::filesystem::exists(outside)) << "removing a link leaves its target";
 }
 
-TEST_F(DumpPathTest, MissingDirectoryFails) {
-    LogCapture log;
-    std::string missing = m_install->path("nowhere");
-    EXPECT_EQ(-1, check_dump_path(missing.c_str()));
-    EXPECT_TRUE(log.contains("open dump_path[" + missing + "] failed.", 1));
-}
-
-TEST_F(DumpPathTest, RaspDirectoryIsCleanedByItsOwnTimer) {
-    std::string rasp = m_install->path("var/base/raspOriginLog");
-    std::filesystem::create_directories(rasp);
-    std::string file = rasp + "/r.log";
-    int fd = open(file.c_str(), O_CREAT | O_WRONLY, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ftruncate(fd, WL_ORIGIN_LOG_LIMIT + 1));
-    close(fd);
-    sparse("a.log", WL_ORIGIN_LOG_LIMIT + 1);
-    clean_whitelist_raspori_log();
-    EXPECT_FALSE(std::filesystem::exists(file));
-    EXPECT_EQ(1u, files()) << "the base directory is not the rasp timer's";
-}
-
 TEST_F(EngineTest, ReloadAnnouncesEveryKnownProcessAgain) {
     g_model_pid->clear();
     reload_vrccl_filter();
-    EXPECT_TRUE(recorders::subscribes().empty());
+    EXPECT_TRUE(recorders::journal().empty());
     (*g_model_pid)[4321] = false;
     (*g_model_pid)[17] = true;
     (*g_model_pid)[0x100000005ULL] = true;
     reload_vrccl_filter();
-    std::vector<recorders::Subscribe> calls = recorders::subscribes();
-    ASSERT_EQ(3u, calls.size());
-    EXPECT_EQ(17, calls[0].id);
-    EXPECT_EQ(4321, calls[1].id);
-    EXPECT_EQ(5, calls[2].id) << "only the low 32 bits are sent";
-    for (const recorders::Subscribe& call : calls) {
-        EXPECT_EQ(260, call.action);
-        EXPECT_EQ(-1, call.reserved);
-    }
+    EXPECT_EQ((std::vector<std::string>{"subscribe 260 17 -1", "subscribe 260 4321 -1", "subscribe 260 5 -1"}),
+              recorders::journal())
+        << "only the low 32 bits are sent";
     EXPECT_EQ(3u, g_model_pid->size());
     EXPECT_FALSE(g_model_pid->at(4321));
     g_model_pid->clear();
-}
-
-TEST(ModuleLoad, SingletonsAndListsExistBeforeAnyCall) {
-    EXPECT_EQ(BaseEngine::GetInstance(), base_engine);
-    EXPECT_EQ(RaspEngine::GetInstance(), rasp_engine);
-    EXPECT_EQ(Register::GetInstance(), white_register);
-    ASSERT_NE(nullptr, g_model_array);
-    ASSERT_NE(nullptr, g_rasp_model_array);
-    ASSERT_NE(nullptr, g_model_pid);
-    EXPECT_NE(static_cast<void*>(g_model_array), static_cast<void*>(g_rasp_model_array));
 }

@@ -1,6 +1,6 @@
 #include "recorders.h"
 
-#include <condition_variable>
+#include <algorithm>
 #include <deque>
 #include <mutex>
 
@@ -12,187 +12,105 @@
 
 namespace recorders {
 namespace {
-struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
+struct Records {
     std::vector<Upload> uploads;
     std::deque<bool> timerScript;
     std::vector<Timer> timers;
-    int timerStarts = 0;
-    int timerCloses = 0;
-    unsigned long nextHandle = 0x1000;
-    std::vector<Subscribe> subscribes;
+    std::vector<std::string> journal;
     bool registerOk = true;
-    int registerInits = 0;
-    int registerUninits = 0;
-    std::vector<std::string> modelCalls;
 };
 
-State& state() {
-    static State s;
-    return s;
-}
+std::mutex g_mutex;
+Records g_records;
 
-void model_call(const char* name) {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    state().modelCalls.push_back(name);
+// Runs f on the records under their lock.
+template <class F>
+auto locked(F f) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return f(g_records);
 }
 }  // namespace
 
 void reset() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    State& s = state();
-    s.uploads.clear();
-    s.timerScript.clear();
-    s.timers.clear();
-    s.timerStarts = 0;
-    s.timerCloses = 0;
-    s.subscribes.clear();
-    s.registerOk = true;
-    s.registerInits = 0;
-    s.registerUninits = 0;
-    s.modelCalls.clear();
+    locked([](Records& r) { r = Records(); });
 }
 
-std::vector<Upload> uploads() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().uploads;
-}
-
-std::vector<Upload> uploadsOfType(int type) {
+std::vector<Upload> uploads(int type) {
     std::vector<Upload> out;
-    for (const Upload& upload : uploads()) {
-        if (upload.type == type) {
-            out.push_back(upload);
-        }
+    for (const Upload& upload : locked([](Records& r) { return r.uploads; })) {
+        if (type == -1 || upload.type == type) out.push_back(upload);
     }
     return out;
 }
 
-bool waitForUploads(int type, int n, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(state().mutex);
-    return state().changed.wait_for(lock, timeout, [&] {
-        int found = 0;
-        for (const Upload& upload : state().uploads) {
-            found += upload.type == type ? 1 : 0;
-        }
-        return found >= n;
-    });
-}
-
 void scriptTimerStarts(const std::vector<bool>& results) {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    state().timerScript.assign(results.begin(), results.end());
+    locked([&](Records& r) { r.timerScript.assign(results.begin(), results.end()); });
 }
 
 std::vector<Timer> timers() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().timers;
+    return locked([](Records& r) { return r.timers; });
 }
 
-int timerStartCalls() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().timerStarts;
+std::vector<std::string> journal() {
+    return locked([](Records& r) { return r.journal; });
 }
 
-int timerCloseCalls() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().timerCloses;
+int journalCount(const std::string& entry) {
+    std::vector<std::string> all = journal();
+    return static_cast<int>(std::count(all.begin(), all.end(), entry));
 }
 
-std::vector<Subscribe> subscribes() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().subscribes;
+void note(const std::string& entry) {
+    locked([&](Records& r) { r.journal.push_back(entry); });
 }
 
 void setRegisterInitResult(bool ok) {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    state().registerOk = ok;
+    locked([ok](Records& r) { r.registerOk = ok; });
 }
 
-int registerInitCalls() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().registerInits;
-}
-
-int registerUninitCalls() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().registerUninits;
-}
-
-std::vector<std::string> modelCalls() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().modelCalls;
-}
-
-bool register_init_called() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    ++state().registerInits;
-    return state().registerOk;
-}
-
-void register_uninit_called() {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    ++state().registerUninits;
+bool registerInitResult() {
+    return locked([](Records& r) { return r.registerOk; });
 }
 
 }  // namespace recorders
-
-using recorders::state;
 
 extern "C" {
 
 WhitelistContext g_whitelist_context;
 
 int whitelist_upload_data(const char* text, int type) {
-    {
-        std::lock_guard<std::mutex> lock(state().mutex);
-        state().uploads.push_back({text ? text : "", type, std::this_thread::get_id()});
-    }
-    state().changed.notify_all();
+    recorders::locked([&](recorders::Records& r) { r.uploads.push_back({text ? text : "", type}); });
     return 0;
 }
 
-cl_timer_t cl_timerplus_start(void* loop, int flags, unsigned int period_ms, cl_timer_fn callback, void* reserved) {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    ++state().timerStarts;
-    bool ok = true;
-    if (!state().timerScript.empty()) {
-        ok = state().timerScript.front();
-        state().timerScript.pop_front();
-    }
-    if (!ok) {
-        return nullptr;
-    }
-    void* handle = reinterpret_cast<void*>(state().nextHandle++);
-    state().timers.push_back({handle, period_ms, callback, false});
-    return handle;
+cl_timer_t cl_timerplus_start(void*, int, unsigned int period_ms, cl_timer_fn callback, void*) {
+    recorders::note("timer start");
+    return recorders::locked([&](recorders::Records& r) -> cl_timer_t {
+        bool ok = r.timerScript.empty() || r.timerScript.front();
+        if (!r.timerScript.empty()) r.timerScript.pop_front();
+        if (!ok) return nullptr;
+        r.timers.push_back({period_ms, callback});
+        return reinterpret_cast<cl_timer_t>(r.timers.size());  // distinct, never null
+    });
 }
 
-int cl_timerplus_close(cl_timer_t timer) {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    ++state().timerCloses;
-    for (recorders::Timer& t : state().timers) {
-        if (t.handle == timer) {
-            t.closed = true;
-        }
-    }
+int cl_timerplus_close(cl_timer_t) {
+    recorders::note("timer close");
     return 0;
 }
 
 int vrccl_action_subscribe(int action, int id, int reserved) {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    state().subscribes.push_back({action, id, reserved});
+    recorders::note("subscribe " + std::to_string(action) + " " + std::to_string(id) + " " + std::to_string(reserved));
     return 0;
 }
 
-void whitelist_base_load_model_data(void) { recorders::model_call("whitelist_base_load_model_data"); }
-void whitelist_rasp_load_model_data(void) { recorders::model_call("whitelist_rasp_load_model_data"); }
-void upload_openport_process(void) { recorders::model_call("upload_openport_process"); }
+void whitelist_base_load_model_data(void) { recorders::note("whitelist_base_load_model_data"); }
+void whitelist_rasp_load_model_data(void) { recorders::note("whitelist_rasp_load_model_data"); }
+void upload_openport_process(void) { recorders::note("upload_openport_process"); }
 int whitelist_base_update_open_process(void) {
-    recorders::model_call("whitelist_base_update_open_process");
+    recorders::note("whitelist_base_update_open_process");
     return 0;
 }
-void whitelist_rasp_update_open_process(void) { recorders::model_call("whitelist_rasp_update_open_process"); }
+void whitelist_rasp_update_open_process(void) { recorders::note("whitelist_rasp_update_open_process"); }
 
 }  // extern "C"

@@ -4,9 +4,7 @@
 #ifndef WL_ENGINE_RECORDERS_H
 #define WL_ENGINE_RECORDERS_H
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace recorders {
@@ -14,43 +12,32 @@ namespace recorders {
 struct Upload {
     std::string text;
     int type;
-    std::thread::id thread;
 };
 
 struct Timer {
-    void* handle;
     unsigned int period;
     void (*callback)(void);
-    bool closed;
-};
-
-struct Subscribe {
-    int action;
-    int id;
-    int reserved;
 };
 
 void reset();
 
-std::vector<Upload> uploads();
-std::vector<Upload> uploadsOfType(int type);
-bool waitForUploads(int type, int n, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+// Uploads of one report type, or all of them with -1, in order.
+std::vector<Upload> uploads(int type = -1);
 
-// Timer starts: the results, in call order (true: a handle, false: null);
-// after the script, starts succeed.
+// Timer starts, in call order (true: a handle, false: null); after the
+// script, starts succeed.
 void scriptTimerStarts(const std::vector<bool>& results);
 std::vector<Timer> timers();  // every start that succeeded, in order
-int timerStartCalls();
-int timerCloseCalls();
 
-std::vector<Subscribe> subscribes();
+// Everything else, in order: "timer start", "timer close",
+// "register init", "register uninit", "subscribe <action> <id> <reserved>"
+// and the model-management functions by name.
+std::vector<std::string> journal();
+int journalCount(const std::string& entry);
+void note(const std::string& entry);
 
 void setRegisterInitResult(bool ok);
-int registerInitCalls();
-int registerUninitCalls();
-
-// Names of the model-management calls, in order.
-std::vector<std::string> modelCalls();
+bool registerInitResult();
 
 }  // namespace recorders
 

@@ -3,8 +3,6 @@
 #include "recorders.h"
 #include "register.h"
 
-#include <mutex>
-
 Register* white_register = nullptr;
 
 Register::Register() : m_dll(nullptr), m_frame(nullptr) {}
@@ -15,13 +13,11 @@ Register* Register::GetInstance() {
     return &instance;
 }
 
-namespace recorders {
-bool register_init_called();
-void register_uninit_called();
-}  // namespace recorders
-
-bool Register::registerInit() { return recorders::register_init_called(); }
-void Register::registerUninit() { recorders::register_uninit_called(); }
+bool Register::registerInit() {
+    recorders::note("register init");
+    return recorders::registerInitResult();
+}
+void Register::registerUninit() { recorders::note("register uninit"); }
 
 int Register::QueryInterface(const _GUID&, void**) { return MB_E_NOINTERFACE; }
 int Register::AddRef() { return 1; }
