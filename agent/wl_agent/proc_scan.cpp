@@ -12,9 +12,14 @@
 namespace wlagent {
 namespace {
 
+struct DirCloser {
+    void operator()(DIR* dir) const { ::closedir(dir); }
+};
+using DirPtr = std::unique_ptr<DIR, DirCloser>;
+
 std::vector<int> listPids(const std::string& procRoot) {
     std::vector<int> pids;
-    std::unique_ptr<DIR, decltype(&::closedir)> dir(::opendir(procRoot.c_str()), ::closedir);
+    DirPtr dir(::opendir(procRoot.c_str()));
     if (!dir) return pids;
     while (dirent* entry = ::readdir(dir.get())) {
         char* end = nullptr;
@@ -107,7 +112,7 @@ std::map<unsigned long, int> mapSocketOwners(const std::string& procRoot) {
     std::map<unsigned long, int> owners;
     for (int pid : listPids(procRoot)) {
         std::string fdDir = procRoot + "/" + std::to_string(pid) + "/fd";
-        std::unique_ptr<DIR, decltype(&::closedir)> dir(::opendir(fdDir.c_str()), ::closedir);
+        DirPtr dir(::opendir(fdDir.c_str()));
         if (!dir) continue;
         while (dirent* entry = ::readdir(dir.get())) {
             if (entry->d_name[0] == '.') continue;
