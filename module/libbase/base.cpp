@@ -87,41 +87,10 @@ unsigned int BaseEngine::BaseInit() {
         return WL_ENGINE_INIT_FAILED;
     }
 
-    std::string config = engine_resolve_path(kConfigFile);
-    WL_LOG(LOG_LVL_INFO, "config file: %s", config.c_str());
-    if (orv_path_is_exist_u(config.c_str())) {
-        if (m_baseEngine->setConfig(config.c_str()) == -1) {
-            WL_LOG(LOG_LVL_ERROR, "set config error");
-            BaseUninit();
-            return WL_ENGINE_INIT_FAILED;
-        }
-    } else {
-        WL_LOG(LOG_LVL_ERROR, "config not exists");
-    }
-
-    std::string model = engine_resolve_path(kModelDir);
-    WL_LOG(LOG_LVL_INFO, "Model file: %s", model.c_str());
-    if (dirutils_mkdir(model.c_str(), 0755) != 0) {
-        WL_LOG(LOG_LVL_ERROR, "load model path error");
+    if (!engine_prepare_library(m_baseEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath, m_logSavePath)) {
         BaseUninit();
         return WL_ENGINE_INIT_FAILED;
     }
-    m_modelSavePath = model;
-    if (m_baseEngine->loadModel(model.c_str()) == -1) {
-        WL_LOG(LOG_LVL_ERROR, "Empty model loaded failed!");
-        BaseUninit();
-        return WL_ENGINE_INIT_FAILED;
-    }
-    WL_LOG(LOG_LVL_INFO, "Load empty model success.");
-
-    std::string originLog = engine_resolve_path(kOriginLogDir);
-    WL_LOG(LOG_LVL_INFO, "Originl log file: %s", originLog.c_str());
-    if (dirutils_mkdir(originLog.c_str(), 0755) != 0) {
-        WL_LOG(LOG_LVL_ERROR, "create originLog save path error");
-        BaseUninit();
-        return WL_ENGINE_INIT_FAILED;
-    }
-    m_logSavePath = originLog;
 
     m_isRunning.store(true);
     engine_start_thread(&m_workThread, workThread);

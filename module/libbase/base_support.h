@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "base_interface.h"
+#include "dirutils.h"
+#include "orv_dll.h"
 #include "model_records.h"
 #include "orv_sync.h"
 #include "wl_clock.h"
@@ -51,6 +53,48 @@ bool engine_collect_local_ips(std::set<std::string>& ips, std::vector<std::strin
 
 inline bool engine_status_reportable(const std::string& status) {
     return status != WL_RESULT_ERROR && status != WL_RESULT_EMPTY;
+}
+
+// The start steps after the factory, the same for both engines: settings (when
+// the file exists), the model directory and its load, the origin-log
+// directory. False once a step failed and was logged; the caller then stops
+// the engine. The directory must exist already on a second run of the agent,
+// so an existing one counts as made.
+template <class Library>
+bool engine_prepare_library(Library* library, const char* configPattern, const char* modelPattern,
+                            const char* originLogPattern, std::string& modelSavePath, std::string& logSavePath) {
+    std::string config = engine_resolve_path(configPattern);
+    WL_LOG(LOG_LVL_INFO, "config file: %s", config.c_str());
+    if (orv_path_is_exist_u(config.c_str())) {
+        if (library->setConfig(config.c_str()) == -1) {
+            WL_LOG(LOG_LVL_ERROR, "set config error");
+            return false;
+        }
+    } else {
+        WL_LOG(LOG_LVL_ERROR, "config not exists");
+    }
+
+    std::string model = engine_resolve_path(modelPattern);
+    WL_LOG(LOG_LVL_INFO, "Model file: %s", model.c_str());
+    if (dirutils_mkdir(model.c_str(), 0755) != 0) {
+        WL_LOG(LOG_LVL_ERROR, "load model path error");
+        return false;
+    }
+    modelSavePath = model;
+    if (library->loadModel(model.c_str()) == -1) {
+        WL_LOG(LOG_LVL_ERROR, "Empty model loaded failed!");
+        return false;
+    }
+    WL_LOG(LOG_LVL_INFO, "Load empty model success.");
+
+    std::string originLog = engine_resolve_path(originLogPattern);
+    WL_LOG(LOG_LVL_INFO, "Originl log file: %s", originLog.c_str());
+    if (dirutils_mkdir(originLog.c_str(), 0755) != 0) {
+        WL_LOG(LOG_LVL_ERROR, "create originLog save path error");
+        return false;
+    }
+    logSavePath = originLog;
+    return true;
 }
 
 // Countdowns of the timing loop, in seconds, decreased by one pass each.
