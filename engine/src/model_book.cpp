@@ -206,16 +206,16 @@ void ModelBook::elapse(unsigned seconds) {
     }
 }
 
-std::string ModelBook::status(const std::string& name) const {
+std::string ModelBook::describe(const std::string& name, const char* unknownName, ModelWriter write) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     rapidjson::StringBuffer buffer;
     JsonWriter writer(buffer);
     if (!name.empty()) {
         auto found = m_models.find(name);
         if (found == m_models.end()) {
-            return "ERROR";
+            return unknownName;
         }
-        writeModelStatus(writer, found->second, m_settings.learnUnitSeconds);
+        write(writer, found->second, m_settings.learnUnitSeconds);
         return textOf(buffer);
     }
     if (m_models.empty()) {
@@ -225,38 +225,16 @@ std::string ModelBook::status(const std::string& name) const {
     writer.Key("models");
     writer.StartArray();
     for (const auto& entry : m_models) {
-        writeModelStatus(writer, entry.second, m_settings.learnUnitSeconds);
+        write(writer, entry.second, m_settings.learnUnitSeconds);
     }
     writer.EndArray();
     writer.EndObject();
     return textOf(buffer);
 }
 
-std::string ModelBook::data(const std::string& name) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    rapidjson::StringBuffer buffer;
-    JsonWriter writer(buffer);
-    if (!name.empty()) {
-        auto found = m_models.find(name);
-        if (found == m_models.end()) {
-            return "{}";
-        }
-        writeModelData(writer, found->second, m_settings.learnUnitSeconds);
-        return textOf(buffer);
-    }
-    if (m_models.empty()) {
-        return "{}";
-    }
-    writer.StartObject();
-    writer.Key("models");
-    writer.StartArray();
-    for (const auto& entry : m_models) {
-        writeModelData(writer, entry.second, m_settings.learnUnitSeconds);
-    }
-    writer.EndArray();
-    writer.EndObject();
-    return textOf(buffer);
-}
+std::string ModelBook::status(const std::string& name) const { return describe(name, "ERROR", writeModelStatus); }
+
+std::string ModelBook::data(const std::string& name) const { return describe(name, "{}", writeModelData); }
 
 std::string ModelBook::nextChanged() {
     std::lock_guard<std::mutex> lock(m_mutex);

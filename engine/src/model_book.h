@@ -53,6 +53,9 @@ public:
     int load(const std::string& dir);
 
 private:
+    using ModelWriter = void (*)(JsonWriter&, const BehaviourModel&, unsigned);
+    // One model by name (unknownName when there is none), or all of them.
+    std::string describe(const std::string& name, const char* unknownName, ModelWriter write) const;
     BehaviourModel* findOwner(unsigned long long pid, const std::string& actorPath);
 
     mutable std::mutex m_mutex;
