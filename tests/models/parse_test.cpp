@@ -48,14 +48,4 @@ TEST(ParseTest, StartElementsCarryOverWhatTheyLeaveOut) {
     EXPECT_TRUE(input.models[2].port.empty());
 }
 
-TEST(ParseTest, NameFormTakesFlagsAndASortedSetOfNames) {
-    task_input_st input;
-    ASSERT_EQ(parse(R"({"opr_code":103,"data":{"study_time":65536,"re_study":true,"model_switch":1,
-        "list":["web","app",5,"web"]}})", input), 0);
-    EXPECT_EQ(input.study_time, 65536);
-    EXPECT_TRUE(input.re_study);
-    EXPECT_FALSE(input.model_switch);
-    EXPECT_EQ(input.model_names, (std::set<std::string>{"app", "web"}));
-}
-
 }  // namespace

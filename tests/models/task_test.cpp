@@ -1,8 +1,5 @@
 // Start, interact and delete commands against a scripted engine.
-#include <unistd.h>
-
 #include "models_fixture.h"
-#include "vrccl_action.h"
 #include "whitelist_api.h"
 
 namespace {
@@ -14,10 +11,9 @@ using models_double::script;
 
 class TaskTest : public ModelsTest {
 protected:
-    int start(Engine engine, const std::string& list) {
-        JsonPtr root = parse_json(R"({"opr_code":)" + std::string(engine == Engine::Base ? "1" : "101") +
-                                  R"(,"data":{"list":)" + list + "}}");
-        return engine == Engine::Base ? whitelist_base_task_start(root.get()) : whitelist_rasp_task_start(root.get());
+    int start(const std::string& list) {
+        JsonPtr root = parse_json(R"({"opr_code":1,"data":{"list":)" + list + "}}");
+        return whitelist_base_task_start(root.get());
     }
     int command(int (*fn)(int, cJSON*), int opr, const std::string& data) {
         JsonPtr root = parse_json(R"({"opr_code":)" + std::to_string(opr) + R"(,"data":)" + data + "}");
@@ -30,7 +26,7 @@ protected:
 
 TEST_F(TaskTest, StartWithTheSecondAndFourthRefused) {
     script(Engine::Base).init_results = {true, false, true, false};
-    EXPECT_EQ(start(Engine::Base, R"([{"model_name":"a","study_times":5,"port":[80]},
+    EXPECT_EQ(start(R"([{"model_name":"a","study_times":5,"port":[80]},
                                      {"model_name":"b"},{"model_name":"c"},{"model_name":"d"}])"), -1);
     EXPECT_EQ(model_names(*g_model_array), (std::vector<std::string>{"a", "c"}));
     EXPECT_EQ(ini_value(base_catalogue(), "baseengine", "count"), "2");
@@ -40,28 +36,6 @@ TEST_F(TaskTest, StartWithTheSecondAndFourthRefused) {
     // The code printed is the result so far.
     EXPECT_TRUE(m_log.contains("model b init fail, code 0", 2)) << m_log.dump();
     EXPECT_TRUE(m_log.contains("model d init fail, code -1", 2)) << m_log.dump();
-}
-
-TEST_F(TaskTest, StartOfAModelThatIsNotRunningStillSavesItsFullStudyTime) {
-    EXPECT_EQ(start(Engine::Rasp, R"([{"model_name":"web","study_times":70000,"port":[8080]}])"), 0);
-    auto inits = engine_calls(Engine::Rasp, "initModel");
-    ASSERT_EQ(inits.size(), 1u);
-    EXPECT_EQ(inits[0].input.oprType, USR_OPR_SWITCH);
-    EXPECT_EQ(inits[0].input.switchValue, USR_SWITCH_NOT_RUNNING);
-    EXPECT_EQ(inits[0].input.learnTime, 4464);
-    EXPECT_EQ(ini_value(rasp_catalogue(), "model_0", "study_time"), "70000");
-}
-
-TEST_F(TaskTest, BaseStartTellsTheCollectorNewIdsOnce) {
-    models_double::set_asset(5, R"({"list":[{"port":"80","process_id":")" + std::to_string(getpid()) + R"("}]})");
-    (*g_model_pid)[7] = true;
-    ASSERT_EQ(start(Engine::Base, R"([{"model_name":"web","port":[80]},{"model_name":"web2"}])"), 0);
-    ASSERT_EQ(models_double::subscriptions().size(), 1u);
-    EXPECT_EQ(models_double::subscriptions()[0].action, VRCCL_ACTION_ADD_PID);
-    EXPECT_EQ(models_double::subscriptions()[0].id, getpid());
-    EXPECT_EQ(models_double::subscriptions()[0].reserved, -1);
-    // Enters unmarked; what was there stays as it was.
-    EXPECT_EQ(*g_model_pid, (std::map<unsigned long long, bool>{{7, true}, {getpid(), false}}));
 }
 
 TEST_F(TaskTest, InteractBuildsTheRecordFromTheOprArgument) {
@@ -119,18 +93,6 @@ TEST_F(TaskTest, DeleteOfTheEmptyNameWithMinusTwoEmptiesTheList) {
     EXPECT_EQ(command(whitelist_base_task_delete, 6, R"({"list":["web"]})"), -1);
     EXPECT_EQ(g_model_array->size(), 1u);
     EXPECT_EQ(ini_value(base_catalogue(), "baseengine", "count"), "<no file>");
-}
-
-TEST_F(TaskTest, AfterAFirstRemovalEveryLaterNameRewritesTheFile) {
-    add_models(*g_model_array, {"a", "b"});
-    // Spoil the file while the library handles the second name: only a
-    // rewrite for that name repairs it.
-    script(Engine::Base).on_interact = [this](const _USR_INPUT& input) {
-        if (input.modelName == "zzz") write_file("var/base/base_model.cfg", "[baseengine]\ncount=99\n");
-    };
-    EXPECT_EQ(command(whitelist_base_task_delete, 6, R"({"list":["a","zzz"]})"), 0);
-    EXPECT_EQ(ini_value(base_catalogue(), "baseengine", "count"), "1");
-    EXPECT_EQ(ini_value(base_catalogue(), "model_0", "model_name"), "b");
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #define WL_TESTS_MODELS_MODEL_LIBRARY_DOUBLE_H
 
 #include <deque>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,8 +25,6 @@ struct EngineScript {
     std::deque<bool> init_results;  // then true
     std::deque<int> interact_results;  // then 0
     std::deque<bool> alarm_results;  // then true
-    // Runs inside each interactModel, before the result is given.
-    std::function<void(const _USR_INPUT&)> on_interact;
 };
 
 void reset_engines();
