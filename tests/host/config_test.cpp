@@ -59,7 +59,6 @@ TEST_F(HostTest, ReplySwitchesTheTimers) {
         {"[" + entry + "\"1\"}]", 0, {}},
         // The last entry wins.
         {"[" + entry + "1}," + entry + "0}]", 0, {on[0], on[1], off[0], off[1]}},
-        {R"([{"module_type":"white_list_module_x","switch_status":1}])", 0, {}},
         {entry + "1}", 0, {}},
         {"[" + entry + "1}]", -1, {}},
     };

@@ -16,10 +16,6 @@ protected:
         g_whitelist_context.base_engine_on = 1;
         g_whitelist_context.asset_ready = 1;
     }
-
-    static unsigned int push(const std::string& msg) {
-        return whitelist_task_push_fn(0, 0, msg.c_str(), static_cast<unsigned int>(msg.size()));
-    }
 };
 
 TEST_F(HostDispatchTest, CommandsThatReachNoHandler) {
@@ -34,16 +30,11 @@ TEST_F(HostDispatchTest, CommandsThatReachNoHandler) {
     const unsigned int failed = WL_ERR_FAILED;
     const Case cases[] = {
         {nullptr, 10, 1, 1, WL_ERR_INVALID_PARAM, "ipc task push invalid parameter msg", 2},
-        {R"({"opr_code":2})", 0, 1, 1, WL_ERR_INVALID_PARAM, "ipc task push invalid parameter msg", 2},
         {"{\"opr_code\":", -1, 1, 1, failed, "json parse error", 1},
-        {R"({"model_name":"m"})", -1, 1, 1, failed, "invalid json type", 1},
         {R"({"opr_code":"2"})", -1, 1, 1, failed, "invalid json type", 1},
-        {R"([{"opr_code":2}])", -1, 1, 1, failed, "invalid json type", 1},
         {R"({"opr_code":2})", -1, 0, 1, failed, "The engine is shut down and does not accept operations", 3},
         {R"({"opr_code":0})", -1, 0, 1, 0, "invalid opr code 0", 3},
         {R"({"opr_code":1})", -1, 1, 0, failed, "The start cmd needs to wait for the asset to be ready", 2},
-        {R"({"opr_code":101})", -1, 1, 0, failed, "The start cmd needs to wait for the asset to be ready", 2},
-        {R"({"opr_code":8})", -1, 1, 1, 0, "invalid opr code 8", 3},
         {R"({"opr_code":107})", -1, 1, 1, 0, "invalid opr code 107", 3},
         // Above 106 when taken as unsigned.
         {R"({"opr_code":-1})", -1, 1, 1, 0, "invalid opr code -1", 3},
@@ -77,7 +68,8 @@ TEST_F(HostDispatchTest, EachCodeReachesItsHandler) {
             host_doubles::reset();
             host_doubles::state().handler_results[handler] = handler_result;
             unsigned int expected = handler_result == 0 ? 0u : WL_ERR_FAILED;
-            EXPECT_EQ(push(R"({"opr_code":)" + std::to_string(c.first) + "}"), expected);
+            std::string msg = R"({"opr_code":)" + std::to_string(c.first) + "}";
+            EXPECT_EQ(whitelist_task_push_fn(0, 0, msg.c_str(), static_cast<unsigned int>(msg.size())), expected);
             EXPECT_EQ(calls(), std::vector<std::string>{c.second});
         }
     }

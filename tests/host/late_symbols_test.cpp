@@ -4,8 +4,6 @@
 // third.
 #include <dlfcn.h>
 
-#include <cjson/cJSON.h>
-
 #include "agent_symbols.h"
 #include "host_fixture.h"
 #include "orv_sync.h"
@@ -63,11 +61,8 @@ TEST_F(HostLateSymbolsTest, MissingThenFound) {
     ASSERT_EQ(whitelist_upload_data(R"({"a":1})", 0), 0) << m_log.dump();
     auto uploads = agent_symbols::uploads();
     ASSERT_EQ(uploads.size(), 1u);
-    cJSON* envelope = cJSON_Parse(uploads[0].text.c_str());
-    ASSERT_NE(envelope, nullptr);
-    EXPECT_STREQ(cJSON_GetObjectItemCaseSensitive(envelope, "seq_id")->valuestring, "77");
-    EXPECT_STREQ(cJSON_GetObjectItemCaseSensitive(envelope, "host_uuid")->valuestring, "late-uuid");
-    cJSON_Delete(envelope);
+    EXPECT_NE(uploads[0].text.find(R"("host_uuid":"late-uuid")"), std::string::npos) << uploads[0].text;
+    EXPECT_NE(uploads[0].text.find(R"("seq_id":"77")"), std::string::npos) << uploads[0].text;
 
     ASSERT_TRUE(agent_symbols::set_module_switch(1, 0));
     host_doubles::state().calls.clear();

@@ -29,17 +29,11 @@ struct Request {
 struct State {
     // Script: results the doubles return.
     int event_init_result = 0;
-    int mutex_init_result = 0;  // non-zero: orv_mutex_init fails with it, else the real one runs
-    int reg_ipc_handler_result = 0;
-    int task_reg_fails = 0;
-    int ipc_create_fails = 0;
     int addr_create_fails = 0;
     int msg_recv_result = 0;
     std::deque<int> vrccl_init_results;  // in order; then vrccl_init_default
     int vrccl_init_default = 0;
     bool run_thread = false;  // the thread function really runs (joined by reset)
-    int msgbus_init_result = 1;
-    int rasp_handler_result = 0;
     int init_engine_result = 0;  // on 0 sets base_engine_on, as the real one does
     std::function<int(int kind, int call)> asset_state = [](int, int) { return 1; };
     std::map<std::string, int> handler_results;  // model-command results by name
