@@ -25,10 +25,8 @@ public:
         return *reinterpret_cast<T*>(m_bytes.data());
     }
 
-    void putU16(std::size_t offset, uint16_t value) { put(offset, &value, sizeof(value)); }
-    void putU32(std::size_t offset, uint32_t value) { put(offset, &value, sizeof(value)); }
-    void putI32(std::size_t offset, int32_t value) { put(offset, &value, sizeof(value)); }
-    void putU64(std::size_t offset, uint64_t value) { put(offset, &value, sizeof(value)); }
+    template <typename T>
+    void putAt(std::size_t offset, T value) { put(offset, &value, sizeof(value)); }
     void putNarrow(std::size_t offset, const std::string& text) { put(offset, text.c_str(), text.size() + 1); }
     // A stored text: each byte sign-extended to a wide element.
     void putWideChars(std::size_t offset, const std::string& text) {
@@ -53,18 +51,5 @@ inline uint64_t u64(wl_u64 value) { return value; }
 
 // Too large for comfort on a stack.
 inline std::unique_ptr<_BASE_EVENTINFO> clearedRecord() { return std::make_unique<_BASE_EVENTINFO>(); }
-
-// "" when equal, else the first differing offset with both bytes.
-inline std::string firstDifference(const void* actual, const void* expected, std::size_t size) {
-    const auto* a = static_cast<const unsigned char*>(actual);
-    const auto* e = static_cast<const unsigned char*>(expected);
-    for (std::size_t i = 0; i < size; ++i) {
-        if (a[i] != e[i]) {
-            return "first difference at offset " + std::to_string(i) + ": actual " + std::to_string(a[i]) +
-                   ", expected " + std::to_string(e[i]);
-        }
-    }
-    return "";
-}
 
 #endif
