@@ -63,12 +63,3 @@ TEST_F(BusPathTest, CollectorRecordBecomesAnAlarm) {
     EXPECT_EQ(6, seen[0].eventType);
     EXPECT_EQ("{\"shell\":1}", recorders::uploads(WL_REPORT_ALARM)[0].text);
 }
-
-TEST_F(BusPathTest, TelemetryTextBecomesARaspAlarm) {
-    Library::instance().queueVerdict(Engine::Rasp, {0, 0, 0, "FILTER_PEROID"});
-    transmit_rasp_data("{\"data\":{\"data\":{\"action\":\"execute\",\"data\":\"/bin/sh -c id\"}}}");
-    ASSERT_TRUE(waitUntil([] { return !recorders::uploads(WL_REPORT_RASP_ALARM).empty(); })) << m_log.dump();
-    std::vector<fake_model::Call> seen = Library::instance().calls(Engine::Rasp, "processEvent");
-    ASSERT_EQ(1u, seen.size());
-    EXPECT_EQ(2, seen[0].eventType) << "the execute action";
-}

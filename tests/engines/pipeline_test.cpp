@@ -85,7 +85,6 @@ INSTANTIATE_TEST_SUITE_P(
                 false},
         Outcome{"AllZeroResultIsBlack", Engine::Base, 6, {0, 0, 0, ""}, false, true, false},
         Outcome{"UndecidedInFilterPeriodIsDelayed", Engine::Base, 6, kDelay, false, false, true},
-        Outcome{"GateTwoEnds", Engine::Base, 6, kEnds, false, false, false},
         Outcome{"ProcessCreationIsNeverDelayed", Engine::Base, 1, {0, 0, 1, "FILTER_PEROID"}, false, false, false},
         Outcome{"PeriodIsComparedExactly", Engine::Base, 6, {0, 0, 1, "FILTER_PEROID "}, false, false, false},
         Outcome{"RaspOriginLogWhileLearning", Engine::Rasp, 0, {1, 0, 0, "LEARN_PEROID"}, true, false, false},

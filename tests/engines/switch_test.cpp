@@ -131,24 +131,6 @@ TEST_F(SwitchTest, TimerGroupsStopAtTheFirstFailureAndTestTheFieldsTheyTest) {
     EXPECT_EQ(1, recorders::journalCount("whitelist_base_update_open_process"));
 }
 
-TEST_F(SwitchTest, TimersAreSafeToRepeatAndStartAnew) {
-    LogCapture log;
-    for (int round = 0; round < 2; ++round) {
-        init_whitelist_timer(&g_whitelist_context);
-        init_whitelist_rasp_timer(&g_whitelist_context);
-    }
-    EXPECT_EQ(4, recorders::journalCount("timer start")) << "a running timer isn't started twice";
-    for (int round = 0; round < 2; ++round) {
-        uninit_whitelist_timer(&g_whitelist_context);
-        uninit_whitelist_rasp_timer(&g_whitelist_context);
-    }
-    EXPECT_EQ(4, recorders::journalCount("timer close")) << "a stopped timer isn't closed twice";
-    EXPECT_EQ(2, log.count("uninit whitelist timer suc.", 3));
-    EXPECT_EQ(2, log.count("uninit rasp timer suc.", 3));
-    init_whitelist_timer(&g_whitelist_context);
-    EXPECT_EQ(6, recorders::journalCount("timer start")) << "switched on again, the timers start anew";
-}
-
 class DumpPathTest : public EngineTest {
 protected:
     void SetUp() override {
@@ -190,20 +172,6 @@ TEST_F(DumpPathTest, ExactlyTheLimitStaysOneByteMoreEmptiesTheDirectoryButKeepsS
     EXPECT_EQ(2, log.count("remove path ", 3));
     EXPECT_EQ(-1, check_dump_path(path("nowhere").c_str()));
     EXPECT_TRUE(log.contains("open dump_path[" + path("nowhere") + "] failed.", 1));
-}
-
-TEST_F(DumpPathTest, SymbolicLinkCountsWithItsOwnSize) {
-    // The target lies outside and is large; the link itself is a few bytes.
-    std::string outside = path("big.bin");
-    sparse(outside, WL_ORIGIN_LOG_LIMIT + 10);
-    std::filesystem::create_symlink(outside, m_dir + "/link");
-    sparse(m_dir + "/a.log", WL_ORIGIN_LOG_LIMIT - static_cast<long long>(outside.size()));
-    EXPECT_EQ(0, check_dump_path(m_dir.c_str()));
-    EXPECT_EQ(2u, files()) << "link size + file equals the limit exactly";
-    sparse(m_dir + "/b.log", 1);
-    EXPECT_EQ(0, check_dump_path(m_dir.c_str()));
-    EXPECT_EQ(0u, files());
-    EXPECT_TRUE(std::filesystem::exists(outside)) << "removing a link leaves its target";
 }
 
 TEST_F(EngineTest, ReloadAnnouncesEveryKnownProcessAgain) {

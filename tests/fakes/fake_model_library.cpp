@@ -76,14 +76,6 @@ void record(const Call& call) {
 
 void fill(Call&, std::nullptr_t) {}
 
-void fill(Call& call, const _USR_INPUT* input) {
-    if (input == nullptr) return;
-    call.oprType = input->oprType;
-    call.modelName = input->modelName;
-    call.learnTime = input->learnTime;
-    call.switchValue = input->switchValue;
-}
-
 void fill(Call& call, const _BASE_EVENTINFO* event) {
     call.eventType = event->event_type;
     call.delayGate = event->delay_gate;
@@ -132,8 +124,8 @@ public:
     std::string getModelData(std::string name) override { return run("getModelData", name); }
     std::string getModelStatus(std::string name) override { return run("getModelStatus", name); }
     std::string getChangedModel() override { return run("getChangedModel"); }
-    bool initModel(_USR_INPUT* input) override { return number(run("initModel", "", input)) != 0; }
-    int interactModel(_USR_INPUT* input) override { return number(run("interactModel", "", input)); }
+    bool initModel(_USR_INPUT*) override { return number(run("initModel")) != 0; }
+    int interactModel(_USR_INPUT*) override { return number(run("interactModel")); }
     int elapseTime(int seconds, int) override { return number(run("elapseTime", "", nullptr, seconds)); }
     int processEvent(Event& event) override {
         int result = number(run("processEvent", "", &event));

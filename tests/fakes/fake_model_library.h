@@ -24,11 +24,6 @@ struct Call {
     std::string text;  // path, model name or the empty name for "all models"
     int first;         // elapseTime's seconds, getBlackLog's flag
     int object;        // serial number of the library object
-    // _USR_INPUT of initModel / interactModel.
-    int oprType = 0;
-    std::string modelName;
-    unsigned learnTime = 0;
-    unsigned switchValue = 0;
     // The event as the library received it.
     int eventType = 0;
     int delayGate = 0;
