@@ -16,30 +16,27 @@ rapidjson::Document parsed(const char* json) {
     return doc;
 }
 
-TEST(TransformerGetJsonInt, ReadsIntegersAndTheTextAfterTheLastColon) {
-    const std::pair<const char*, uint64_t> cases[] = {
-        {"443", 443},
-        {"18446744073709551615", 18446744073709551615ULL},  // integers keep all 64 bits
-        {"-1", 0},
-        {"\"10.0.0.1:8080\"", 8080},
-        {"\"-1\"", 4294967295ULL},          // strtoul wraps a negative text
-        {"\"4294967296\"", 4294967295ULL},  // texts are 32-bit: beyond saturates
+TEST(TransformerJsonReaders, IntegersAndTextsWithTheirEdges) {
+    struct Case {
+        const char* json;
+        uint64_t asInt;
+        const char* asString;
     };
-    for (const auto& [json, expected] : cases) {
-        rapidjson::Document doc = parsed(json);
-        EXPECT_EQ(getJsonInt(&doc), expected) << json;
-    }
-}
-
-TEST(TransformerGetJsonString, ReadsTextsAndPrintsLow32BitsSigned) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"\"plain\"", "plain"}, {"\"a\\u0000b\"", "a"},  // up to the first zero byte
-        {"8080", "8080"},       {"4294967295", "-1"},
-        {"-5", ""},
+    const Case cases[] = {
+        {"443", 443, "443"},
+        {"18446744073709551615", 18446744073709551615ULL, "-1"},  // integers keep 64 bits, print the low 32 signed
+        {"4294967296", 4294967296ULL, "0"},
+        {"-1", 0, ""},
+        {"true", 0, ""},
+        {"\"10.0.0.1:8080\"", 8080, "10.0.0.1:8080"},  // after the last colon
+        {"\"-1\"", 4294967295ULL, "-1"},                  // strtoul wraps a negative text
+        {"\"4294967296\"", 4294967295ULL, "4294967296"},  // texts are 32-bit: beyond saturates
+        {"\"a\\u0000b\"", 0, "a"},                      // up to the first zero byte
     };
-    for (const auto& [json, expected] : cases) {
-        rapidjson::Document doc = parsed(json);
-        EXPECT_EQ(getJsonString(&doc), expected) << json;
+    for (const Case& c : cases) {
+        rapidjson::Document doc = parsed(c.json);
+        EXPECT_EQ(getJsonInt(&doc), c.asInt) << c.json;
+        EXPECT_EQ(getJsonString(&doc), c.asString) << c.json;
     }
 }
 
