@@ -1,5 +1,5 @@
-// Both plug-ins of the module on the real bus library: what a source hands
-// to the publisher arrives in the engines' queues.
+// The real bus library: what a source hands to the publisher arrives in the
+// engines' queues, and a plug-in may leave the bus from its own delivery.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -53,19 +53,39 @@ TEST_P(BusRoundTripTest, TelemetryTextAndCollectorRecordReachTheirQueues) {
     EXPECT_EQ(record.detail.process.process_id, 321u);
 }
 
-TEST_P(BusRoundTripTest, CollectorOfflineFromAnotherPlugin) {
-    TestPlugin collector(0x55, {});
+// Leaves the bus from inside its own delivery.
+class SelfRemovingPlugin : public TestPlugin {
+public:
+    explicit SelfRemovingPlugin(MbFrame::IRtmFrame* frame) : TestPlugin(0x5a, {700}), m_frame(frame) {}
+    int OnEvent(MbFrame::IEvent* event, _RESPONSE_STATUS* status) override {
+        const int result = TestPlugin::OnEvent(event, status);
+        m_frame->Unadvise(id());
+        return result;
+    }
+
+private:
+    MbFrame::IRtmFrame* m_frame;
+};
+
+TEST_P(BusRoundTripTest, UnadviseFromInsideOnEventDoesNotWaitForItself) {
     MbFrame::IRtmFrame* frame = m_bus.newFrame();
     ASSERT_NE(frame, nullptr);
-    ASSERT_EQ(frame->Advise(&collector, 1), 0);
-    _RESPONSE_APP_REQUEST_INFO* native = nullptr;
-    EventTrace::CBaseEvent* event = EventTrace::CBaseEvent::New(native);
-    ASSERT_NE(event, nullptr);
-    mb_set_event_id(*native, 1022);
-    EXPECT_EQ(collector.dispatch()->Invoke(event), 0);
-    EXPECT_EQ(orv_event_timedwait(g_vr_event, 5000, 0), 0);
-    event->Release();
-    EXPECT_EQ(frame->Unadvise(collector.id()), 0);
+    SelfRemovingPlugin leaving(frame);
+    TestPlugin observer(0x5b, {700});
+    ASSERT_EQ(frame->Advise(&leaving, 1), 0);
+    ASSERT_EQ(frame->Advise(&observer, 1), 0);
+    for (int i = 1; i <= 2; ++i) {
+        _RESPONSE_APP_REQUEST_INFO* native = nullptr;
+        EventTrace::CBaseEvent* event = EventTrace::CBaseEvent::New(native);
+        ASSERT_NE(event, nullptr);
+        mb_set_event_id(*native, 700);
+        EXPECT_EQ(observer.dispatch()->Invoke(event), 0);
+        event->Release();  // the bus keeps its own reference
+        ASSERT_TRUE(waitUntil([&] { return observer.m_received.load() == i; }));
+    }
+    EXPECT_EQ(leaving.m_received.load(), 1);
+    EXPECT_EQ(leaving.m_unadvised.load(), 1);
+    EXPECT_EQ(frame->GetPluginCount(), 1u);
     EXPECT_EQ(frame->Release(), 0);
 }
 
