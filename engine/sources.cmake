@@ -14,7 +14,7 @@ add_library(baseeng SHARED
   src/rasp_model_engine.cpp
   src/factories.cpp)
 target_include_directories(baseeng
-  PUBLIC ${CMAKE_SOURCE_DIR}/module/libbase
+  PUBLIC ${CMAKE_SOURCE_DIR}/module/libbase ${CMAKE_SOURCE_DIR}/platform/include
   PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/platform/include)
 target_link_libraries(baseeng PRIVATE wl_rapidjson Threads::Threads)
 if(TARGET kembase)

@@ -5,19 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// The collector's record. Only type, size and the payload are read; the rest
-// belongs to the collector.
-struct action_collector_msg {
-    unsigned char header[264];
-    int32_t type;  // published as the event's sub_type
-    uint32_t reserved0;
-    uint32_t size;  // bytes of payload
-    uint32_t reserved1;
-    unsigned char payload[1];  // size bytes from here on
-};
-static_assert(offsetof(action_collector_msg, type) == 264, "action type at byte 264");
-static_assert(offsetof(action_collector_msg, size) == 272, "payload size at byte 272");
-static_assert(offsetof(action_collector_msg, payload) == 280, "payload at byte 280");
+#include "vrccl_action.h"
 
 typedef void (*wl_rasp_callback)(const char* text);
 
