@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 
 #include "asset_lists.h"
 #include "cl_ev.h"
+#include "collector_supervisor.h"
 #include "config_centre.h"
 #include "dirutils.h"
 #include "host_identity.h"
@@ -34,6 +36,8 @@ struct Options {
     bool centreOn = true;      // config centre's answer
     int assetInterval = 60;
     int runSeconds = 0;        // 0: until a signal
+    bool collector = true;
+    std::string collectorBackend = "auto";
 };
 
 void usage() {
@@ -46,6 +50,9 @@ void usage() {
         "  --centre-off        the config centre answers switch_status 0 (timers off)\n"
         "  --asset-interval S  seconds between asset scans (default 60)\n"
         "  --run-seconds N     stop after N seconds (default: run until SIGINT/SIGTERM)\n"
+        "  --no-collector      do not start the action collector <root>/vr_agent/wl-collector\n"
+        "  --collector-backend auto|ebpf|portable\n"
+        "                      the collector's capture back-end (default auto)\n"
         "Signals: SIGUSR1 flips the config centre's switch and notifies the module.\n");
 }
 
@@ -75,6 +82,16 @@ bool parse(int argc, char** argv, Options& o) {
             const char* v = next("--run-seconds");
             if (!v) return false;
             o.runSeconds = std::atoi(v);
+        } else if (a == "--collector-backend") {
+            const char* v = next("--collector-backend");
+            if (!v) return false;
+            if (!wlagent::isCollectorBackend(v)) {
+                std::fprintf(stderr, "wl-agent: --collector-backend must be auto, ebpf or portable, not %s\n", v);
+                return false;
+            }
+            o.collectorBackend = v;
+        } else if (a == "--no-collector") {
+            o.collector = false;
         } else if (a == "--print-reports") {
             o.printReports = true;
         } else if (a == "--module-off") {
@@ -94,6 +111,11 @@ bool parse(int argc, char** argv, Options& o) {
 }
 
 void onStop(int) { g_stop = 1; }
+
+void say(const std::string& line) {
+    std::printf("wl-agent: %s\n", line.c_str());
+    std::fflush(stdout);
+}
 void onFlip(int) { g_flipSwitch = 1; }
 
 }  // namespace
@@ -122,6 +144,16 @@ int main(int argc, char** argv) {
     wlagent::ConfigCentre centre(opt.centreOn);
     problem = centre.start();
     if (!problem.empty()) std::fprintf(stderr, "wl-agent: %s; the module keeps its timers as started\n", problem.c_str());
+
+    // Started before the module, which gives the collector a minute to answer.
+    wlagent::SystemProcessControl processes;
+    wlagent::CollectorSupervisor collector(wlagent::collectorOptions(opt.root, opt.collectorBackend), processes,
+                                           [] { return std::chrono::steady_clock::now(); }, say);
+    if (opt.collector) {
+        collector.start();
+    } else {
+        say("collector not started (--no-collector): running without host events");
+    }
 
     int ports = wlagent::collectAndPublishAssets();
     std::printf("wl-agent: asset lists published (%d listening ports)\n", ports);
@@ -161,11 +193,13 @@ int main(int argc, char** argv) {
             wlagent::collectAndPublishAssets();
             lastScan = now;
         }
+        collector.poll();
         if (opt.runSeconds > 0 && now - started >= opt.runSeconds) break;
         usleep(200000);
     }
     std::printf("wl-agent: stopping\n");
     std::fflush(stdout);
+    collector.stop();
     // The module has no stop: leave the process without unloading it.
     std::_Exit(0);
 }

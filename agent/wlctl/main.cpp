@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "collector_client.h"
+#include "collector_status.h"
 #include "task_client.h"
 
 namespace {
@@ -24,6 +26,7 @@ void usage() {
         "  delete NAME...                   delete models (a name matches as a prefix)\n"
         "  upload-logs                      hand the origin logs to the upload service\n"
         "  telemetry JSON                   send one runtime-application telemetry line\n"
+        "  collector [--json]               the action collector's back-end, watched pids and counters\n"
         "Add --rasp before start/query/relearn/study/switch/delete/upload-logs for the\n"
         "runtime-application engine. The root defaults to the tree wlctl was built into.\n");
 }
@@ -56,6 +59,23 @@ std::string command(int opr, const std::string& data) {
     return "{\"opr_code\":" + std::to_string(opr) + ",\"data\":" + data + "}";
 }
 
+int showCollector(const std::string& root, bool json) {
+    const std::string socket = root + "/var/run/vrccl.sock";
+    wlctl::CollectorReply reply = wlctl::queryCollector(socket, 3000);
+    if (!reply.error.empty()) {
+        std::fprintf(stderr, "wlctl: %s\n", reply.error.c_str());
+        return 1;
+    }
+    if (json) {
+        std::printf("%s\n", reply.statusJson.c_str());
+        return 0;
+    }
+    std::string text;
+    bool readable = wlctl::formatCollectorStatus(reply, text);
+    std::fprintf(readable ? stdout : stderr, readable ? "%s" : "wlctl: %s\n", text.c_str());
+    return readable ? 0 : 1;
+}
+
 bool isNumber(const std::string& s) { return !s.empty() && s.find_first_not_of("0123456789") == std::string::npos; }
 
 }  // namespace
@@ -85,7 +105,13 @@ int main(int argc, char** argv) {
     std::vector<std::string> rest(args.begin() + 1, args.end());
     std::string json;
 
-    if (verb == "telemetry") {
+    if (verb == "collector") {
+        if (rest.size() > 1 || (rest.size() == 1 && rest[0] != "--json")) {
+            usage();
+            return 2;
+        }
+        return showCollector(root, !rest.empty());
+    } else if (verb == "telemetry") {
         if (rest.size() != 1) {
             usage();
             return 2;

@@ -1,7 +1,5 @@
-/* Control and read-back of the scriptable action-collector channel, for
- * tests. Every call is recorded; 260 adds to the filter and 259 removes,
- * whether or not the channel is up (up: after an init that returned 0 and
- * until the next free), so tests of callers need no init. */
+/* Test hooks of the collector client library libvrccl_ori: its counters and
+ * its time limits. The agent never calls them. */
 #ifndef VRCCL_CONTROL_H
 #define VRCCL_CONTROL_H
 
@@ -9,28 +7,24 @@
 extern "C" {
 #endif
 
-/* The next count init calls return these in turn; later ones return 0. */
-void vrccl_control_set_init_results(const int* results, int count);
-/* Back to the start: no script, no calls recorded, empty filter, down. */
+typedef struct vrccl_counters {
+    unsigned long long delivered;         /* records handed to transmit_action_data */
+    unsigned long long undeliverable;     /* records dropped: no transmit_action_data */
+    unsigned long long lost;              /* records missing from the sequence */
+    unsigned long long protocol_errors;   /* connections cut for a malformed frame */
+    unsigned long long drops;             /* connections that ended unexpectedly */
+    unsigned long long offline_published; /* bus events 1022 handed to the bus */
+} vrccl_counters;
+
+/* Totals since the library was loaded or last reset. */
+void vrccl_control_counters(vrccl_counters* out);
+/* Counters to zero; time limits and receiver back to their defaults. Takes
+ * effect for connections made afterwards. */
 void vrccl_control_reset(void);
-
-int vrccl_control_init_calls(void);
-int vrccl_control_free_calls(void);
-/* Non-zero while the channel is up. */
-int vrccl_control_is_up(void);
-
-typedef struct vrccl_subscribe_call {
-    int action;
-    int id;
-    int reserved;
-} vrccl_subscribe_call;
-
-/* The subscribe calls in order; copies at most max, returns how many were
- * made. */
-int vrccl_control_subscribe_calls(vrccl_subscribe_call* calls, int max);
-/* The process ids in the filter, ascending; copies at most max, returns how
- * many there are. */
-int vrccl_control_filter(int* ids, int max);
+/* Milliseconds to connect, to wait for the greeting, to send a frame. */
+void vrccl_control_set_timeouts(int connect_ms, int hello_ms, int send_ms);
+/* The symbol records are handed to instead of transmit_action_data. */
+void vrccl_control_set_receiver(const char* symbol);
 
 #ifdef __cplusplus
 }
