@@ -4,6 +4,7 @@
 #ifndef WLC_CAPTURE_BACKEND_H
 #define WLC_CAPTURE_BACKEND_H
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -23,6 +24,8 @@ public:
 struct BackendCounters {
     uint64_t lostInKernel = 0;  // ring buffer full, or the kernel's queue overflowed
     uint64_t lostInBackend = 0; // seen but could not be decoded or read
+    // The kernel's losses by kind, where the back-end can tell them apart.
+    std::array<uint64_t, kEventKindCount> lostInKernelByKind{};
 };
 
 class CaptureBackend {

@@ -113,6 +113,8 @@ std::string statusJson(const std::string& backend, const std::vector<int32_t>& p
         w.Uint64(kinds[i].received);
         w.Key("sent");
         w.Uint64(kinds[i].sent);
+        w.Key("lost_kernel");
+        w.Uint64(backendCounters.lostInKernelByKind[i]);
         w.Key("lost_queue");
         w.Uint64(kinds[i].lostQueue);
         w.Key("lost_socket");

@@ -28,12 +28,11 @@ void writeFile(const std::string& path, const std::string& content) {
 class CollectorEnricher : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_root = ::testing::TempDir() + "/wlc-enrich-" + std::to_string(::getpid());
         for (const char* dir : {"", "/proc", "/work", "/work/sub", "/bin"}) ::mkdir((m_root + dir).c_str(), 0755);
         writeFile(m_root + "/bin/prog", "abc");
         writeFile(m_root + "/work/kept.txt", "x");
         ::chmod((m_root + "/work/kept.txt").c_str(), 0640);
-        addProcess(10, 11, "prog\0--x\0", m_root + "/work");
+        addProcess(10, 11, std::string("prog\0--x\0", 9), m_root + "/work");
         addProcess(11, 1, "shell\0", m_root);
     }
     void TearDown() override { ASSERT_EQ(std::system(("rm -rf " + m_root).c_str()), 0); }
@@ -59,7 +58,7 @@ protected:
         return e;
     }
 
-    std::string m_root;
+    std::string m_root = wlc::normalisePath(::testing::TempDir() + "/wlc-enrich-" + std::to_string(::getpid()));
     wlc::FileHasher m_hasher;
     wlc::ProcessTable m_processes{m_hasher, m_root + "/proc"};
     wlc::Enricher m_enricher{m_processes};
