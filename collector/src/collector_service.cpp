@@ -29,7 +29,15 @@ bool CollectorService::start(std::string& error) {
     }
     CaptureBackend& backend = *m_backend;
     ServerHooks hooks;
-    hooks.watch = [&backend](int32_t pid) { backend.watch(pid); };
+    hooks.watch = [this, &backend](int32_t pid) {
+        backend.watch(pid);
+        // Read what /proc tells of it now, on the enrichment thread, so its
+        // records still name it if it ends soon: a fork from itself.
+        HostEvent lookAhead;
+        lookAhead.kind = EventKind::Fork;
+        lookAhead.pid = lookAhead.ppid = pid;
+        m_queue.onEvent(std::move(lookAhead));
+    };
     hooks.unwatch = [&backend](int32_t pid) { backend.unwatch(pid); };
     hooks.status = [this](const std::vector<int32_t>& pids, std::size_t receivers) {
         return status(pids, receivers);
