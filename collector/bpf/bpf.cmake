@@ -3,6 +3,7 @@
 # relocates the object on the host where it runs.
 find_program(BPFTOOL NAMES bpftool PATHS /usr/sbin /sbin REQUIRED)
 find_program(BPF_CLANG NAMES clang clang-14 REQUIRED)
+find_program(BPF_STRIP NAMES llvm-strip-14 llvm-strip REQUIRED)
 set(WLC_BTF /sys/kernel/btf/vmlinux)
 if(NOT EXISTS ${WLC_BTF})
   message(FATAL_ERROR "collector: ${WLC_BTF} is missing; the eBPF program is built against this kernel's BTF")
@@ -17,6 +18,9 @@ add_custom_command(OUTPUT ${WLC_BPF_OUT}/collector.bpf.o
   COMMAND ${BPF_CLANG} -g -O2 -target bpf -D__TARGET_ARCH_x86 -Wall
           -I${WLC_BPF_OUT} -I${CMAKE_CURRENT_SOURCE_DIR}/bpf
           -c ${CMAKE_CURRENT_SOURCE_DIR}/bpf/collector.bpf.c -o ${WLC_BPF_OUT}/collector.bpf.o
+  # The DWARF goes (the program embeds in the binary); the BTF that CO-RE
+  # relocates by stays.
+  COMMAND ${BPF_STRIP} -g ${WLC_BPF_OUT}/collector.bpf.o
   DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/bpf/collector.bpf.c ${CMAKE_CURRENT_SOURCE_DIR}/bpf/collector_events.h
           ${WLC_BPF_OUT}/vmlinux.h
   COMMENT "eBPF object")

@@ -55,7 +55,6 @@ ProbeReport probeKernel() {
     report.items.push_back(check("ring buffer maps", libbpf_probe_bpf_map_type(BPF_MAP_TYPE_RINGBUF, nullptr) == 1));
     report.items.push_back(
         check("raw_tp programs", libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_RAW_TRACEPOINT, nullptr) == 1));
-    report.items.push_back(check("tp_btf programs", libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_TRACING, nullptr) == 1));
 
     NullSink sink;
     std::string error;
@@ -63,6 +62,9 @@ ProbeReport probeKernel() {
     bool ebpfRuns = root && ebpf->start(sink, error);
     if (ebpfRuns) ebpf->stop();
     if (!root) error = "not root";
+    // A tp_btf program needs a BTF target to load at all, so the real program
+    // is the probe of it.
+    report.items.push_back(check("tp_btf programs", ebpfRuns || libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_TRACING, nullptr) == 1));
     report.items.push_back(check("eBPF program loads and attaches", ebpfRuns, error));
     report.items.push_back(procConnector());
     report.items.push_back(fanotify());

@@ -149,15 +149,17 @@ TEST_F(CollectorServer, SubscriptionsAreSharedAcrossClientsAndEndWithThem) {
     startServer();
     {
         WireClient a(m_path), b(m_path);
+        // Each step is synced: the server reads connections in no set order.
         greeted(a).subscribe(VRCCL_ACTION_ADD_PID, 100);
         a.subscribe(VRCCL_ACTION_ADD_PID, 100);  // a repeat changes nothing
+        sync(a);
         greeted(b).subscribe(VRCCL_ACTION_ADD_PID, 100);
         b.subscribe(VRCCL_ACTION_ADD_PID, 200);
+        sync(b);
         a.subscribe(VRCCL_ACTION_DEL_PID, 100);  // b still has it
         a.subscribe(VRCCL_ACTION_DEL_PID, 300);  // never had it
         a.subscribe(999, 400);                   // not an action
         sync(a);
-        sync(b);
         EXPECT_EQ(m_server->subscribedPids(), (std::vector<int32_t>{100, 200}));
     }
     // b's disconnection withdraws what it held.
