@@ -60,7 +60,8 @@ _BASE_EVENTINFO throughModule(const ActionRecord& record) {
 }
 
 void expectActor(const _BASE_PROCESSES_INFO& p, const wlc::ProcessInfo& want) {
-    EXPECT_EQ(p.process_id, static_cast<uint64_t>(want.pid));
+    uint64_t pid = p.process_id;  // 4-byte aligned in the record: copied before it is bound to a reference
+    EXPECT_EQ(pid, static_cast<uint64_t>(want.pid));
     EXPECT_EQ(wide(p.process_path), want.path);
     EXPECT_EQ(wide(p.process_cmd_line), want.cmdline);
     EXPECT_EQ(wide(p.process_md5), want.md5);
@@ -82,7 +83,8 @@ TEST(CollectorRecords, EveryKindReachesTheModuleWithItsFields) {
         ActionRecord record = sample(c.kind);
         _BASE_EVENTINFO event = throughModule(record);
         EXPECT_EQ(event.event_type, c.eventType);
-        EXPECT_EQ(event.event_time, record.time);
+        uint64_t time = event.event_time;
+        EXPECT_EQ(time, record.time);
         switch (wlc::shapeOf(c.kind)) {
         case wlc::RecordShape::Process:
             expectActor(event.detail.process, record.process);
