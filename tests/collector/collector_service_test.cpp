@@ -23,65 +23,9 @@
 #include "record_json.h"
 #include "vrccl_action.h"
 #include "vrccl_wire.h"
+#include "wire_client.h"
 
 namespace {
-
-// Connects, checks the greeting, and reads records with a deadline.
-class Subscriber {
-public:
-    explicit Subscriber(const std::string& path) {
-        for (int i = 0; i < 200 && !m_fd.valid(); ++i) {
-            wlc::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-            sockaddr_un addr{};
-            addr.sun_family = AF_UNIX;
-            std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-            if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
-                m_fd = std::move(fd);
-            else
-                std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-        std::vector<uint8_t> hello;
-        EXPECT_EQ(next(hello), VRCCL_HELLO);
-    }
-    void subscribe(int32_t pid) {
-        struct {
-            vrccl_frame_head head;
-            vrccl_subscribe body;
-        } frame{{VRCCL_MAGIC, VRCCL_SUBSCRIBE, 0, sizeof(vrccl_subscribe)}, {VRCCL_ACTION_ADD_PID, pid, -1}};
-        ASSERT_EQ(::send(m_fd.get(), &frame, sizeof frame, MSG_NOSIGNAL), static_cast<ssize_t>(sizeof frame));
-    }
-    uint16_t next(std::vector<uint8_t>& body) {
-        vrccl_frame_head head{};
-        if (!read(&head, sizeof head)) return 0;
-        body.resize(head.length);
-        return head.length == 0 || read(body.data(), head.length) ? head.kind : 0;
-    }
-    // The payload of the next record of a sub_type, or nothing by the deadline.
-    std::vector<uint8_t> record(uint32_t subType) {
-        std::vector<uint8_t> body;
-        while (next(body) == VRCCL_RECORD) {
-            vrccl_record_head head;
-            std::memcpy(&head, body.data(), sizeof head);
-            if (head.sub_type == subType) return std::vector<uint8_t>(body.begin() + sizeof head, body.end());
-        }
-        return {};
-    }
-
-private:
-    bool read(void* out, std::size_t size) {
-        auto* p = static_cast<uint8_t*>(out);
-        while (size > 0) {
-            pollfd pfd{m_fd.get(), POLLIN, 0};
-            if (::poll(&pfd, 1, 10000) <= 0) return false;
-            ssize_t n = ::recv(m_fd.get(), p, size, 0);
-            if (n <= 0) return false;
-            p += n;
-            size -= static_cast<std::size_t>(n);
-        }
-        return true;
-    }
-    wlc::UniqueFd m_fd;
-};
 
 std::string scratchDir(const char* name) {
     std::string dir = wlc::normalisePath(::testing::TempDir() + "/" + name + "-" + std::to_string(::getpid()));
@@ -106,8 +50,10 @@ TEST(CollectorService, AWatchedFileCreationReachesTheClientAndTheRecording) {
         ::close(::open(target.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0640));
         ::_exit(::read(go[0], &byte, 1) == 1 ? 0 : 1);  // alive until its record is read
     }
-    Subscriber client(dir + "/vrccl.sock");
-    client.subscribe(child);
+    WireClient client(dir + "/vrccl.sock", 5000);
+    std::vector<uint8_t> hello;
+    ASSERT_EQ(client.next(hello), VRCCL_HELLO);
+    client.subscribe(VRCCL_ACTION_ADD_PID, child);
     for (int i = 0; i < 200 && !service.backend().isWatched(child); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_EQ(::write(go[1], "g", 1), 1);
@@ -157,8 +103,10 @@ TEST(CollectorService, ARecordingPlaysBackThroughTheProgramWithoutRoot) {
         ::_exit(127);
     }
     if (::geteuid() == 0) ::chmod(dir.c_str(), 0777);  // the unprivileged player makes its socket here
-    Subscriber client(dir + "/replay.sock");
-    client.subscribe(1);
+    WireClient client(dir + "/replay.sock", 5000);
+    std::vector<uint8_t> hello;
+    ASSERT_EQ(client.next(hello), VRCCL_HELLO);
+    client.subscribe(VRCCL_ACTION_ADD_PID, 1);
     for (const auto& r : records) {
         EXPECT_EQ(client.record(wlc::subTypeOf(r.kind)), wlc::encodeNative(r)) << wlc::eventName(r.kind);
     }

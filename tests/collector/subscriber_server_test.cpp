@@ -16,61 +16,11 @@
 #include "subscriber_server.h"
 #include "vrccl_action.h"
 #include "vrccl_wire.h"
+#include "wire_client.h"
 
 namespace {
 
 using wlc::EventKind;
-
-// A client speaking the wire protocol, with a deadline on every read.
-class WireClient {
-public:
-    explicit WireClient(const std::string& path) : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-        m_connected = ::connect(m_fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    }
-    bool connected() const { return m_connected; }
-
-    // announced: the length the head claims, when it is not the body's.
-    void send(uint16_t kind, const void* body, uint32_t length, uint32_t magic = VRCCL_MAGIC,
-              int64_t announced = -1) {
-        vrccl_frame_head head{magic, kind, 0, announced < 0 ? length : static_cast<uint32_t>(announced)};
-        std::vector<uint8_t> bytes(sizeof head + length);
-        std::memcpy(bytes.data(), &head, sizeof head);
-        if (length) std::memcpy(bytes.data() + sizeof head, body, length);
-        ASSERT_EQ(::send(m_fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-    }
-    void subscribe(int32_t action, int32_t pid) {
-        vrccl_subscribe s{action, pid, -1};
-        send(VRCCL_SUBSCRIBE, &s, sizeof s);
-    }
-    // The next frame's kind and body; kind 0 at end of stream or time-out.
-    uint16_t next(std::vector<uint8_t>& body, int timeoutMs = 3000) {
-        vrccl_frame_head head{};
-        if (!readExactly(&head, sizeof head, timeoutMs)) return 0;
-        body.resize(head.length);
-        if (head.length && !readExactly(body.data(), head.length, timeoutMs)) return 0;
-        return head.kind;
-    }
-
-private:
-    bool readExactly(void* out, std::size_t size, int timeoutMs) {
-        auto* p = static_cast<uint8_t*>(out);
-        while (size > 0) {
-            pollfd pfd{m_fd.get(), POLLIN, 0};
-            if (::poll(&pfd, 1, timeoutMs) <= 0) return false;
-            ssize_t n = ::recv(m_fd.get(), p, size, 0);
-            if (n <= 0) return false;
-            p += n;
-            size -= static_cast<std::size_t>(n);
-        }
-        return true;
-    }
-
-    wlc::UniqueFd m_fd;
-    bool m_connected = false;
-};
 
 class CollectorServer : public ::testing::Test {
 protected:
