@@ -85,7 +85,7 @@ AssetLists buildAssetLists(const std::vector<ProcessInfo>& processes, const std:
     return out;
 }
 
-int collectAndPublishAssets() {
+int collectAndPublishAssets(std::string* openPorts) {
     auto processes = scanProcesses();
     auto sockets = scanListeningSockets();
     auto lists = buildAssetLists(processes, sockets, mapSocketOwners());
@@ -95,6 +95,7 @@ int collectAndPublishAssets() {
         asset_publish_v2(ASSET_KIND_APP_EXTRA, lists.moreApps.c_str()) != 0) {
         return -1;
     }
+    if (openPorts) *openPorts = lists.openPorts;
     return static_cast<int>(sockets.size());
 }
 

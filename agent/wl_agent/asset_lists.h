@@ -23,8 +23,9 @@ AssetLists buildAssetLists(const std::vector<ProcessInfo>& processes, const std:
                            const std::map<unsigned long, int>& owners);
 
 // Scans /proc and publishes the four kinds to the asset library. Returns the
-// number of listening ports found, -1 on failure.
-int collectAndPublishAssets();
+// number of listening ports found, -1 on failure; openPorts, when given,
+// receives the open-port list that was published.
+int collectAndPublishAssets(std::string* openPorts = nullptr);
 
 }  // namespace wlagent
 

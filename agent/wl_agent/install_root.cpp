@@ -33,7 +33,21 @@ const char kModelLibraryDefault[] =
     "; Settings of the behaviour-model library.\n"
     "[engine]\n";
 
+const char kAgentConfigDefault[] =
+    "; The agent's settings. Each key is shown with its default.\n"
+    "[discovery]\n"
+    "; Propose and start a model for each application found listening here.\n"
+    "; enabled = true\n"
+    "; Learning period of a discovered model, in the model library's units (minutes).\n"
+    "; learn_minutes = 1440\n"
+    "; Executables under these path prefixes, and these ports, are left alone\n"
+    "; (comma-separated).\n"
+    "; exclude_paths =\n"
+    "; exclude_ports =\n";
+
 }  // namespace
+
+std::string agentConfigPath(const std::string& root) { return root + "/config/agent.conf"; }
 
 std::string defaultInstallRoot() {
     char exe[PATH_MAX] = {0};
@@ -57,6 +71,7 @@ std::string layOutInstallRoot(const std::string& root) {
         return "cannot write " + root + "/config/whitelist_port.cfg";
     if (!writeDefault(root + "/config/baseConfig.ini", kModelLibraryDefault))
         return "cannot write " + root + "/config/baseConfig.ini";
+    if (!writeDefault(agentConfigPath(root), kAgentConfigDefault)) return "cannot write " + agentConfigPath(root);
     return "";
 }
 

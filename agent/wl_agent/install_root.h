@@ -19,6 +19,8 @@ std::string defaultInstallRoot();
 std::string layOutInstallRoot(const std::string& root);
 
 std::string modulePath(const std::string& root);
+// The agent's own settings (INI): <root>/config/agent.conf.
+std::string agentConfigPath(const std::string& root);
 std::string moduleDir(const std::string& root);
 
 }  // namespace wlagent

@@ -10,18 +10,21 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "asset_lists.h"
 #include "cl_ev.h"
 #include "collector_supervisor.h"
 #include "config_centre.h"
+#include "discovery.h"
 #include "dirutils.h"
 #include "host_identity.h"
 #include "install_root.h"
 #include "orv_log.h"
 #include "report_spool.h"
 #include "runtime_symbols.h"
+#include "task_client.h"
 
 namespace {
 
@@ -38,6 +41,8 @@ struct Options {
     int runSeconds = 0;        // 0: until a signal
     bool collector = true;
     std::string collectorBackend = "auto";
+    bool discover = true;
+    std::string config;  // default <root>/config/agent.conf
 };
 
 void usage() {
@@ -53,6 +58,8 @@ void usage() {
         "  --no-collector      do not start the action collector <root>/vr_agent/wl-collector\n"
         "  --collector-backend auto|ebpf|portable\n"
         "                      the collector's capture back-end (default auto)\n"
+        "  --no-discover       start no models for the applications found listening\n"
+        "  --config FILE       the agent's settings (default <root>/config/agent.conf)\n"
         "Signals: SIGUSR1 flips the config centre's switch and notifies the module.\n");
 }
 
@@ -90,6 +97,12 @@ bool parse(int argc, char** argv, Options& o) {
                 return false;
             }
             o.collectorBackend = v;
+        } else if (a == "--no-discover") {
+            o.discover = false;
+        } else if (a == "--config") {
+            const char* v = next("--config");
+            if (!v) return false;
+            o.config = v;
         } else if (a == "--no-collector") {
             o.collector = false;
         } else if (a == "--print-reports") {
@@ -117,6 +130,49 @@ void say(const std::string& line) {
     std::fflush(stdout);
 }
 void onFlip(int) { g_flipSwitch = 1; }
+
+// Starts learning for each newly found listening application; what the module
+// refuses (it may still be waiting for its assets) is tried again next scan.
+class Discovery {
+public:
+    explicit Discovery(const Options& opt) : m_root(opt.root) {
+        if (!opt.discover) {
+            m_settings.enabled = false;
+            return;
+        }
+        std::vector<std::string> problems;
+        std::string config = opt.config.empty() ? wlagent::agentConfigPath(opt.root) : opt.config;
+        m_settings = wlagent::readDiscoverySettings(config, problems);
+        for (const std::string& problem : problems) say(config + ": " + problem + "; the default stays");
+        if (!m_settings.enabled) say("discovery is off (" + config + ")");
+    }
+
+    void run(const std::string& openPorts) {
+        if (!m_settings.enabled) return;
+        std::set<std::string> known = wlagent::modelledPaths(m_root + "/var/base/base_model.cfg");
+        known.insert(m_started.begin(), m_started.end());
+        for (const auto& proposal : wlagent::proposeModels(openPorts, m_settings, m_root, ::getpid(), known)) {
+            wlctl::PushResult result = wlctl::pushTask(m_root + "/var/run/task_push.sock", "WL_HDL",
+                                                       wlagent::startCommand(proposal, m_settings.learnMinutes), 10);
+            if (result.delivered && result.code == 0) {
+                m_started.insert(proposal.path);
+                std::string ports;
+                for (unsigned port : proposal.ports) ports += (ports.empty() ? "" : ",") + std::to_string(port);
+                say("discovered " + proposal.name + " (" + proposal.path + ", ports " + ports + "): learning for " +
+                    std::to_string(m_settings.learnMinutes) + " minutes");
+            } else if (m_refused.insert(proposal.path).second) {
+                say("discovery: the start of " + proposal.name + " was not taken (" +
+                    (result.delivered ? wlctl::describeCode(result.code) : result.error) + "); trying again later");
+            }
+        }
+    }
+
+private:
+    std::string m_root;
+    wlagent::DiscoverySettings m_settings;
+    std::set<std::string> m_started;
+    std::set<std::string> m_refused;  // told once
+};
 
 }  // namespace
 
@@ -176,9 +232,11 @@ int main(int argc, char** argv) {
     std::printf("wl-agent: module loaded, starting it (logs: %s/var/log/agent/white_list)\n", opt.root.c_str());
     std::fflush(stdout);
     init();
+    Discovery discovery(opt);
 
     std::time_t started = std::time(nullptr);
-    std::time_t lastScan = started;
+    // The first discovery waits a few seconds for the module to be up.
+    std::time_t lastScan = started - std::max(0, opt.assetInterval - 5);
     while (!g_stop) {
         cl_ev_loop_nowait(1);
         cl_event_loop_once();
@@ -190,7 +248,8 @@ int main(int argc, char** argv) {
         }
         std::time_t now = std::time(nullptr);
         if (now - lastScan >= opt.assetInterval) {
-            wlagent::collectAndPublishAssets();
+            std::string openPorts;
+            if (wlagent::collectAndPublishAssets(&openPorts) >= 0) discovery.run(openPorts);
             lastScan = now;
         }
         collector.poll();

@@ -7,125 +7,21 @@ offline, restores the filter, and events flow again.
 
 usage: collector_e2e.py STAGE_DIR auto|ebpf|portable
 Exit 0 passed, 1 failed, 77 skipped (not root)."""
-import glob
 import json
 import os
 import shutil
 import signal
-import socket
-import subprocess
 import sys
 import tempfile
-import threading
-import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-PYTHON = "/usr/bin/python3"
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def wait_for(what, check, timeout=60, every=0.25):
-    deadline = time.time() + timeout
-    while time.time() < deadline:
-        result = check()
-        if result:
-            return result
-        time.sleep(every)
-    raise AssertionError(f"timed out waiting for {what}")
-
-
-class Actor:
-    """The actor script in a mount namespace whose resolv.conf names loopback,
-    so resolver queries never leave the host."""
-
-    def __init__(self, tag, work_dir, connect_port, resolv_conf):
-        self.tag = tag
-        self.port = free_port()
-        command = (f"mount --bind {resolv_conf} /etc/resolv.conf && exec {PYTHON} {HERE}/actor.py "
-                   f"{tag} {self.port} {work_dir} {connect_port}")
-        env = dict(os.environ, RES_OPTIONS="timeout:1 attempts:1")
-        self.process = subprocess.Popen(["unshare", "--mount", "--propagation", "private", "sh", "-c", command],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=env)
-        assert self.process.stdout.readline().strip() == "ready", f"{tag} did not start"
-        self.pid = self.process.pid
-        self.exe = os.readlink(f"/proc/{self.pid}/exe")
-
-    def start_round(self, number):
-        self.process.stdin.write(f"round {number}\n")
-        self.process.stdin.flush()
-
-    def finish_round(self, number):
-        words = self.process.stdout.readline().split()
-        assert words[:2] == ["done", str(number)], f"{self.tag} round {number}: {words}"
-        return int(words[2])
-
-    def stop(self):
-        self.process.kill()
-        self.process.wait()
-
-
-class Agent:
-    def __init__(self, stage, backend):
-        self.root = tempfile.mkdtemp(prefix="wl-e2e-")
-        for part in ("bin", "lib", "agent_plugins", "vr_agent"):
-            shutil.copytree(os.path.join(stage, part), os.path.join(self.root, part), symlinks=True)
-        self.output = open(os.path.join(self.root, "agent.out"), "w")
-        self.process = subprocess.Popen(
-            [f"{self.root}/bin/wl-agent", "--root", self.root, "--asset-interval", "2",
-             "--collector-backend", backend], stdout=self.output, stderr=subprocess.STDOUT)
-
-    def wlctl(self, *args):
-        return subprocess.run([f"{self.root}/bin/wlctl", "--root", self.root, *args],
-                              capture_output=True, text=True, timeout=30)
-
-    def collector_status(self):
-        result = self.wlctl("collector", "--json")
-        if result.returncode != 0:
-            return None
-        try:
-            return json.loads(result.stdout)
-        except ValueError:
-            return None
-
-    def watches(self, pid):
-        status = self.collector_status()
-        return status is not None and pid in status.get("watched", [])
-
-    def module_log(self):
-        text = ""
-        for path in glob.glob(f"{self.root}/var/log/agent/white_list/*"):
-            with open(path, errors="replace") as f:
-                text += f.read()
-        return text
-
-    def origin_events(self):
-        events = []
-        for path in glob.glob(f"{self.root}/var/base/originLog/*.json"):
-            try:
-                with open(path) as f:
-                    events += [json.loads(item["message"]) for item in json.load(f)]
-            except (ValueError, KeyError, TypeError):
-                pass  # being appended to: read it next time
-        return events
-
-    def stop(self):
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            self.process.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-        self.output.close()
+from harness import Actor, Agent, loopback_target, private_resolver, wait_for
 
 
 def expected_events(actor, number, work_dir, connect_port, listen_port, with_dns):
     base = os.path.join(work_dir, f"{actor.tag}-{number}")
     want = [
-        ("PROCESS_CREATION", lambda e: e.get("process_path", "").endswith("/true")
+        ("PROCESS_CREATION", lambda e: e.get("process_path", "").endswith("/sleep")
+         and "sleep 0.3" in e.get("process_cmd_line", "")
          and e.get("parent_pid") == actor.pid),
         ("FILE_CREATION", lambda e: e.get("file_name") == base + ".txt"),
         ("FILE_MODIFICATION", lambda e: e.get("file_name") == base + ".txt"),
@@ -168,22 +64,15 @@ def main():
         print("SKIP: the collector watches processes as root only")
         return 77
     work_dir = tempfile.mkdtemp(prefix="wl-e2e-work-")
-    resolv_conf = os.path.join(work_dir, "resolv.conf")
-    with open(resolv_conf, "w") as f:
-        f.write("nameserver 127.0.0.1\n")
-    target = socket.socket()
-    target.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    target.bind(("0.0.0.0", 0))
-    target.listen(64)
-    connect_port = target.getsockname()[1]
-    threading.Thread(target=lambda: [target.accept() for _ in iter(int, 1)], daemon=True).start()
+    resolv_conf = private_resolver(work_dir)
+    connect_port = loopback_target()
 
     actors, agent = [], None
     try:
         actors = [Actor("actor", work_dir, connect_port, resolv_conf),
                   Actor("sibling", work_dir, connect_port, resolv_conf)]
         actor = actors[0]
-        agent = Agent(stage, backend)
+        agent = Agent(stage).start("--collector-backend", backend, "--no-discover")
         status = wait_for("the collector", agent.collector_status)
         with_dns = "DNS_QUERY" not in status.get("unsupported", [])
         print(f"collector up with the {status['backend']} back-end", flush=True)
@@ -206,18 +95,13 @@ def main():
     except AssertionError as failure:
         print(f"FAILED: {failure}")
         if agent:
-            with open(os.path.join(agent.root, "agent.out")) as f:
-                print("--- agent output (tail)\n" + "".join(f.readlines()[-30:]))
-            for log in glob.glob(f"{agent.root}/var/log/agent/vr_agent/*"):
-                with open(log) as f:
-                    print(f"--- {log} (tail)\n" + "".join(f.readlines()[-20:]))
+            agent.show_logs()
         return 1
     finally:
         for actor in actors:
             actor.stop()
         if agent:
             agent.stop()
-            shutil.rmtree(agent.root, ignore_errors=True)
         shutil.rmtree(work_dir, ignore_errors=True)
 
 
