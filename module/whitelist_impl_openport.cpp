@@ -50,7 +50,8 @@ bool port_is_filtered(int port) {
 }
 
 // The agent's own directory and its sibling vr_agent's, resolved anew for
-// each entry.
+// each entry. A failed realpath keeps whatever it left in the buffer: the C
+// library leaves the part it resolved, which still names the sibling.
 bool is_own_process(const char* process_path) {
     char install_dir[2048] = {0};
     char sibling[4096] = {0};
@@ -58,7 +59,8 @@ bool is_own_process(const char* process_path) {
     dirutils_path_transform("@", install_dir, sizeof(install_dir));
     dirutils_path_transform("@/../vr_agent", sibling, sizeof(sibling));
     memset(sibling_real, 0, sizeof(sibling_real));
-    if (!realpath(sibling, sibling_real)) sibling_real[0] = '\0';
+    const char* resolved = realpath(sibling, sibling_real);
+    (void)resolved;
     return strstr(process_path, install_dir) || strstr(process_path, sibling_real);
 }
 
@@ -126,7 +128,7 @@ cJSON* report_entry(const cJSON* item, const openport_assets_st& assets) {
         WL_LOG(1, "invalid item");
         return nullptr;
     }
-    if (open->valuedouble != 0) return nullptr;
+    if (open->valueint != 0) return nullptr;
     if (const char* port = string_value(item, "port")) {
         int number = (int)str2number(port);
         if (port_is_filtered(number)) {

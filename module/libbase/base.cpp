@@ -1,6 +1,9 @@
 #define WL_LOG_SOURCE "base"
 #include "base.h"
 
+#include <cstdlib>
+#include <new>
+
 #include "base_support.h"
 #include "dirutils.h"
 #include "event_queues.h"
@@ -21,8 +24,16 @@ int initializeLog() {
 }
 
 BaseEngine* BaseEngine::GetInstance() {
-    static BaseEngine instance;
-    return &instance;
+    // Released at exit only when stopped: running threads use every member.
+    alignas(BaseEngine) static unsigned char storage[sizeof(BaseEngine)];
+    static BaseEngine* instance = [] {
+        BaseEngine* engine = new (storage) BaseEngine();
+        std::atexit([] {
+            if (!instance->m_isRunning.load()) instance->~BaseEngine();
+        });
+        return engine;
+    }();
+    return instance;
 }
 
 BaseEngine::BaseEngine()
@@ -44,9 +55,6 @@ BaseEngine::BaseEngine()
 // Releases the members only: a process that ends with the engine running gets
 // no stop and no last save.
 BaseEngine::~BaseEngine() {
-    if (m_isRunning.load()) {
-        return;  // its threads may still take the locks while the process ends
-    }
     orv_cond_destroy(&m_stopCond);
     orv_mutex_destroy(&m_spareLock);
     orv_mutex_destroy(&m_engineLock);
@@ -120,6 +128,8 @@ void BaseEngine::BaseUninit() {
         g_baseData.clear();
         g_baseDelayData.clear();
     }
+    // Under the engine lock: parseInput and dealAlarmEvent test the pointer there.
+    OrvLockGuard engine(&m_engineLock);
     if (m_baseEngine != nullptr) {
         // The library hands the object over to us; its deleting destructor frees it.
         delete m_baseEngine;

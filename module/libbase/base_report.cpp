@@ -51,7 +51,7 @@ bool BaseEngine::dealAlarmEvent(std::string text) {
     }
     OrvLockGuard engine(&m_engineLock);
     if (m_baseEngine == nullptr) {
-        WL_LOG(LOG_LVL_ERROR, "m_baseEngine is null");
+        WL_LOG(LOG_LVL_ERROR, "alarm feedback dropped: engine not running");
         return true;  // stopped engine: the feedback has nowhere to go
     }
     std::vector<_BASE_EVENTINFO> records;

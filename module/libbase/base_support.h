@@ -168,9 +168,10 @@ void engine_time_count(Library* library, orv_mutex_t* engineLock, const std::ato
 }
 
 // Tells the manager where a model stands after a command. Reads nothing back
-// into the record and changes nothing in the library.
+// into the record and changes nothing in the library. The library pointer is
+// read under the lock: a stop clears it while holding that lock.
 template <class Library>
-int engine_parse_input(Library* library, orv_mutex_t* engineLock, _USR_INPUT* input, int modelReport,
+int engine_parse_input(Library* const& library, orv_mutex_t* engineLock, _USR_INPUT* input, int modelReport,
                        int statusReport) {
     if (input == nullptr) {
         return 0;

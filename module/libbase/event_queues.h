@@ -15,11 +15,13 @@
 // Producers refuse to append once this many entries are queued.
 constexpr std::size_t kEventQueueLimit = 100;
 
-extern std::list<_BASE_EVENTINFO> g_baseData;
-extern std::list<std::pair<_BASE_EVENTINFO, unsigned long long>> g_baseDelayData;
+// Never destroyed: the engines' threads and the bus thread are not stopped at
+// process exit and keep using the queues and their locks.
+extern std::list<_BASE_EVENTINFO>& g_baseData;
+extern std::list<std::pair<_BASE_EVENTINFO, unsigned long long>>& g_baseDelayData;
 extern orv_mutex_t g_baseDataLock;  // guards g_baseData and g_baseDelayData
 
-extern std::list<std::string> g_raspData;
+extern std::list<std::string>& g_raspData;
 extern orv_mutex_t g_raspDataLock;
 
 #endif

@@ -1,6 +1,9 @@
 #define WL_LOG_SOURCE "rasp"
 #include "rasp.h"
 
+#include <cstdlib>
+#include <new>
+
 #include "base_support.h"
 #include "dirutils.h"
 #include "event_queues.h"
@@ -21,8 +24,16 @@ int initLog() {
 }
 
 RaspEngine* RaspEngine::GetInstance() {
-    static RaspEngine instance;
-    return &instance;
+    // Released at exit only when stopped: running threads use every member.
+    alignas(RaspEngine) static unsigned char storage[sizeof(RaspEngine)];
+    static RaspEngine* instance = [] {
+        RaspEngine* engine = new (storage) RaspEngine();
+        std::atexit([] {
+            if (!instance->m_isRunning.load()) instance->~RaspEngine();
+        });
+        return engine;
+    }();
+    return instance;
 }
 
 RaspEngine::RaspEngine()
@@ -42,9 +53,6 @@ RaspEngine::RaspEngine()
 
 // Releases the members only, as BaseEngine does.
 RaspEngine::~RaspEngine() {
-    if (m_isRunning.load()) {
-        return;  // its threads may still take the locks while the process ends
-    }
     orv_cond_destroy(&m_stopCond);
     orv_mutex_destroy(&m_spareLock);
     orv_mutex_destroy(&m_engineLock);
@@ -114,6 +122,8 @@ void RaspEngine::RaspUninit() {
         OrvLockGuard lock(&g_raspDataLock);
         g_raspData.clear();
     }
+    // Under the engine lock: parseInput and dealAlarmEvent test the pointer there.
+    OrvLockGuard engine(&m_engineLock);
     if (m_raspEngine != nullptr) {
         // Owned since the factory call; the deleting destructor frees it.
         delete m_raspEngine;

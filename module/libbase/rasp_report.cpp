@@ -36,7 +36,7 @@ bool RaspEngine::dealAlarmEvent(std::string text) {
     }
     OrvLockGuard engine(&m_engineLock);
     if (m_raspEngine == nullptr) {
-        WL_LOG(LOG_LVL_ERROR, "m_raspEngine is null");
+        WL_LOG(LOG_LVL_ERROR, "alarm feedback dropped: engine not running");
         return true;
     }
     {

@@ -1,5 +1,7 @@
 #include "engine_test_env.h"
 
+#include <errno.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 
@@ -29,11 +31,13 @@ struct ClockState {
     int entered = 0;
     std::map<std::string, int> usleeps;
     std::chrono::microseconds pause{1000};
+    std::map<std::string, int> held;  // thread name -> passes granted
 };
 
-std::mutex g_clockMutex;
-std::condition_variable g_clockChanged;
-ClockState g_clock;
+// Never destroyed: engines left running at exit keep sleeping through them.
+std::mutex& g_clockMutex = *new std::mutex;
+std::condition_variable& g_clockChanged = *new std::condition_variable;
+ClockState& g_clock = *new ClockState;
 
 // Runs f on the clock under its lock and wakes a gated sleep to look again.
 template <class F>
@@ -48,7 +52,18 @@ auto with_clock(F f) {
 void fake_usleep(unsigned int) {
     char name[32] = {0};
     prctl(PR_GET_NAME, name, 0, 0, 0);
-    std::this_thread::sleep_for(with_clock([&](ClockState& c) { ++c.usleeps[name]; return c.pause; }));
+    {
+        std::unique_lock<std::mutex> lock(g_clockMutex);
+        ++g_clock.usleeps[name];
+        g_clockChanged.notify_all();
+        g_clockChanged.wait(lock, [&] {
+            auto held = g_clock.held.find(name);
+            return held == g_clock.held.end() || held->second > 0;
+        });
+        auto held = g_clock.held.find(name);
+        if (held != g_clock.held.end()) --held->second;
+    }
+    std::this_thread::sleep_for(with_clock([](ClockState& c) { return c.pause; }));
 }
 
 void fake_sleep(unsigned int) {
@@ -121,6 +136,34 @@ void FakeClock::setRealPause(std::chrono::microseconds pause) {
     with_clock([pause](ClockState& c) { c.pause = pause; });
 }
 
+void FakeClock::holdThread(const std::string& threadName, bool held) {
+    with_clock([&](ClockState& c) {
+        if (held) c.held[threadName] = 0;
+        else c.held.erase(threadName);
+    });
+}
+
+void FakeClock::passThread(const std::string& threadName, int passes) {
+    with_clock([&](ClockState& c) { c.held[threadName] += passes; });
+}
+
+void FakeClock::releaseThreads() {
+    with_clock([](ClockState& c) { c.held.clear(); });
+}
+
+bool held_elsewhere(orv_mutex_t mutex) {
+    // The handle leads to the platform's record, whose first member is the
+    // pthread mutex.
+    pthread_mutex_t* native = static_cast<pthread_mutex_t*>(mutex);
+    bool held = false;
+    std::thread([&] {
+        int rc = pthread_mutex_trylock(native);
+        if (rc == 0) pthread_mutex_unlock(native);
+        held = rc == EBUSY;
+    }).join();
+    return held;
+}
+
 bool wait_calls(fake_model::Engine engine, const std::string& op, int n) {
     return waitUntil([&] { return fake_model::Library::instance().count(engine, op) >= n; });
 }
@@ -157,6 +200,7 @@ void EngineTest::SetUp() {
 
 void EngineTest::TearDown() {
     FakeClock::gate(false);
+    FakeClock::releaseThreads();
     BaseEngine::GetInstance()->Uninitialize();
     RaspEngine::GetInstance()->Uninitialize();
     wl_clock_reset();

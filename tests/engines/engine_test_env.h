@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "event_info.h"
+#include "orv_sync.h"
 #include "fake_model_library.h"
 
 // Replaces the module's sleeps and wall clock. Worker pauses become a short
@@ -27,7 +28,14 @@ public:
     static int usleepsOf(const std::string& threadName);
     // What each usleep really waits (default 1 ms).
     static void setRealPause(std::chrono::microseconds pause);
+    // A held thread waits in each usleep for a pass granted by passThread.
+    static void holdThread(const std::string& threadName, bool held);
+    static void passThread(const std::string& threadName, int passes);
+    static void releaseThreads();
 };
+
+// Whether another thread than the caller could take the orv mutex now.
+bool held_elsewhere(orv_mutex_t mutex);
 
 bool wait_calls(fake_model::Engine engine, const std::string& op, int n);
 bool initialize(fake_model::Engine engine);

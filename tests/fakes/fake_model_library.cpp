@@ -28,10 +28,12 @@ struct State {
     Records records;
     std::map<Engine, int> live;
     std::map<Engine, int> serial;
+    std::map<Engine, std::function<int()>> probes;
 };
 
+// Never destroyed: engines left running at exit keep calling in.
 State& state() {
-    static State s;
+    static State& s = *new State;
     return s;
 }
 
@@ -143,6 +145,8 @@ private:
     std::string run(const char* op, const std::string& text = "", Arg arg = nullptr, int first = 0) {
         Call call(kEngine, op, text, first, m_object);
         fill(call, arg);
+        std::function<int()> probe = locked([](State& s) { return s.probes[kEngine]; });
+        if (probe) call.locks = probe();
         record(call);
         return next(kEngine, op);
     }
@@ -212,6 +216,10 @@ std::vector<std::string> Library::opSequence(Engine engine) const {
 
 int Library::liveObjects(Engine engine) const {
     return locked([engine](State& s) { return s.live[engine]; });
+}
+
+void Library::setLockProbe(Engine engine, std::function<int()> probe) {
+    locked([&](State& s) { s.probes[engine] = std::move(probe); });
 }
 
 }  // namespace fake_model

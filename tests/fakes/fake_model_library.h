@@ -5,6 +5,7 @@
 #ifndef WL_FAKE_MODEL_LIBRARY_H
 #define WL_FAKE_MODEL_LIBRARY_H
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +30,7 @@ struct Call {
     int delayGate = 0;
     std::string modelStatus;  // narrowed for the host record
     std::string eventTag;     // host: event_time as text; rasp: url
+    int locks = 0;            // what the lock probe answered during the call
 };
 
 // What processEvent writes into the record.
@@ -63,6 +65,9 @@ public:
     int count(Engine engine, const std::string& op) const;
     std::vector<std::string> opSequence(Engine engine) const;
     int liveObjects(Engine engine) const;
+    // Asked on the calling thread during each call of the engine's objects;
+    // its answer is kept in Call::locks. Empty: 0.
+    void setLockProbe(Engine engine, std::function<int()> probe);
 
 private:
     Library() = default;

@@ -48,6 +48,26 @@ TEST_F(OpenPortTest, KeepsClosedListeningEntriesOfOtherProcesses) {
     EXPECT_TRUE(m_log.contains("filter process " + path("lib/bin/agent"), 3));
 }
 
+TEST_F(OpenPortTest, MissingSiblingDirectoryStillFiltersOnlyItsOwnPaths) {
+    std::filesystem::remove_all(path("vr_agent"));
+    set_open_ports({entry("8082", "5", path("vr_agent/bin/vr")), entry("8083", "5", "/usr/sbin/nginx")});
+    EXPECT_EQ(report(), R"([{"open":0,"port":"8083","process_path":"/usr/sbin/nginx","process_id":"5",)"
+                        R"("proto":"tcp","app_name":"nginx"}])");
+    EXPECT_TRUE(m_log.contains("filter process " + path("vr_agent/bin/vr"), 3));
+}
+
+TEST_F(OpenPortTest, OpenIsTakenAsAnInteger) {
+    struct Row {
+        const char* open;
+        int kept;
+    } rows[] = {{"0", 1}, {"0.5", 1}, {"-0.9", 1}, {"1", 0}, {"1.5", 0}, {"\"0\"", 0}};
+    for (const auto& row : rows) {
+        set_open_ports({entry("8083", "5", "/usr/sbin/nginx", row.open)});
+        JsonPtr array(get_openport_process_json(), cJSON_Delete);
+        EXPECT_EQ(cJSON_GetArraySize(array.get()), row.kept) << row.open;
+    }
+}
+
 TEST_F(OpenPortTest, TypeAndApplicationNameAreAddedByProcessId) {
     set_open_ports({entry("1", "100", "/a"), entry("2", "200", "/b"), entry("3", "300", "/c")});
     JsonPtr array(get_openport_process_json(), cJSON_Delete);

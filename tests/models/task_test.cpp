@@ -1,4 +1,6 @@
 // Start, interact and delete commands against a scripted engine.
+#include <cstdio>
+
 #include "models_fixture.h"
 #include "whitelist_api.h"
 
@@ -50,6 +52,8 @@ TEST_F(TaskTest, InteractBuildsTheRecordFromTheOprArgument) {
         {3, R"({"study_time":65536,"re_study":true,"list":["m"]})", USR_OPR_RELEARN, 0, 0},
         {3, R"({"study_time":70000,"re_study":false,"list":["m"]})", USR_OPR_STUDY_TIME, 4464, 0},
         {104, R"({"model_switch":true,"list":["m"]})", USR_OPR_SWITCH, 0, 1},
+        {4, R"({"model_switch":false,"list":["m"]})", USR_OPR_SWITCH, 0, 0},
+        {4, R"({"model_switch":1,"list":["m"]})", USR_OPR_SWITCH, 0, 0},
     };
     for (const auto& row : rows) {
         models_double::reset_engines();
@@ -62,6 +66,39 @@ TEST_F(TaskTest, InteractBuildsTheRecordFromTheOprArgument) {
         EXPECT_EQ(calls[0].input.learnTime, row.learn_time) << row.data;
         EXPECT_EQ(calls[0].input.switchValue, row.switch_value) << row.data;
     }
+}
+
+TEST_F(TaskTest, StartSubscribesNewPidsOnceUnmarkedAndCutsTheLearnTime) {
+    models_double::set_asset(5, R"({"list":[{"port":"80","process_id":"2147483001"},
+        {"port":"81","process_id":"2147483001"},{"port":"80","process_id":"2147483002"}]})");
+    (*g_model_pid)[2147483002] = true;
+    EXPECT_EQ(start(R"([{"model_name":"web","study_times":70000,"port":[80,81]}])"), 0);
+    ASSERT_EQ(models_double::subscriptions().size(), 1u);
+    EXPECT_EQ(models_double::subscriptions()[0].action, 260);
+    EXPECT_EQ(models_double::subscriptions()[0].id, 2147483001);
+    EXPECT_EQ(models_double::subscriptions()[0].reserved, -1);
+    EXPECT_EQ(*g_model_pid, (std::map<unsigned long long, bool>{{2147483001, false}, {2147483002, true}}));
+    auto calls = engine_calls(Engine::Base, "initModel");
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].input.learnTime, 70000 & 0xffff);
+    EXPECT_EQ(calls[0].input.oprType, USR_OPR_INIT);
+    EXPECT_EQ(ini_value(base_catalogue(), "model_0", "study_time"), "70000");
+}
+
+TEST_F(TaskTest, RaspStartSavesToItsOwnCatalogueAndSubscribesNothing) {
+    models_double::set_asset(5, R"({"list":[{"port":"80","process_id":"2147483001"}]})");
+    whitelist_rasp_save_model(make_model("old", 5, {80}));
+    JsonPtr root = parse_json(R"({"opr_code":101,"data":{"list":[{"model_name":"web","study_times":7,"port":[80]}]}})");
+    EXPECT_EQ(whitelist_rasp_task_start(root.get()), 0);
+    EXPECT_TRUE(models_double::subscriptions().empty());
+    EXPECT_TRUE(g_model_pid->empty());
+    EXPECT_TRUE(m_log.contains("rasp init success", 3));
+    EXPECT_EQ(model_names(*g_rasp_model_array), (std::vector<std::string>{"old", "web"}));
+    EXPECT_EQ(ini_value(rasp_catalogue(), "raspengine", "count"), "2");
+    EXPECT_EQ(ini_value(rasp_catalogue(), "model_0", "model_name"), "old");
+    EXPECT_EQ(ini_value(rasp_catalogue(), "model_1", "model_name"), "web");
+    EXPECT_EQ(ini_value(base_catalogue(), "baseengine", "count"), "<no file>");
+    EXPECT_EQ(called(Engine::Rasp, "parseInput"), (std::vector<std::string>{"web"}));
 }
 
 TEST_F(TaskTest, InteractResultIsThatOfTheLastName) {
@@ -79,6 +116,23 @@ TEST_F(TaskTest, DeleteRemovesByPrefixAndRenumbersTheFile) {
     EXPECT_EQ(called(Engine::Base, "interactModel"), (std::vector<std::string>{"web"}));
     EXPECT_EQ(ini_value(base_catalogue(), "baseengine", "count"), "2");
     EXPECT_EQ(ini_value(base_catalogue(), "model_1", "model_name"), "we");
+}
+
+TEST_F(TaskTest, DeleteAsksWithTypeEightAndRewritesAfterEachNameOnceSomethingWentFromTheCommand) {
+    add_models(*g_model_array, {"a", "b", "c"});
+    std::vector<std::string> count_when_asked;
+    script(Engine::Base).on_interact = [&](const _USR_INPUT& input) {
+        count_when_asked.push_back(ini_value(base_catalogue(), "baseengine", "count"));
+        if (input.modelName == "zz") std::remove(base_catalogue().c_str());
+    };
+    EXPECT_EQ(command(whitelist_base_task_delete, 6, R"({"list":["zz","b","a"]})"), 0);
+    // Ascending order: a, b, zz; each removal is on file before the next name is asked.
+    EXPECT_EQ(count_when_asked, (std::vector<std::string>{"<no file>", "2", "1"}));
+    // zz removed nothing, yet the file is written again after it.
+    EXPECT_EQ(ini_value(base_catalogue(), "baseengine", "count"), "1");
+    EXPECT_EQ(ini_value(base_catalogue(), "model_0", "model_name"), "c");
+    for (const auto& call : engine_calls(Engine::Base, "interactModel")) EXPECT_EQ(call.input.oprType, USR_OPR_DELETE);
+    EXPECT_EQ(called(Engine::Base, "parseInput"), (std::vector<std::string>{"a", "b", "zz"}));
 }
 
 TEST_F(TaskTest, DeleteOfTheEmptyNameWithMinusTwoEmptiesTheList) {

@@ -39,6 +39,7 @@ public:
     int saveOriginLog(Event&, const char*) override { return 0; }
     int interactModel(_USR_INPUT* input) override {
         record(kEngine, "interactModel", input);
+        if (script_of(kEngine).on_interact) script_of(kEngine).on_interact(*input);
         return next(script_of(kEngine).interact_results, 0);
     }
     std::string getModelStatus(std::string) override { return "{}"; }

@@ -5,6 +5,7 @@
 #define WL_TESTS_MODELS_MODEL_LIBRARY_DOUBLE_H
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ struct EngineScript {
     std::deque<bool> init_results;  // then true
     std::deque<int> interact_results;  // then 0
     std::deque<bool> alarm_results;  // then true
+    // Runs inside each interactModel, before it answers.
+    std::function<void(const _USR_INPUT&)> on_interact;
 };
 
 void reset_engines();
