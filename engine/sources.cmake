@@ -2,6 +2,14 @@
 # RaspFactory. Only the two factory functions are exported (baseeng.map).
 add_library(baseeng SHARED
   src/wide_text.cpp
+  src/variable_runs.cpp
+  src/normalise_path.cpp
+  src/normalise_command.cpp
+  src/normalise_sql.cpp
+  src/feature_kinds.cpp
+  src/address_names.cpp
+  src/learning_progress.cpp
+  src/alarm_repeats.cpp
   src/engine_settings.cpp
   src/behaviour_model.cpp
   src/model_book.cpp

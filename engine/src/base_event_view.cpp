@@ -1,6 +1,8 @@
 #include "base_event_view.h"
 
 #include "json_text.h"
+#include "normalise_command.h"
+#include "normalise_path.h"
 #include "wide_text.h"
 
 namespace baseeng {
@@ -101,21 +103,44 @@ std::string actingProcessPath(const _BASE_EVENTINFO& event) {
     return narrowText(event.process_info.process_path);
 }
 
-std::string baseFeature(const _BASE_EVENTINFO& event) {
+std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory) {
     const auto& detail = event.detail;
     unsigned type = event.event_type;
+    // Record texts are narrowed on the stack: this runs for every event.
     if (type == kProcessCreation) {
-        return "process:" + narrowText(detail.process.process_path);
+        char path[sizeof detail.process.process_path / sizeof(wchar_t)];
+        char line[sizeof detail.process.process_cmd_line / sizeof(wchar_t)];
+        std::size_t pathSize = narrowInto(path, detail.process.process_path);
+        std::size_t lineSize = narrowInto(line, detail.process.process_cmd_line);
+        std::string feature;
+        feature.reserve(8 + pathSize + lineSize);
+        feature = "process:";
+        appendNormalisedCommand(feature, path, pathSize, line, lineSize, &memory.fileDirectories);
+        return feature;
     }
     if (isFileEvent(type)) {
-        return "file:" + narrowText(detail.file.file_name);
+        char path[sizeof detail.file.file_name / sizeof(wchar_t)];
+        std::size_t size = narrowInto(path, detail.file.file_name);
+        std::string feature;
+        feature.reserve(5 + size + size / 2);
+        feature = "file:";
+        appendNormalisedPath(feature, path, size);
+        return feature;
     }
     switch (type) {
-    case kConnection:
-        return "connect:" + bareHost(narrowText(detail.connect.dst_ip)) + "|" +
-               std::to_string(detail.connect.dst_port) + "|" + narrowText(detail.connect.protocol);
-    case kDnsQuery:
-        return "dns:" + narrowText(detail.dns.query_name);
+    case kConnection: {
+        // By the name the application looked up, which outlives its addresses;
+        // the source port is the system's choice and no part of the behaviour.
+        std::string address = bareHost(narrowText(detail.connect.dst_ip));
+        const std::string* name = memory.addressNames.nameOf(address);
+        return "connect:" + (name != nullptr ? *name : address) + "|" + std::to_string(detail.connect.dst_port) +
+               "|" + narrowText(detail.connect.protocol);
+    }
+    case kDnsQuery: {
+        std::string name = narrowText(detail.dns.query_name);
+        memory.addressNames.rememberAnswer(name, narrowText(detail.dns.query_result));
+        return "dns:" + name;
+    }
     case kListening:
         return "listen:" + std::to_string(detail.listen.port) + "|" + narrowText(detail.listen.protocol);
     default:

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "behaviour_model.h"
 #include "event_info.h"
 
 namespace baseeng {
@@ -15,9 +16,11 @@ const char* baseEventName(unsigned eventType);
 unsigned long long actingProcessId(const _BASE_EVENTINFO& event);
 std::string actingProcessPath(const _BASE_EVENTINFO& event);
 
-// "kind:subject" of the event, empty for a kind the library doesn't model.
-// An alarm record made from baseAlarmJson gives the same key.
-std::string baseFeature(const _BASE_EVENTINFO& event);
+// "kind:subject" of the event as the model with this memory sees it, empty
+// for a kind the library doesn't model. A DNS answer teaches the memory the
+// names of its addresses. An alarm record made from baseAlarmJson gives the
+// same key.
+std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory);
 
 // The alarm, with the keys the manager's feedback list uses.
 std::string baseAlarmJson(const _BASE_EVENTINFO& event);

@@ -12,6 +12,11 @@ public:
     std::string getBlackLog(_BASE_EVENTINFO& event, int flag) override;
     int saveOriginLog(_BASE_EVENTINFO& event, const char* logDir) override;
     int feedbackAlarm(_BASE_EVENTINFO& event) override;
+
+private:
+    // Fills the result fields; true when the module would do nothing more
+    // with the event (white, decided, not for the origin log).
+    bool judge(_BASE_EVENTINFO& event, const Sighting& sighting);
 };
 
 }  // namespace baseeng

@@ -1,5 +1,7 @@
 #include "behaviour_model.h"
 
+#include "feature_kinds.h"
+
 #include <algorithm>
 #include <map>
 #include <vector>
@@ -9,7 +11,27 @@ namespace baseeng {
 namespace {
 const char kLearnPeriod[] = "LEARN_PEROID";
 const char kFilterPeriod[] = "FILTER_PEROID";
+// 2: subjects normalised; 1: literal texts.
+const unsigned kFormat = 2;
 }  // namespace
+
+void addFeature(BehaviourModel& model, const std::string& feature) {
+    std::size_t colon = feature.find(':');
+    if (colon != std::string::npos && isFileKind(feature.data(), colon)) {
+        std::size_t slash = feature.rfind('/');
+        if (slash != std::string::npos && slash > colon + 1) {
+            model.memory.fileDirectories.insert(feature.substr(colon + 1, slash - colon - 1));
+        }
+    }
+    model.features.insert(feature);
+}
+
+void clearFeatures(BehaviourModel& model) {
+    model.features.clear();
+    model.memory.fileDirectories.clear();
+    model.droppedFeatures = 0;
+    model.progress.reset();
+}
 
 std::string featureKey(const char* kind, const std::string& subject) {
     std::string key(kind);
@@ -22,7 +44,8 @@ const char* periodName(const BehaviourModel& model, unsigned unitSeconds) {
     return model.learning(unitSeconds) ? kLearnPeriod : kFilterPeriod;
 }
 
-void writeModelStatus(JsonWriter& writer, const BehaviourModel& model, unsigned unitSeconds) {
+void writeModelStatus(JsonWriter& writer, const BehaviourModel& model, unsigned unitSeconds,
+                      unsigned long long pendingRepeats) {
     writer.StartObject();
     putString(writer, "model_name", model.name);
     putString(writer, "period", periodName(model, unitSeconds));
@@ -34,12 +57,18 @@ void writeModelStatus(JsonWriter& writer, const BehaviourModel& model, unsigned 
     putBool(writer, "running", model.running);
     putUint(writer, "feature_count", model.features.size());
     putUint(writer, "features_dropped", model.droppedFeatures);
+    putUint(writer, "new_features_per_hour", model.progress.newInLastHour(model.learnedSeconds));
+    if (model.progress.anyNew()) {
+        putUint(writer, "last_new_feature_seconds", model.progress.lastNewAt());
+    }
+    putBool(writer, "stable", model.progress.stable(model.learnedSeconds, model.periodSeconds(unitSeconds)));
+    putUint(writer, "alarm_repeats_pending", pendingRepeats);
     writer.EndObject();
 }
 
 void writeModelData(JsonWriter& writer, const BehaviourModel& model, unsigned unitSeconds) {
     writer.StartObject();
-    putUint(writer, "format", 1);
+    putUint(writer, "format", kFormat);
     putString(writer, "model_name", model.name);
     putString(writer, "period", periodName(model, unitSeconds));
     putUint(writer, "learn_time", model.learnTime);
@@ -59,6 +88,10 @@ void writeModelData(JsonWriter& writer, const BehaviourModel& model, unsigned un
         writer.Uint64(pid);
     }
     writer.EndArray();
+    writer.Key("address_names");
+    model.memory.addressNames.write(writer);
+    writer.Key("progress");
+    model.progress.write(writer);
 
     // Grouped by kind and sorted, so that equal models give equal texts.
     std::map<std::string, std::vector<std::string>> byKind;
@@ -126,6 +159,16 @@ bool readModelData(const rapidjson::Value& data, std::size_t maxFeatures, Behavi
             }
         }
     }
+    auto names = data.FindMember("address_names");
+    if (names != data.MemberEnd()) {
+        model.memory.addressNames.read(names->value);
+    }
+    auto progress = data.FindMember("progress");
+    if (progress != data.MemberEnd()) {
+        model.progress.read(progress->value);
+    }
+    auto format = data.FindMember("format");
+    bool literal = format == data.MemberEnd() || !format->value.IsUint() || format->value.GetUint() < kFormat;
     auto features = data.FindMember("features");
     if (features != data.MemberEnd() && features->value.IsObject()) {
         for (const auto& kind : features->value.GetObject()) {
@@ -140,12 +183,16 @@ bool readModelData(const rapidjson::Value& data, std::size_t maxFeatures, Behavi
                 if (!subject.IsString()) {
                     continue;
                 }
+                std::string text(subject.GetString(), subject.GetStringLength());
+                std::string key = featureKey(kindName.c_str(), literal ? upgradedSubject(kindName, text) : text);
+                if (model.features.count(key) != 0) {
+                    continue;  // literal texts that now fold together
+                }
                 if (model.features.size() >= maxFeatures) {
                     ++model.droppedFeatures;
                     continue;
                 }
-                model.features.insert(
-                    featureKey(kindName.c_str(), std::string(subject.GetString(), subject.GetStringLength())));
+                addFeature(model, key);
             }
         }
     }

@@ -9,9 +9,18 @@
 
 #include <rapidjson/document.h>
 
+#include "address_names.h"
 #include "json_text.h"
+#include "learning_progress.h"
+#include "normalise_command.h"
 
 namespace baseeng {
+
+// What a model knows besides its features, which its features depend on.
+struct ModelMemory {
+    AddressNames addressNames;     // from the DNS answers its application got
+    DirectorySet fileDirectories;  // of its file features
+};
 
 struct BehaviourModel {
     std::string name;
@@ -21,7 +30,9 @@ struct BehaviourModel {
     bool running = true;
     std::set<std::string> processPaths;  // the application's executables
     std::set<unsigned long long> pids;   // processes whose events are the model's
-    std::unordered_set<std::string> features;  // "kind:subject"
+    std::unordered_set<std::string> features;  // "kind:subject", subjects normalised
+    ModelMemory memory;
+    LearningProgress progress;
     unsigned long long droppedFeatures = 0;    // not learned: the model was full
     bool changed = true;                       // data differs from what was last published
 
@@ -29,19 +40,30 @@ struct BehaviourModel {
         return learnedSeconds < static_cast<unsigned long long>(learnTime) * unitSeconds;
     }
     bool active() const { return switchOn && running; }
+    unsigned long long periodSeconds(unsigned unitSeconds) const {
+        return static_cast<unsigned long long>(learnTime) * unitSeconds;
+    }
 };
+
+// Adds a feature with what it tells the model's memory (a file's directory).
+void addFeature(BehaviourModel& model, const std::string& feature);
+// Forgets every feature and what was derived from them; looked-up names
+// stay, they come from DNS answers, not from learning.
+void clearFeatures(BehaviourModel& model);
 
 // "kind:subject"; kinds never hold a colon.
 std::string featureKey(const char* kind, const std::string& subject);
 
 const char* periodName(const BehaviourModel& model, unsigned unitSeconds);
 
-void writeModelStatus(JsonWriter& writer, const BehaviourModel& model, unsigned unitSeconds);
+// pendingRepeats: repeats of the model's alarms counted and not yet out.
+void writeModelStatus(JsonWriter& writer, const BehaviourModel& model, unsigned unitSeconds,
+                      unsigned long long pendingRepeats);
 void writeModelData(JsonWriter& writer, const BehaviourModel& model, unsigned unitSeconds);
 
 // Reads the form of writeModelData back. At most maxFeatures are taken, the
-// rest counted as dropped. False when the name or the learning clock is
-// missing or of the wrong type.
+// rest counted as dropped; the literal features of format 1 are normalised.
+// False when the name or the learning clock is missing or of the wrong type.
 bool readModelData(const rapidjson::Value& data, std::size_t maxFeatures, BehaviourModel& model);
 
 }  // namespace baseeng

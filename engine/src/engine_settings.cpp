@@ -45,6 +45,7 @@ const NumericKey kKeys[] = {
     {"learn_unit_seconds", 1, 86400},
     {"max_features", 1, 10000000},
     {"origin_log_max_bytes", 4096, 1024ull * 1024 * 1024},
+    {"alarm_repeat_window_seconds", 0, 86400},
 };
 
 void apply(const std::string& key, unsigned long long value, EngineSettings& settings) {
@@ -52,6 +53,8 @@ void apply(const std::string& key, unsigned long long value, EngineSettings& set
         settings.learnUnitSeconds = static_cast<unsigned>(value);
     } else if (key == "max_features") {
         settings.maxFeatures = static_cast<std::size_t>(value);
+    } else if (key == "alarm_repeat_window_seconds") {
+        settings.alarmRepeatWindowSeconds = static_cast<unsigned>(value);
     } else {
         settings.originLogMaxBytes = static_cast<std::size_t>(value);
     }

@@ -15,6 +15,9 @@ struct EngineSettings {
     std::size_t maxFeatures = 100000;
     // Size at which a model's origin-log file is closed and a new one begun.
     std::size_t originLogMaxBytes = 4u * 1024u * 1024u;
+    // Repeats of an alarm within this many seconds after it go out as one
+    // alarm with a count when the window ends; 0 reports each at once.
+    unsigned alarmRepeatWindowSeconds = 300;
 };
 
 // Reads the [engine] section of an INI file over the defaults in settings.

@@ -38,6 +38,7 @@ bool applySwitch(BehaviourModel& model, unsigned short switchValue) {
 void ModelBook::configure(const EngineSettings& settings) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_settings = settings;
+    m_repeats.setWindow(settings.alarmRepeatWindowSeconds);
 }
 
 EngineSettings ModelBook::settings() const {
@@ -98,8 +99,7 @@ int ModelBook::interact(const _USR_INPUT& input) {
     BehaviourModel& model = found->second;
     switch (input.oprType) {
     case USR_OPR_RELEARN:
-        model.features.clear();
-        model.droppedFeatures = 0;
+        clearFeatures(model);
         model.learnedSeconds = 0;
         model.learnTime = input.learnTime;
         model.changed = true;
@@ -136,7 +136,7 @@ BehaviourModel* ModelBook::findOwner(unsigned long long pid, const std::string& 
     return nullptr;
 }
 
-Sighting ModelBook::observe(unsigned long long pid, const std::string& actorPath, const std::string& feature) {
+Sighting ModelBook::observe(unsigned long long pid, const std::string& actorPath, const FeatureOf& featureOf) {
     Sighting sighting;
     std::lock_guard<std::mutex> lock(m_mutex);
     BehaviourModel* model = findOwner(pid, actorPath);
@@ -147,14 +147,20 @@ Sighting ModelBook::observe(unsigned long long pid, const std::string& actorPath
     sighting.modelName = model->name;
     sighting.active = model->active();
     sighting.learning = model->learning(m_settings.learnUnitSeconds);
-    if (!sighting.active || feature.empty()) {
+    if (!sighting.active) {
+        return sighting;
+    }
+    sighting.feature = featureOf(model->memory);
+    const std::string& feature = sighting.feature;
+    if (feature.empty()) {
         return sighting;
     }
     if (model->features.count(feature) != 0) {
         sighting.known = true;
     } else if (sighting.learning) {
         if (model->features.size() < m_settings.maxFeatures) {
-            model->features.insert(feature);
+            addFeature(*model, feature);
+            model->progress.noteNewFeature(model->learnedSeconds);
             model->changed = true;
             sighting.known = true;
         } else {
@@ -168,16 +174,17 @@ Sighting ModelBook::observe(unsigned long long pid, const std::string& actorPath
     return sighting;
 }
 
-int ModelBook::feedback(const std::string& modelName, const std::string& feature) {
-    if (feature.empty()) {
-        return -1;
-    }
+int ModelBook::feedback(const std::string& modelName, const FeatureOf& featureOf) {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto found = m_models.find(modelName);
     if (found == m_models.end()) {
         return -1;
     }
     BehaviourModel& model = found->second;
+    std::string feature = featureOf(model.memory);
+    if (feature.empty()) {
+        return -1;
+    }
     if (model.features.count(feature) != 0) {
         return 0;
     }
@@ -185,13 +192,45 @@ int ModelBook::feedback(const std::string& modelName, const std::string& feature
         ++model.droppedFeatures;
         return -1;
     }
-    model.features.insert(feature);
+    addFeature(model, feature);
     model.changed = true;
     return 0;
 }
 
+bool ModelBook::admitAlarm(const Sighting& sighting, const std::function<std::string()>& alarmText) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    bool report = m_repeats.admit(sighting.modelName, sighting.feature, m_clock, alarmText);
+    m_dueSummaries.store(m_repeats.dueCount(), std::memory_order_relaxed);  // an ended window may have closed
+    return report;
+}
+
+bool ModelBook::offerSummary(const void* record, bool carrier) {
+    if (m_dueSummaries.load(std::memory_order_relaxed) == 0) {
+        return false;  // the common case: no lock
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (carrier) {
+        return m_repeats.offer(record);
+    }
+    m_repeats.withdraw(record);
+    return false;
+}
+
+bool ModelBook::claimSummary(const void* record, std::string& text) {
+    if (m_dueSummaries.load(std::memory_order_relaxed) == 0) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    bool claimed = m_repeats.claim(record, text);
+    m_dueSummaries.store(m_repeats.dueCount(), std::memory_order_relaxed);
+    return claimed;
+}
+
 void ModelBook::elapse(unsigned seconds) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    m_clock += seconds;
+    m_repeats.advance(m_clock);
+    m_dueSummaries.store(m_repeats.dueCount(), std::memory_order_relaxed);
     for (auto& entry : m_models) {
         BehaviourModel& model = entry.second;
         if (!model.active() || !model.learning(m_settings.learnUnitSeconds)) {
@@ -215,7 +254,7 @@ std::string ModelBook::describe(const std::string& name, const char* unknownName
         if (found == m_models.end()) {
             return unknownName;
         }
-        write(writer, found->second, m_settings.learnUnitSeconds);
+        write(writer, found->second);
         return textOf(buffer);
     }
     if (m_models.empty()) {
@@ -225,16 +264,25 @@ std::string ModelBook::describe(const std::string& name, const char* unknownName
     writer.Key("models");
     writer.StartArray();
     for (const auto& entry : m_models) {
-        write(writer, entry.second, m_settings.learnUnitSeconds);
+        write(writer, entry.second);
     }
     writer.EndArray();
     writer.EndObject();
     return textOf(buffer);
 }
 
-std::string ModelBook::status(const std::string& name) const { return describe(name, "ERROR", writeModelStatus); }
+std::string ModelBook::status(const std::string& name) const {
+    // describe holds the lock while it writes.
+    return describe(name, "ERROR", [this](JsonWriter& writer, const BehaviourModel& model) {
+        writeModelStatus(writer, model, m_settings.learnUnitSeconds, m_repeats.pending(model.name));
+    });
+}
 
-std::string ModelBook::data(const std::string& name) const { return describe(name, "{}", writeModelData); }
+std::string ModelBook::data(const std::string& name) const {
+    return describe(name, "{}", [this](JsonWriter& writer, const BehaviourModel& model) {
+        writeModelData(writer, model, m_settings.learnUnitSeconds);
+    });
+}
 
 std::string ModelBook::nextChanged() {
     std::lock_guard<std::mutex> lock(m_mutex);

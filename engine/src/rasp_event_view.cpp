@@ -5,12 +5,18 @@
 #include <rapidjson/document.h>
 
 #include "json_text.h"
+#include "normalise_command.h"
+#include "normalise_path.h"
+#include "normalise_sql.h"
 
 namespace baseeng {
 
 namespace {
 
 enum { kDns = 0, kAddress = 1, kExecute = 2, kWrite = 3, kDelete = 5, kSqlFirst = 6, kSqlLast = 10 };
+
+const SqlDialect kDialects[] = {SqlDialect::Standard, SqlDialect::MySql, SqlDialect::Oracle, SqlDialect::Postgres,
+                                SqlDialect::SqlServer};
 
 const char* const kActionNames[] = {"dns",  "address", "execute", "write",   "read",     "delete",
                                     "hsql", "mysql",   "oracle",  "postgre", "sqlserver"};
@@ -46,7 +52,29 @@ const std::string& addressHost(const _RASP_EVENTINFO& event) {
     return firstFilled(event.hostName, event.dst_ip);
 }
 
-// The action's subject: what the model learns for it.
+// The host of a destination the probe may give as a URL
+// (scheme://user@host:port/path), an address or a bracketed IPv6 address.
+std::string hostOfDestination(const std::string& destination) {
+    std::size_t start = destination.find("://");
+    start = start == std::string::npos ? 0 : start + 3;
+    std::size_t end = destination.find_first_of("/?#", start);
+    std::string authority = destination.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    std::size_t at = authority.rfind('@');
+    if (at != std::string::npos) {
+        authority.erase(0, at + 1);
+    }
+    if (!authority.empty() && authority.front() == '[') {
+        std::size_t close = authority.find(']');
+        return authority.substr(1, close == std::string::npos ? std::string::npos : close - 1);
+    }
+    std::size_t colon = authority.find(':');
+    if (colon != std::string::npos && authority.find(':', colon + 1) == std::string::npos) {
+        authority.erase(colon);  // host:port; more colons make an IPv6 address
+    }
+    return authority;
+}
+
+// The action's subject as the probe gave it: what alarms and origin logs carry.
 std::string subjectOf(const _RASP_EVENTINFO& event) {
     unsigned type = event.action_type;
     if (type == kDns) {
@@ -85,14 +113,30 @@ const char* raspActionName(unsigned actionType) {
     return actionType <= kSqlLast ? kActionNames[actionType] : nullptr;
 }
 
-std::string raspFeature(const _RASP_EVENTINFO& event) {
-    const char* action = raspActionName(event.action_type);
+std::string raspFeature(const _RASP_EVENTINFO& event, const ModelMemory& memory) {
+    unsigned type = event.action_type;
+    const char* action = raspActionName(type);
     if (action == nullptr) {
         return std::string();
     }
     std::string key(action);
     key.push_back(':');
-    key += subjectOf(event);
+    if (type == kDns) {
+        key += firstFilled(event.dns_name, event.action_data);
+    } else if (type == kAddress) {
+        // The probe's DNS events carry no answers: the host name is all there is.
+        key += event.hostName.empty() ? hostOfDestination(event.dst_ip) : event.hostName;
+        key += "|" + portText(event.port);
+    } else if (type == kExecute) {
+        const std::string& line = firstFilled(event.action_data, event.appCmd);
+        appendNormalisedCommand(key, "", 0, line.data(), line.size(), &memory.fileDirectories);
+    } else if (type <= kDelete) {
+        const std::string& path = firstFilled(event.file_path, event.action_data);
+        appendNormalisedPath(key, path.data(), path.size());
+    } else {
+        const std::string& sql = firstFilled(event.sql_text, event.action_data);
+        appendNormalisedSql(key, sql.data(), sql.size(), kDialects[type - kSqlFirst]);
+    }
     return key;
 }
 

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "behaviour_model.h"
 #include "event_info.h"
 
 namespace baseeng {
@@ -11,9 +12,10 @@ namespace baseeng {
 // The action name of an action_type, or null above the table (0 to 10).
 const char* raspActionName(unsigned actionType);
 
-// "action:subject", empty for an action the library doesn't model. An alarm
-// record made from raspAlarmJson gives the same key.
-std::string raspFeature(const _RASP_EVENTINFO& event);
+// "action:subject" as the model with this memory sees it, empty for an
+// action the library doesn't model. An alarm record made from raspAlarmJson
+// gives the same key.
+std::string raspFeature(const _RASP_EVENTINFO& event, const ModelMemory& memory);
 
 // The alarm, with the keys the manager's feedback list uses.
 std::string raspAlarmJson(const _RASP_EVENTINFO& event);

@@ -9,33 +9,48 @@ enum { kWhite = 1, kBlack = 0 };
 }  // namespace
 
 int RaspModelEngine::processEvent(_RASP_EVENTINFO& event) {
-    std::string feature = raspFeature(event);
     // The probe's events carry no executable path: only process ids name a model.
-    Sighting sighting = m_book.observe(event.pid, std::string(), feature);
+    Sighting sighting = m_book.observe(event.pid, std::string(),
+                                       [&event](ModelMemory& memory) { return raspFeature(event, memory); });
+    bool carrier = judge(event, sighting);
+    if (m_book.offerSummary(&event, carrier)) {
+        event.match_verdict = kBlack;
+    }
+    return 0;
+}
+
+bool RaspModelEngine::judge(_RASP_EVENTINFO& event, const Sighting& sighting) {
     event.origin_log_flag = 0;
     event.match_verdict = kWhite;
     if (!sighting.matched) {
         event.model_status.clear();
         event.model_name.clear();
-        return 0;
+        return true;
     }
     event.model_name = sighting.modelName;
-    if (!sighting.active || feature.empty()) {
+    if (!sighting.active || sighting.feature.empty()) {
         event.model_status.clear();
-        return 0;
+        return true;
     }
     if (sighting.learning) {
         event.model_status = WL_LEARN_PERIOD;
         event.origin_log_flag = 1;
-        return 0;
+        return false;
     }
     // No delay list on this path: an unknown action is black at once.
     event.model_status = WL_FILTER_PERIOD;
-    event.match_verdict = sighting.known ? kWhite : kBlack;
-    return 0;
+    if (sighting.known || !m_book.admitAlarm(sighting, [&event] { return raspAlarmJson(event); })) {
+        return true;
+    }
+    event.match_verdict = kBlack;
+    return false;
 }
 
 std::string RaspModelEngine::getBlackLog(_RASP_EVENTINFO& event, int) {
+    std::string summary;
+    if (m_book.claimSummary(&event, summary)) {
+        return summary;
+    }
     return raspAlarmJson(event);
 }
 
@@ -45,7 +60,8 @@ int RaspModelEngine::saveOriginLog(_RASP_EVENTINFO& event, const char* logDir) {
 }
 
 int RaspModelEngine::feedbackAlarm(_RASP_EVENTINFO& event) {
-    return m_book.feedback(event.model_name, raspFeature(event));
+    return m_book.feedback(event.model_name,
+                           [&event](ModelMemory& memory) { return raspFeature(event, memory); });
 }
 
 }  // namespace baseeng

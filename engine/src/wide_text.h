@@ -18,6 +18,17 @@ std::string narrowText(const wchar_t (&field)[N]) {
     return narrowText(field, N);
 }
 
+// Narrows into a buffer of the field's capacity; the length, never past it.
+template <std::size_t N>
+std::size_t narrowInto(char (&buffer)[N], const wchar_t (&field)[N]) {
+    std::size_t size = 0;
+    while (size < N && field[size] != 0) {
+        buffer[size] = static_cast<char>(static_cast<unsigned>(field[size]) & 0xffu);
+        ++size;
+    }
+    return size;
+}
+
 template <std::size_t N>
 void writeWide(wchar_t (&field)[N], const std::string& text) {
     writeWide(field, N, text);

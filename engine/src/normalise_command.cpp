@@ -1,0 +1,284 @@
+#include "normalise_command.h"
+
+#include <cstring>
+#include <vector>
+
+#include "normalise_path.h"
+#include "variable_runs.h"
+
+namespace baseeng {
+
+namespace {
+
+// Nested "sh -c" deeper than this is kept as it is.
+const int kMaxScriptDepth = 3;
+
+// A word of a command line, unquoted into Words::letters.
+struct Word {
+    std::size_t start;
+    std::size_t size;
+    bool control;  // a shell operator: | || && ; & ( ) < > >>
+};
+
+struct Words {
+    std::string letters;
+    std::vector<Word> list;
+    const char* data(const Word& word) const { return letters.data() + word.start; }
+};
+
+enum : unsigned char { kBlankBit = 1, kControlBit = 2, kQuotingBit = 4 };
+
+struct LineBytes {
+    unsigned char of[256] = {};
+    constexpr LineBytes() {
+        for (unsigned char c : {' ', '\t', '\n', '\r'}) of[c] = kBlankBit;
+        for (unsigned char c : {'|', '&', ';', '<', '>', '(', ')'}) of[c] = kControlBit;
+        for (unsigned char c : {'\'', '"', '\\'}) of[c] = kQuotingBit;
+    }
+};
+constexpr LineBytes kLineBytes;
+
+unsigned char lineBitsOf(char c) { return kLineBytes.of[static_cast<unsigned char>(c)]; }
+bool isBlank(char c) { return lineBitsOf(c) & kBlankBit; }
+bool isControl(char c) { return lineBitsOf(c) & kControlBit; }
+
+// Splits as a shell would: blanks separate, quotes and backslashes group.
+// With script, operators are words of their own.
+Words splitWords(const char* line, std::size_t size, bool script) {
+    Words words;
+    words.letters.reserve(size);
+    words.list.reserve(16);
+    std::size_t i = 0;
+    while (i < size) {
+        while (i < size && isBlank(line[i])) {
+            ++i;
+        }
+        if (i == size) {
+            break;
+        }
+        Word word{words.letters.size(), 0, false};
+        if (script && isControl(line[i])) {
+            word.control = true;
+            while (i < size && isControl(line[i])) {
+                words.letters.push_back(line[i++]);
+            }
+        } else {
+            bool quoted = false;
+            while (i < size && !isBlank(line[i]) && !(script && isControl(line[i]))) {
+                const unsigned char stops = kBlankBit | kQuotingBit | (script ? kControlBit : 0);
+                std::size_t plain = i;
+                while (plain < size && !(lineBitsOf(line[plain]) & stops)) {
+                    ++plain;
+                }
+                if (plain > i) {
+                    words.letters.append(line + i, plain - i);
+                    i = plain;
+                    continue;
+                }
+                char c = line[i++];
+                if (c == '\'') {
+                    quoted = true;
+                    const void* close = std::memchr(line + i, '\'', size - i);
+                    std::size_t end = close != nullptr ? static_cast<std::size_t>(static_cast<const char*>(close) - line) : size;
+                    words.letters.append(line + i, end - i);
+                    i = end + (end < size);
+                } else if (c == '"') {
+                    quoted = true;
+                    while (i < size && line[i] != '"') {
+                        if (line[i] == '\\' && i + 1 < size) {
+                            ++i;
+                        }
+                        words.letters.push_back(line[i++]);
+                    }
+                    i += i < size;
+                } else if (c == '\\' && i < size) {
+                    words.letters.push_back(line[i++]);
+                } else {
+                    words.letters.push_back(c);
+                }
+            }
+            if (words.letters.size() == word.start && !quoted) {
+                continue;
+            }
+        }
+        word.size = words.letters.size() - word.start;
+        words.list.push_back(word);
+    }
+    return words;
+}
+
+bool isShell(const char* executable, std::size_t size) {
+    std::size_t base = size;
+    while (base > 0 && executable[base - 1] != '/') {
+        --base;
+    }
+    auto is = [&](const char* name) {
+        std::size_t length = std::strlen(name);
+        return size - base == length && std::memcmp(executable + base, name, length) == 0;
+    };
+    return is("sh") || is("bash") || is("dash") || is("zsh") || is("ksh") || is("ash");
+}
+
+// -c, or a cluster of one-letter options ending in c (-ec, -xc).
+bool isScriptOption(const char* word, std::size_t size) {
+    if (size < 2 || word[0] != '-' || word[size - 1] != 'c') {
+        return false;
+    }
+    for (std::size_t i = 1; i < size; ++i) {
+        if (!isLower(word[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+const char* findByte(const char* text, std::size_t size, char byte) {
+    return static_cast<const char*>(std::memchr(text, byte, size));
+}
+
+// A file in a learned directory becomes "<directory>/*<extension>".
+void appendValue(std::string& out, const char* value, std::size_t size, const DirectorySet* learned) {
+    if (findByte(value, size, '/') == nullptr) {
+        appendFoldedSegment(out, value, size, false);
+        return;
+    }
+    std::size_t start = out.size();
+    appendNormalisedPath(out, value, size);
+    if (learned == nullptr || learned->empty()) {
+        return;
+    }
+    std::size_t slash = out.rfind('/');
+    if (slash == std::string::npos || slash <= start) {
+        return;
+    }
+    std::string directory(out, start, slash - start);
+    if (learned->count(directory) == 0) {
+        return;
+    }
+    std::size_t dot = out.rfind('.');
+    std::string extension = dot != std::string::npos && dot > slash && out.size() - dot <= 10 ? out.substr(dot) : "";
+    out.resize(slash + 1);
+    out += '*';
+    out += extension;
+}
+
+// An option keeps its name; "name=value" keeps the name and folds the value.
+void appendArgument(std::string& out, const char* argument, std::size_t size, const DirectorySet* learned) {
+    if (size == 0) {
+        out += "''";
+        return;
+    }
+    const char* equals = findByte(argument, size, '=');
+    const char* slash = findByte(argument, size, '/');
+    if (equals != nullptr && equals > argument && (slash == nullptr || equals < slash)) {
+        std::size_t name = static_cast<std::size_t>(equals - argument) + 1;
+        appendFoldedSegment(out, argument, name, false);
+        appendValue(out, argument + name, size - name, learned);
+        return;
+    }
+    appendValue(out, argument, size, learned);
+}
+
+void appendScript(std::string& out, const char* script, std::size_t size, const DirectorySet* learned, int depth);
+
+// Appends the arguments of one command from words.list[i], up to a control
+// word when in a script; returns the index after them.
+std::size_t appendArguments(std::string& out, bool shell, const Words& words, std::size_t i,
+                            const DirectorySet* learned, int depth) {
+    std::size_t previousStart = std::string::npos;
+    std::size_t previousSize = 0;
+    while (i < words.list.size() && !words.list[i].control) {
+        const Word& word = words.list[i];
+        const char* text = words.data(word);
+        if (shell && isScriptOption(text, word.size) && i + 1 < words.list.size() && !words.list[i + 1].control &&
+            depth < kMaxScriptDepth) {
+            out += ' ';
+            out.append(text, word.size);
+            out += " [";
+            appendScript(out, words.data(words.list[i + 1]), words.list[i + 1].size, learned, depth + 1);
+            out += ']';
+            previousStart = std::string::npos;
+            i += 2;
+            continue;
+        }
+        out += ' ';
+        std::size_t start = out.size();
+        appendArgument(out, text, word.size, learned);
+        std::size_t size = out.size() - start;
+        // A list of like arguments (several uploads, several ids) is one shape.
+        bool variable = std::memchr(out.data() + start, '<', size) != nullptr ||
+                        std::memchr(out.data() + start, '*', size) != nullptr;
+        if (variable && previousStart != std::string::npos && previousSize == size &&
+            out.compare(previousStart, size, out, start, size) == 0) {
+            out.resize(start - 1);
+        } else {
+            previousStart = start;
+            previousSize = size;
+        }
+        ++i;
+    }
+    return i;
+}
+
+void appendScript(std::string& out, const char* script, std::size_t size, const DirectorySet* learned, int depth) {
+    Words words = splitWords(script, size, true);
+    std::size_t first = out.size();
+    std::size_t i = 0;
+    bool redirected = false;
+    auto separate = [&] {
+        if (out.size() > first) {
+            out += ' ';
+        }
+    };
+    while (i < words.list.size()) {
+        const Word& word = words.list[i];
+        const char* text = words.data(word);
+        if (word.control) {
+            separate();
+            out.append(text, word.size);
+            redirected = findByte(text, word.size, '<') != nullptr || findByte(text, word.size, '>') != nullptr;
+            ++i;
+            continue;
+        }
+        separate();
+        if (redirected) {
+            // A redirection's target is a file; what follows belongs to the command before it.
+            appendArgument(out, text, word.size, learned);
+            redirected = false;
+            i = appendArguments(out, false, words, i + 1, learned, depth);
+            continue;
+        }
+        const char* equals = findByte(text, word.size, '=');
+        if (equals != nullptr && equals > text && i + 1 < words.list.size() && !words.list[i + 1].control) {
+            appendArgument(out, text, word.size, learned);  // an assignment before the command
+            ++i;
+            continue;
+        }
+        out.append(text, word.size);
+        i = appendArguments(out, isShell(text, word.size), words, i + 1, learned, depth);
+    }
+}
+
+}  // namespace
+
+void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize,
+                             const char* line, std::size_t lineSize, const DirectorySet* learned) {
+    Words words = splitWords(line, lineSize, false);
+    if (executableSize == 0 && !words.list.empty()) {
+        out.append(words.data(words.list.front()), words.list.front().size);
+        appendArguments(out, isShell(words.data(words.list.front()), words.list.front().size), words, 1, learned, 0);
+        return;
+    }
+    out.append(executable, executableSize);
+    appendArguments(out, isShell(executable, executableSize), words, words.list.empty() ? 0 : 1, learned, 0);
+}
+
+std::string normaliseCommand(const std::string& executable, const std::string& commandLine,
+                             const DirectorySet* learned) {
+    std::string out;
+    appendNormalisedCommand(out, executable.data(), executable.size(), commandLine.data(), commandLine.size(),
+                            learned);
+    return out;
+}
+
+}  // namespace baseeng

@@ -1,0 +1,26 @@
+// A command line as a stable feature: the executable and the shape of its
+// arguments, with what varies per request folded.
+#ifndef BASEENG_NORMALISE_COMMAND_H
+#define BASEENG_NORMALISE_COMMAND_H
+
+#include <cstddef>
+#include <string>
+#include <unordered_set>
+
+namespace baseeng {
+
+// The directories holding files a model learned: a file there named in an
+// argument is data the application works on, whatever its name.
+using DirectorySet = std::unordered_set<std::string>;
+
+// executable: the program run, exact; when empty, the first word of the
+// command line. The first word of the command line is its name as invoked
+// and is otherwise skipped. learned may be null.
+void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize,
+                             const char* line, std::size_t lineSize, const DirectorySet* learned);
+std::string normaliseCommand(const std::string& executable, const std::string& commandLine,
+                             const DirectorySet* learned);
+
+}  // namespace baseeng
+
+#endif

@@ -1,0 +1,18 @@
+// An SQL statement as a stable feature: its shape without its values.
+#ifndef BASEENG_NORMALISE_SQL_H
+#define BASEENG_NORMALISE_SQL_H
+
+#include <cstddef>
+#include <string>
+
+namespace baseeng {
+
+// Quoting and comments differ between servers; the rest is common.
+enum class SqlDialect { Standard, MySql, Oracle, Postgres, SqlServer };
+
+void appendNormalisedSql(std::string& out, const char* text, std::size_t size, SqlDialect dialect);
+std::string normaliseSql(const std::string& text, SqlDialect dialect);
+
+}  // namespace baseeng
+
+#endif
