@@ -6,6 +6,7 @@
 
 #include "bus_test_support.h"
 #include "register.h"
+#include "whitelist_event.h"
 #include "whitelist_invoke.h"
 
 namespace {
@@ -78,6 +79,39 @@ TEST(BusPlugins, IdentityVersionAndNullArguments) {
         EXPECT_EQ(version, 1u);
         EXPECT_EQ(static_cast<unsigned int>(c.plugin->GetUniqueID(nullptr)), 0x84ce0002u);
         EXPECT_EQ(static_cast<unsigned int>(c.plugin->GetVersion(nullptr)), 0x84ce0002u);
+    }
+}
+
+TEST(BusQueryInterface, PluginsAnswerWithoutWritingAndEventsHandOutOnlyIEvent) {
+    const _GUID other = {0x04dccc54u, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1}};
+    void* untouched = &untouched;
+    EXPECT_EQ(Register::GetInstance()->QueryInterface(*MbFrame::IEvent::IEvent_ID, &untouched), 0);
+    EXPECT_EQ(static_cast<unsigned int>(WhitelistInvoke::GetInstance()->QueryInterface(*MbFrame::IEvent::IEvent_ID, &untouched)),
+              0x84ce0012u);
+    EXPECT_EQ(untouched, &untouched);
+
+    _RESPONSE_APP_REQUEST_INFO* native = nullptr;
+    MbFrame::IEvent* events[] = {WhitelistEvent::New(native), EventTrace::CBaseEvent::New(native)};
+    for (MbFrame::IEvent* event : events) {
+        ASSERT_NE(event, nullptr);
+        const struct {
+            const _GUID* iid;
+            unsigned int result;
+            void* out;
+            int references;
+        } cases[] = {
+            {MbFrame::IEvent::IEvent_ID, 0, event, 2},
+            {&other, 0x80004002u, nullptr, 2},
+            {MbFrame::IRtmFrame::IRtmFrame_ID, 0x80004002u, nullptr, 2},
+        };
+        for (const auto& c : cases) {
+            void* out = &out;
+            EXPECT_EQ(static_cast<unsigned int>(event->QueryInterface(*c.iid, &out)), c.result) << c.iid->Data1;
+            EXPECT_EQ(out, c.out) << c.iid->Data1;
+        }
+        EXPECT_EQ(static_cast<unsigned int>(event->QueryInterface(*MbFrame::IEvent::IEvent_ID, nullptr)), 0x80004003u);
+        EXPECT_EQ(event->Release(), 1) << "the one successful query added a reference";
+        EXPECT_EQ(event->Release(), 0);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include "bus_test_support.h"
 #include "log_capture.h"
+#include "orv_log.h"
 #include "whitelist_invoke.h"
 
 namespace {
@@ -59,6 +60,43 @@ TEST_F(BusPublisherTest, BadArgumentsAndUnknownTypesInvokeNothing) {
     EXPECT_TRUE(m_dispatch.m_events.empty());
     ASSERT_EQ(m_log.lines().size(), 1u) << m_log.dump();
     EXPECT_TRUE(m_log.contains("rec one message."));
+}
+
+// A bus that answers every delivery with a scripted result and keeps nothing.
+class AnsweringDispatch : public MbFrame::IDispatch {
+public:
+    int Invoke(MbFrame::IEvent* event) override {
+        ++m_invoked;
+        m_lastId = event->GetUniqueID();
+        return m_result;
+    }
+    int m_result = 0;
+    int m_invoked = 0;
+    unsigned int m_lastId = 0;
+};
+
+TEST(BusPublisherInvokeTest, OnlyANegativeAnswerIsLogged) {
+    AnsweringDispatch dispatch;
+    LogCapture log;
+    wlist_invoke->OnAdvised(nullptr, &dispatch);
+    const struct {
+        int result;
+        int logged;
+    } cases[] = {{static_cast<int>(0x84ce0003u), 1}, {-1, 1}, {0, 0}, {1, 0}};
+    for (const auto& c : cases) {
+        log.clear();
+        dispatch.m_invoked = 0;
+        dispatch.m_result = c.result;
+        transmit_rasp_data("{}");
+        EXPECT_EQ(dispatch.m_invoked, 1);
+        EXPECT_EQ(dispatch.m_lastId, 19u);
+        EXPECT_EQ(log.count("Error to Invoke data.", LOG_LVL_ERROR), c.logged) << c.result << log.dump();
+    }
+    wlist_invoke->OnUnadvised(UNADVISE_BY_PLUGIN);
+    log.clear();
+    transmit_rasp_data("{}");
+    EXPECT_EQ(dispatch.m_invoked, 1) << "not after the bus let go";
+    EXPECT_EQ(log.count("bus need init first.", LOG_LVL_ERROR), 1) << log.dump();
 }
 
 TEST_F(BusPublisherTest, PublishedEventsOutliveTheCallWhileTheBusHoldsThem) {

@@ -1,10 +1,13 @@
 // Register::OnEvent, driven with counted events.
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "bus_test_support.h"
 #include "log_capture.h"
 #include "orv_log.h"
 #include "register.h"
+#include "transformer.h"
 #include "whitelist.h"
 
 namespace {
@@ -65,6 +68,77 @@ TEST_F(BusRegisterTest, UnknownActionTypesQueueAClearedRecord) {
         EXPECT_EQ(std::memcmp(&record, &zero, sizeof(zero)), 0) << sub_type;
         EXPECT_EQ(m_log.count("Unknown event ID. event ID:20!", LOG_LVL_INFO), 1) << sub_type << m_log.dump();
     }
+}
+
+enum class Conversion { File, Process, Net, None };
+
+// One record that every conversion accepts, with text everywhere, so that the
+// three conversions give three different results. The network record's name
+// starts 4 bytes later: "dns" for the others, "DNS_QUERY" for it.
+std::vector<unsigned char> recordForAnyConversion() {
+    std::vector<unsigned char> bytes(kNativeRecordMaxSize, 0);
+    const std::size_t textStart = offsetof(net_event_info, event_time) + sizeof(uint64_t);
+    for (std::size_t i = textStart; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<unsigned char>('a' + i % 23);
+    }
+    std::memcpy(bytes.data() + offsetof(process_event_info, event_name), "dns", 4);
+    std::memcpy(bytes.data() + offsetof(net_event_info, event_name), "DNS_QUERY", 10);
+    return bytes;
+}
+
+_BASE_EVENTINFO converted(Conversion conversion, const std::vector<unsigned char>& bytes) {
+    _BASE_EVENTINFO event{};
+    Transformer transformer;
+    const void* data = bytes.data();
+    switch (conversion) {
+    case Conversion::File: transformer.TransformFileMsg(*static_cast<const file_event_info*>(data), event); break;
+    case Conversion::Process: transformer.TransformProcessMsg(*static_cast<const process_event_info*>(data), event); break;
+    case Conversion::Net: transformer.TransformNetEvent(*static_cast<const net_event_info*>(data), event); break;
+    case Conversion::None: break;
+    }
+    return event;
+}
+
+TEST_F(BusRegisterTest, EveryActionTypeTakesItsMasksConversion) {
+    std::map<int, Conversion> expected;
+    for (int sub_type : {1026, 1044, 1045, 1046, 1054, 1055, 1056, 1057}) expected[sub_type] = Conversion::File;
+    expected[1027] = Conversion::Process;
+    for (int sub_type : {1029, 1030, 1031}) expected[sub_type] = Conversion::Net;
+
+    const std::vector<unsigned char> bytes = recordForAnyConversion();
+    std::map<Conversion, _BASE_EVENTINFO> results;
+    for (Conversion c : {Conversion::File, Conversion::Process, Conversion::Net, Conversion::None}) {
+        results[c] = converted(c, bytes);
+    }
+    for (Conversion a : {Conversion::File, Conversion::Process, Conversion::Net}) {
+        for (Conversion b : {Conversion::File, Conversion::Process, Conversion::Net, Conversion::None}) {
+            ASSERT_TRUE(a == b || std::memcmp(&results[a], &results[b], sizeof(_BASE_EVENTINFO)) != 0)
+                << "the record must tell the conversions apart " << static_cast<int>(a) << static_cast<int>(b);
+        }
+    }
+
+    for (int sub_type : {0, -1, 1, 1000, 1025, 1058, 1026 + 32, 1026 + 63, 2048}) expected[sub_type] = Conversion::None;
+    for (int sub_type = 1026; sub_type <= 1057; ++sub_type) expected.emplace(sub_type, Conversion::None);
+    for (const auto& [sub_type, conversion] : expected) {
+        QueueReset::clear();
+        m_log.clear();
+        std::vector<unsigned char> data = bytes;
+        CountedEvent event(20, data.data(), sub_type);
+        deliver(event);
+        ASSERT_EQ(baseQueued(), 1u) << sub_type;
+        const _BASE_EVENTINFO record = baseRecords().back();
+        EXPECT_EQ(std::memcmp(&record, &results[conversion], sizeof(record)), 0)
+            << sub_type << " expected conversion " << static_cast<int>(conversion);
+        EXPECT_EQ(m_log.count("Unknown event ID. event ID:20!", LOG_LVL_INFO), conversion == Conversion::None ? 1 : 0)
+            << sub_type << m_log.dump();
+    }
+}
+
+TEST_F(BusRegisterTest, TelemetryEventWithoutTextQueuesNothing) {
+    CountedEvent event(19, nullptr, 0);
+    deliver(event);
+    EXPECT_EQ(raspQueued() + baseQueued(), 0u);
+    EXPECT_TRUE(m_log.lines().empty()) << m_log.dump();
 }
 
 TEST_F(BusRegisterTest, UnsubscribedIdIsRefused) {

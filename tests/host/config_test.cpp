@@ -61,6 +61,8 @@ TEST_F(HostTest, ReplySwitchesTheTimers) {
         {"[" + entry + "1}," + entry + "0}]", 0, {on[0], on[1], off[0], off[1]}},
         {entry + "1}", 0, {}},
         {"[" + entry + "1}]", -1, {}},
+        {R"([{"module_type":"other_module","switch_status":1}])", 0, {}},
+        {"[" + entry + "1}," + R"({"module_type":"other_module","switch_status":0}])", 0, on},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);

@@ -43,8 +43,13 @@ TEST_F(HostDbgTest, CommandsReachTheirHandlersWithoutGates) {
     // RASP handlers get the full code.
     const std::pair<const char*, std::vector<std::string>> cases[] = {
         {"0", {"whitelist_engine_switch"}},         {"1", {"whitelist_base_task_start"}},
-        {"102", {"whitelist_rasp_task_interact(102)"}}, {"106", {"whitelist_rasp_task_delete(106)"}},
-        {"7", {}}, {R"(8,"path":"/var/base/originLog/1.log")", {}}, {R"(8,"path":7)", {}},
+        {"2", {"whitelist_base_task_interact(2)"}}, {"3", {"whitelist_base_task_interact(3)"}},
+        {"4", {"whitelist_base_task_interact(4)"}}, {"6", {"whitelist_base_task_delete(6)"}},
+        {"101", {"whitelist_rasp_task_start"}},     {"103", {"whitelist_rasp_task_interact(103)"}},
+        {"102", {"whitelist_rasp_task_interact(102)"}}, {"104", {"whitelist_rasp_task_interact(104)"}},
+        {"106", {"whitelist_rasp_task_delete(106)"}},
+        {"5", {}}, {"7", {}}, {"105", {}}, {"107", {}}, {"-1", {}}, {"4294967298", {}},
+        {R"(8,"path":"/var/base/originLog/1.log")", {}}, {R"(8,"path":7)", {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.first);
@@ -56,6 +61,24 @@ TEST_F(HostDbgTest, CommandsReachTheirHandlersWithoutGates) {
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(files[0].kind, 3);
     EXPECT_EQ(files[0].path, "/var/base/originLog/1.log");
+}
+
+TEST_F(HostDbgTest, MessagesWithoutANumericCodeAreRefused) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"7", "invalid input msg"},        {"not json", "invalid input msg"},
+        {"[1]", "invalid input msg"},      {R"({"opr_code":"1"})", "invalid input msg"},
+        {"{}", "invalid input msg"},       {R"({"opr_code":null})", "invalid input msg"},
+        {nullptr, "recv msg is null"},
+    };
+    for (const auto& [msg, message] : cases) {
+        SCOPED_TRACE(msg != nullptr ? msg : "null");
+        host_doubles::reset();
+        m_log.clear();
+        m_table->command(0, 0, 4, msg);
+        EXPECT_TRUE(calls().empty());
+        EXPECT_EQ(m_log.count(message, msg != nullptr ? 2 : 1), 1) << m_log.dump();
+        EXPECT_EQ(m_log.lines().size(), 2u) << "the receipt and the refusal only";
+    }
 }
 
 }  // namespace

@@ -59,6 +59,7 @@ TEST_F(HostUploadTest, BadInputSendsNothing) {
         {nullptr, 0, 2, "The upload data is empty", 2, false},
         {"{broken", 0, 2, "parse json str fail.", 1, false},
         {R"({"a":1})", 7, 2, "error type", 1, true},
+        {R"({"a":1})", -1, 2, "error type", 1, true},
         {R"({"a":1})", 1, 5, "get log common header fail, ret 5.\n", 2, true},
     };
     for (const auto& c : cases) {

@@ -1,6 +1,7 @@
 // Alarm lists, both forms: which elements stop the list and which are dropped.
 #include <gtest/gtest.h>
 
+#include "log_capture.h"
 #include "transformer.h"
 
 namespace {
@@ -49,6 +50,51 @@ TEST(TransformerRaspAlarm, StopVersusDropAndDefaults) {
         EXPECT_EQ(e.dns_name, "example.com");
         EXPECT_EQ(e.match_verdict, 2);
         EXPECT_EQ(e.protocol, "tcp");
+    }
+}
+
+TEST(TransformerAlarmList, OnlyAnArrayIsAList) {
+    const std::pair<std::string, bool> cases[] = {
+        {"{\"event_id\":\"DNS_QUERY\",\"action\":\"dns\",\"model_name\":\"m\"}", false},
+        {"", false},
+        {"not json", false},
+        {"x[]", false},
+        {"[] trailer", false},
+        {"\"[]\"", false},
+        {" \n[ ] \t", true},
+        {"[]", true},
+    };
+    Transformer transformer;
+    for (const auto& [text, isList] : cases) {
+        SCOPED_TRACE(text);
+        LogCapture log;
+        std::vector<_BASE_EVENTINFO> base(1);
+        std::vector<_RASP_EVENTINFO> rasp(1);
+        EXPECT_EQ(transformer.judgeAlarmEventType(text, base), isList);
+        EXPECT_EQ(transformer.judgeAlarmEventType(text, rasp), isList);
+        EXPECT_EQ(base.size(), 1u);
+        EXPECT_EQ(rasp.size(), 1u);
+        EXPECT_EQ(log.count("originLog is not a array", 1), isList ? 0 : 2) << log.dump();
+        EXPECT_EQ(log.lines().size(), isList ? 0u : 2u) << log.dump();
+    }
+}
+
+TEST(TransformerRaspAlarm, DatabaseActionsCarryTheStatement) {
+    const char* actions[] = {"hsql", "mysql", "oracle", "postgre", "sqlserver"};
+    std::string text = "[";
+    for (const char* action : actions) {
+        text += raspAlarm(action, std::string("\"sql_command\":\"drop ") + action + "\",\"url\":\"/db\"") + ",";
+    }
+    text += raspAlarm("mysql", "\"url\":\"/db\"") + "]";  // without its statement: dropped
+    std::vector<_RASP_EVENTINFO> events;
+    EXPECT_TRUE(Transformer().judgeAlarmEventType(text, events));
+    ASSERT_EQ(events.size(), 5u);
+    for (uint16_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(events[i].action_type, 6 + i);
+        EXPECT_EQ(events[i].type, "sql");
+        EXPECT_EQ(events[i].url, "/db");
+        EXPECT_EQ(events[i].action_data, std::string("drop ") + actions[i]);
+        EXPECT_EQ(events[i].sql_text, std::string("drop ") + actions[i]);
     }
 }
 

@@ -121,6 +121,44 @@ TEST(TransformerNativeConversion, ListeningBytesUnderBothNames) {
     }
 }
 
+TEST(TransformerNativeConversion, DnsQueryBytes) {
+    Pair p(4, "DNS_QUERY", 0x1122334455667788ULL, 16);
+    p.withActor();
+    p.text(9610, kDetail + 4, std::string(65, 'n'));  // the name fills its native room
+    p.in.putAt<uint32_t>(9680, 0xA1B2C3D4);
+    p.out.putAt<uint32_t>(kDetail + 0, 0xA1B2C3D4);
+    p.text(9680, kDetail + 2052, "1.2.3.4;" + std::string(1016, 'r'), 255);  // the record keeps 256
+    expectConverted(p, &Transformer::TransformNetEvent);
+}
+
+// The file event name is the canonical one of the number, never the wire's.
+TEST(TransformerNativeConversion, FileEventNameFollowsTheNumber) {
+    const struct {
+        const char* name;
+        uint16_t type;
+        const char* canonical;
+    } cases[] = {
+        {"DNS_QUERY", 16, ""},
+        {"mysql", 7, "FILE_MODIFICATION"},
+        {"hsql", 6, "FILE_CREATION"},
+        {"oracle", 8, "FILE_DELETION"},
+        {"sqlserver", 10, "FILE_TIME_MODIFICATION"},
+        {"PROCESS_CREATION", 1, ""},
+        {"dns", 0, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Pair p(0, c.name, 3, c.type);
+        p.withActor();
+        p.out.putWideChars(kDetail + 0, c.canonical);
+        p.text(9610, kDetail + 3988, "/var/lib/db/ibdata1");
+        p.text(13706, kDetail + 3476, "mysql");
+        p.text(13739, kDetail + 5160, "mysql");
+        p.text(13772, kDetail + 5672, "rw-rw----");
+        expectConverted(p, &Transformer::TransformFileMsg);
+    }
+}
+
 TEST(TransformerNativeConversion, UnknownNameLeavesRecordUntouched) {
     Pair p(0, "PROCESS_EXIT", 1, 0);
     p.in.putNarrow(36, "PROCESS_EXIT");

@@ -97,4 +97,64 @@ TEST_F(TransformerOriginLog, RequiredKeysDecideWhatIsKept) {
     }
 }
 
+std::string wide(const wchar_t* text) { return wcharToString(text); }
+
+TEST_F(TransformerOriginLog, ProcessCreationFillsTheChildAndTheParent) {
+    const std::string keys = kProcessKeys +
+                             ",\"process_sha256\":\"s256\",\"parent_pid\":7,\"parent_ppath\":\"/sbin/init\","
+                             "\"parent_pmd5\":\"pm\",\"parent_pcmd_line\":\"init 3\",\"parent_psha256\":\"ps\"";
+    ASSERT_TRUE(convert(envelope({event("PROCESS_CREATION", keys)})));
+    ASSERT_EQ(m_events.size(), 1u);
+    const _BASE_PROCESSES_INFO& child = m_events[0].detail.process;
+    const _BASE_PROCESSES_INFO& parent = m_events[0].process_info;
+    EXPECT_EQ(u64(child.process_id), 11u);
+    EXPECT_EQ(wide(child.process_guid), "g");
+    EXPECT_EQ(wide(child.process_path), "/bin/app");
+    EXPECT_EQ(wide(child.process_md5), "m");
+    EXPECT_EQ(wide(child.process_cmd_line), "app -x");
+    EXPECT_EQ(wide(child.process_user_name), "root");
+    EXPECT_EQ(wide(child.process_sha256), "s256");
+    EXPECT_EQ(u64(parent.process_id), 7u);
+    EXPECT_EQ(wide(parent.process_path), "/sbin/init");
+    EXPECT_EQ(wide(parent.process_md5), "pm");
+    EXPECT_EQ(wide(parent.process_cmd_line), "init 3");
+    EXPECT_EQ(wide(parent.process_sha256), "ps");
+    EXPECT_EQ(wide(parent.process_guid), "") << "the parent has no GUID key";
+}
+
+TEST_F(TransformerOriginLog, RenamingKeepsTheOldNameToItsNarrowCapacity) {
+    const std::string oldName = "/srv/" + std::string(40, 'o');
+    ASSERT_TRUE(convert(envelope({event("FILE_RENAMING", kProcessKeys + ",\"file_name\":\"/srv/new\",\"prev_file_name\":\"" +
+                                                             oldName + "\",\"file_md5\":\"" + std::string(40, 'a') + "\"")})));
+    ASSERT_EQ(m_events.size(), 1u);
+    const _BASE_FILES_INFO& file = m_events[0].detail.file;
+    EXPECT_EQ(wide(file.prev_file_name), oldName.substr(0, 32));
+    EXPECT_EQ(wide(file.file_md5), std::string(32, 'a'));
+    EXPECT_EQ(wide(file.file_name), "/srv/new");
+    EXPECT_EQ(wide(file.file_event_name), "FILE_RENAMING");
+    EXPECT_EQ(wide(m_events[0].process_info.process_path), "/bin/app");
+}
+
+TEST_F(TransformerOriginLog, OwnerGroupAndPermissionsComeAllOrNone) {
+    const std::string owner = "\"file_user_name\":\"www\"", group = "\"file_group_name\":\"staff\"",
+                      mode = "\"file_permissions\":\"0640\"";
+    const std::pair<std::string, bool> cases[] = {
+        {owner + "," + group + "," + mode, true},
+        {group + "," + mode, false},
+        {owner + "," + mode, false},
+        {owner + "," + group, false},
+    };
+    for (const auto& [keys, written] : cases) {
+        SCOPED_TRACE(keys);
+        m_events.clear();
+        ASSERT_TRUE(convert(envelope({event("FILE_MODIFICATION", kProcessKeys + ",\"file_name\":\"/f\"," + keys)})));
+        ASSERT_EQ(m_events.size(), 1u);
+        const _BASE_FILES_INFO& file = m_events[0].detail.file;
+        EXPECT_EQ(wide(file.file_user_name), written ? "www" : "");
+        EXPECT_EQ(wide(file.file_group_name), written ? "staff" : "");
+        EXPECT_EQ(wide(file.file_permissions), written ? "0640" : "");
+        EXPECT_EQ(wide(file.file_name), "/f");
+    }
+}
+
 }  // namespace

@@ -75,6 +75,25 @@ TEST_F(TransformerRaspConversion, ActionSubjectGoesToItsField) {
     }
 }
 
+TEST_F(TransformerRaspConversion, DatabaseActionsCarryTheStatement) {
+    const char* actions[] = {"hsql", "mysql", "oracle", "postgre", "sqlserver"};
+    for (uint16_t i = 0; i < 5; ++i) {
+        SCOPED_TRACE(actions[i]);
+        const std::string statement = std::string("select * from t") + static_cast<char>('0' + i);
+        _RASP_EVENTINFO event = fresh();
+        EXPECT_TRUE(m_transformer.judgeEventType(
+            message("", std::string("{\"action\":\"") + actions[i] + "\",\"data\":\"" + statement + "\"}"), event));
+        EXPECT_EQ(event.action_type, 6 + i);
+        EXPECT_EQ(event.action_data, statement);
+        EXPECT_EQ(event.sql_text, statement);
+
+        event = fresh();
+        EXPECT_TRUE(m_transformer.judgeEventType(message("", std::string("{\"action\":\"") + actions[i] + "\"}"), event))
+            << "true without the statement";
+        EXPECT_EQ(event.sql_text, "");
+    }
+}
+
 TEST_F(TransformerRaspConversion, AddressAction) {
     _RASP_EVENTINFO event = fresh();
     const std::string text = message("\"ip\":\"10.1.1.1\",\"srcPort\":51000",
