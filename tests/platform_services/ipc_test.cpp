@@ -1,10 +1,12 @@
 // IPC between endpoints on threads that each pump their own loop: answers,
-// failures, and the thread of every callback.
+// failures, the thread of every callback, and peers that break the framing.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,6 +15,7 @@
 #include "cl_ev.h"
 #include "kem_ipc.h"
 #include "log_capture.h"
+#include "socket_client.h"
 #include "temp_install_dir.h"
 
 namespace {
@@ -151,5 +154,69 @@ TEST_F(ServicesIpcTest, FailureGivesNegativeStatusOnTheCallersThread) {
     std::lock_guard<std::mutex> lock(mute.m_lock);
     EXPECT_EQ(mute.m_seen, "x") << "the unanswered request itself arrived";
 }
+
+// A frame as another process writes it: magic, cmd, size, request id in
+// host order, then the data; size is what the head announces.
+std::string wire_frame(std::uint32_t cmd, std::uint32_t id, const std::string& data, std::uint32_t size,
+                       std::uint32_t magic = 0x4B454D49) {
+    const std::uint32_t head[4] = {magic, cmd, size, id};
+    std::string out(sizeof(head), '\0');
+    std::memcpy(&out[0], head, sizeof(head));
+    return out + data;
+}
+
+std::string wire_frame(std::uint32_t cmd, std::uint32_t id, const std::string& data) {
+    return wire_frame(cmd, id, data, static_cast<std::uint32_t>(data.size()));
+}
+
+struct MisbehavingPeer {
+    const char* what;
+    std::string bytes;
+    bool hangUp;  // shuts its writing side after the bytes
+};
+
+void PrintTo(const MisbehavingPeer& peer, std::ostream* os) { *os << peer.what; }
+
+const MisbehavingPeer kIpcPeers[] = {
+    {"Garbage", std::string(64, '\xab'), false},
+    {"WholeFrameWithWrongMagic", wire_frame(9, 1, "{}", 2, 0x494D454B), false},
+    {"HeadOneByteOverTheBound", wire_frame(9, 1, "", 4u * 1024 * 1024 + 1), false},
+    {"HeadWithTheLargestSize", wire_frame(9, 1, "", 0xFFFFFFFFu), false},
+    {"HalfAHeadThenHangUp", wire_frame(9, 1, "").substr(0, 8), true},
+    {"HeadAndHalfTheDataThenHangUp", wire_frame(9, 1, "{\"a\":", 10), true},
+};
+
+class ServicesIpcPeerTest : public ServicesIpcTest, public ::testing::WithParamInterface<MisbehavingPeer> {};
+
+TEST_P(ServicesIpcPeerTest, MisbehavingPeerLosesOnlyItsOwnConnection) {
+    const MisbehavingPeer& c = GetParam();
+    ServerThread server("srv", true);
+    ASSERT_TRUE(server.ok());
+    const std::string path = m_dir.root() + "/var/run/ipc/srv.sock";
+    // Half-way through its request while the other peer misbehaves.
+    const std::string request = wire_frame(1004, 77, "module_switch");
+    SocketPeer good(path);
+    ASSERT_TRUE(good.send(request.substr(0, 20)));
+    SocketPeer bad(path);
+    ASSERT_TRUE(bad.send(c.bytes));
+    if (c.hangUp) bad.hangUp();
+    std::string unexpected;
+    EXPECT_TRUE(bad.readUntilClosed(&unexpected)) << "the endpoint still holds the connection";
+    EXPECT_EQ(unexpected, "");
+
+    ASSERT_TRUE(good.send(request.substr(20))) << "the good peer lost its connection";
+    std::string answer;
+    ASSERT_TRUE(good.readExact(16 + 13, &answer)) << "the good peer got " << answer.size() << " bytes";
+    EXPECT_EQ(answer, wire_frame(1005, 77, "hctiws_eludom"));
+
+    char text[8] = {0};
+    EXPECT_EQ(kem_ipc_call("srv", 1, "ab", 2, text, sizeof(text), 10000), 2) << "new connections are taken";
+    EXPECT_STREQ(text, "ba");
+    std::lock_guard<std::mutex> lock(server.m_lock);
+    EXPECT_EQ(server.m_seen, "module_switchab") << "nothing of the bad peer was delivered";
+}
+
+INSTANTIATE_TEST_SUITE_P(Peers, ServicesIpcPeerTest, ::testing::ValuesIn(kIpcPeers),
+                         [](const ::testing::TestParamInfo<MisbehavingPeer>& info) { return info.param.what; });
 
 }  // namespace

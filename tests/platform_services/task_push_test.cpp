@@ -1,5 +1,5 @@
 // Task push through its real socket: results back to the client, refused
-// requests, and the socket's rights.
+// requests, peers that break the format, and the socket's rights.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -89,6 +89,62 @@ TEST_F(ServicesTaskPushTest, BadRequestsAreAnsweredWithAReasonAndQueueNothing) {
     }
     EXPECT_EQ(task_loop_once(m_handle), 0);
 }
+
+struct MisbehavingPeer {
+    const char* what;
+    std::string bytes;
+    bool hangUp;  // shuts its writing side after the bytes
+    const char* reply;
+};
+
+void PrintTo(const MisbehavingPeer& peer, std::ostream* os) { *os << peer.what; }
+
+std::string noise() {
+    std::string bytes;
+    for (int i = 0; i < 300; ++i) bytes.push_back(static_cast<char>(i % 2 ? 0xfe : 0x01));
+    return bytes;
+}
+
+const MisbehavingPeer kTaskPeers[] = {
+    {"GarbageLine", "\x01\x7f\xff garbage\n", false, "ERR malformed request\n"},
+    {"GarbageWithoutEndOfLine", noise(), false, "ERR malformed request\n"},
+    {"HeadOneByteOverTheBound", "WL_HDL 4194305\n", false, "ERR too large\n"},
+    {"HeadPastAnyInteger", "WL_HDL 99999999999999999999\n", false, "ERR too large\n"},
+    {"HalfAHeadThenHangUp", "WL_H", true, ""},
+    {"HeadAndHalfTheBodyThenHangUp", "WL_HDL 10\n{\"a\":", true, ""},
+};
+
+class ServicesTaskPushPeerTest : public ServicesTaskPushTest, public ::testing::WithParamInterface<MisbehavingPeer> {};
+
+TEST_P(ServicesTaskPushPeerTest, MisbehavingPeerLosesOnlyItsOwnConnection) {
+    const MisbehavingPeer& c = GetParam();
+    const std::string path = push_task_socket_path();
+    g_code = 7;
+    g_message.clear();
+    // Half-way through its request while the other peer misbehaves.
+    SocketPeer good(path);
+    ASSERT_TRUE(good.send("WL_HDL 2\n{"));
+    SocketPeer bad(path);
+    ASSERT_TRUE(bad.send(c.bytes));
+    if (c.hangUp) bad.hangUp();
+    std::string reply;
+    EXPECT_TRUE(bad.readUntilClosed(&reply)) << "the server still holds the connection";
+    EXPECT_EQ(reply, c.reply);
+
+    ASSERT_TRUE(good.send("}")) << "the good client lost its connection";
+    auto answer = std::async(std::launch::async, [&good] {
+        std::string text;
+        good.readUntilClosed(&text, std::chrono::seconds(10));
+        return text;
+    });
+    EXPECT_EQ(pumpUntilAnswered(m_handle, std::move(answer)), "7\n");
+    EXPECT_EQ(g_message, "{}") << "only the good request ran";
+    EXPECT_EQ(pumpUntilAnswered(m_handle, sendAsync("WL_HDL 2\n{}")), "7\n") << "new clients are taken";
+    EXPECT_EQ(task_loop_once(m_handle), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Peers, ServicesTaskPushPeerTest, ::testing::ValuesIn(kTaskPeers),
+                         [](const ::testing::TestParamInfo<MisbehavingPeer>& info) { return info.param.what; });
 
 TEST_F(ServicesTaskPushTest, UnpumpedHandlerHoldsUpOnlyItsOwnClient) {
     ASSERT_NE(push_task_reg_handler("IDLE", record_task, 0), nullptr);
