@@ -63,8 +63,10 @@ class Actor:
 class Agent:
     def __init__(self, stage):
         self.root = tempfile.mkdtemp(prefix="wl-e2e-")
-        for part in ("bin", "lib", "agent_plugins", "vr_agent"):
-            shutil.copytree(os.path.join(stage, part), os.path.join(self.root, part), symlinks=True)
+        for part in ("bin", "lib", "agent_plugins", "vr_agent", "probes"):
+            if os.path.isdir(os.path.join(stage, part)):
+                shutil.copytree(os.path.join(stage, part), os.path.join(self.root, part), symlinks=True,
+                                ignore=shutil.ignore_patterns("__pycache__"))
         self.process = None
 
     def start(self, *options):
@@ -107,9 +109,11 @@ class Agent:
                 text += f.read()
         return text
 
-    def origin_events(self):
+    def origin_events(self, directory="originLog"):
+        """What the model library logged while learning; "raspOriginLog" for
+        the runtime-application engine."""
         events = []
-        for path in glob.glob(f"{self.root}/var/base/originLog/*.json"):
+        for path in glob.glob(f"{self.root}/var/base/{directory}/*.json"):
             try:
                 with open(path) as f:
                     events += [json.loads(item["message"]) for item in json.load(f)]

@@ -1,55 +1,23 @@
 #!/usr/bin/python3
 """End to end through the real agent: a temporary install root made from
-the stage, with probes/python copied into it; wl-agent started on it; the
-fixture web application started with the probe loaded by PYTHONPATH alone
-(the probe finds the agent's socket from its own place in the root); a
+the stage (probes/python included); wl-agent started on it; the fixture web
+application started with the probe loaded by PYTHONPATH alone (the probe
+finds the agent's socket from its own place in the root); a
 runtime-application model started for it with wlctl. The requests' actions
 must reach the model library, learning: its runtime-application origin log.
 
 usage: probe_agent_e2e.py STAGE_DIR
 Exit 0 passed, 1 failed, 77 skipped (not root, or no stage)."""
-import glob
 import json
 import os
-import shutil
-import signal
 import socket
 import subprocess
 import sys
-import tempfile
-import time
 import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.dirname(os.path.dirname(HERE))
-PYTHON = "/usr/bin/python3"
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def wait_for(what, check, timeout=90, every=0.5):
-    deadline = time.time() + timeout
-    while time.time() < deadline:
-        result = check()
-        if result:
-            return result
-        time.sleep(every)
-    raise AssertionError("timed out waiting for " + what)
-
-
-def origin_messages(root):
-    messages = []
-    for path in glob.glob(os.path.join(root, "var/base/raspOriginLog/*.json")):
-        try:
-            with open(path) as f:
-                messages += [json.loads(item["message"]) for item in json.load(f)]
-        except (ValueError, KeyError, TypeError):
-            pass  # being appended to: read it next time
-    return messages
+sys.path.insert(0, os.path.join(os.path.dirname(HERE), "e2e"))
+from harness import PYTHON, Agent, free_port, wait_for  # noqa: E402
 
 
 def main():
@@ -60,17 +28,11 @@ def main():
     if not os.path.exists(os.path.join(stage, "bin", "wl-agent")):
         print("SKIP: no stage at " + stage)
         return 77
-    root = tempfile.mkdtemp(prefix="wl-probe-agent-")
-    for part in ("bin", "lib", "agent_plugins", "vr_agent"):
-        if os.path.isdir(os.path.join(stage, part)):
-            shutil.copytree(os.path.join(stage, part), os.path.join(root, part), symlinks=True)
-    shutil.copytree(os.path.join(REPO, "probes", "python"), os.path.join(root, "probes", "python"),
-                    ignore=shutil.ignore_patterns("__pycache__"))
+    agent = Agent(stage)
+    root = agent.root
     app_dir = os.path.join(root, "app")
     os.mkdir(app_dir)
-    agent_out = open(os.path.join(root, "agent.out"), "w")
-    agent = subprocess.Popen([os.path.join(root, "bin", "wl-agent"), "--root", root, "--asset-interval", "2"],
-                             stdout=agent_out, stderr=subprocess.STDOUT)
+    agent.start("--no-discover")
     app = None
     failed = False
     try:
@@ -93,12 +55,8 @@ def main():
         wait_for("the application", serving, 30)
         exe = os.readlink("/proc/%d/exe" % app.pid)
 
-        def wlctl(*args):
-            return subprocess.run([os.path.join(root, "bin", "wlctl"), "--root", root, *args],
-                                  capture_output=True, text=True, timeout=30)
-
         def started():
-            return wlctl("--rasp", "start", "shop", exe, str(port), "60").returncode == 0
+            return agent.wlctl("--rasp", "start", "shop", exe, str(port), "60").returncode == 0
         wait_for("the model to start", started, 90, every=2)
 
         def learned():
@@ -106,7 +64,7 @@ def main():
             for path, query in (("/search", "name=lamp"), ("/run", ""), ("/lookup", "")):
                 with urllib.request.urlopen("http://127.0.0.1:%d%s?%s" % (port, path, query), timeout=10) as r:
                     r.read()
-            messages = origin_messages(root)
+            messages = agent.origin_events("raspOriginLog")
             got = {(m["data"]["data"]["action"], json.dumps(m["data"]["data"].get("data"))) for m in messages
                    if m.get("pid") == app.pid and m["data"].get("url", "").startswith("http://127.0.0.1:%d/" % port)}
             want = {("hsql", json.dumps("select name from items where name = ?")),
@@ -117,21 +75,12 @@ def main():
     except Exception as error:
         failed = True
         print("FAILED: %s" % error)
-        with open(os.path.join(root, "agent.out")) as f:
-            print(f.read()[-3000:])
+        agent.show_logs()
     finally:
         if app is not None:
             app.kill()
             app.wait()
-        agent.send_signal(signal.SIGTERM)
-        try:
-            agent.wait(timeout=15)
-        except subprocess.TimeoutExpired:
-            agent.kill()
-            agent.wait()
-        agent_out.close()
-        if not failed:
-            shutil.rmtree(root, ignore_errors=True)
+        agent.stop()
     print("%d passed, %d failed" % (0 if failed else 1, 1 if failed else 0))
     return 1 if failed else 0
 
