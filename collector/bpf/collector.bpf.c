@@ -395,6 +395,22 @@ static __always_inline __u32 kind_of(long nr)
     }
 }
 
+/* The syscalls the program reports on; every other one leaves at once. */
+static __always_inline bool reported_syscall(long nr)
+{
+    switch (nr) {
+    case NR_open: case NR_creat: case NR_openat: case NR_openat2:
+    case NR_truncate: case NR_unlink: case NR_unlinkat:
+    case NR_rename: case NR_renameat: case NR_renameat2:
+    case NR_utime: case NR_utimes: case NR_utimensat: case NR_futimesat:
+    case NR_connect: case NR_listen:
+    case NR_sendto: case NR_sendmsg: case NR_sendmmsg:
+        return true;
+    default:
+        return false;
+    }
+}
+
 SEC("raw_tp/sys_enter")
 int handle_sys_enter(struct bpf_raw_tracepoint_args *ctx)
 {
@@ -405,17 +421,8 @@ int handle_sys_enter(struct bpf_raw_tracepoint_args *ctx)
     __u32 tgid, zero = 0;
     bool keep = false;
 
-    switch (nr) { /* first, and cheapest: is it a syscall we report? */
-    case NR_open: case NR_creat: case NR_openat: case NR_openat2:
-    case NR_truncate: case NR_unlink: case NR_unlinkat:
-    case NR_rename: case NR_renameat: case NR_renameat2:
-    case NR_utime: case NR_utimes: case NR_utimensat: case NR_futimesat:
-    case NR_connect: case NR_listen:
-    case NR_sendto: case NR_sendmsg: case NR_sendmmsg:
-        break;
-    default:
+    if (!reported_syscall(nr)) /* first, and cheapest */
         return 0;
-    }
     id = bpf_get_current_pid_tgid();
     tgid = id >> 32;
     if (!bpf_map_lookup_elem(&watched, &tgid)) /* the one look-up */
@@ -614,17 +621,8 @@ int handle_sys_exit(struct bpf_raw_tracepoint_args *ctx)
     __u64 id;
     __u32 tgid;
 
-    switch (nr) { /* same filter as at enter, before any map look-up */
-    case NR_open: case NR_creat: case NR_openat: case NR_openat2:
-    case NR_truncate: case NR_unlink: case NR_unlinkat:
-    case NR_rename: case NR_renameat: case NR_renameat2:
-    case NR_utime: case NR_utimes: case NR_utimensat: case NR_futimesat:
-    case NR_connect: case NR_listen:
-    case NR_sendto: case NR_sendmsg: case NR_sendmmsg:
-        break;
-    default:
+    if (!reported_syscall(nr)) /* as at enter, before any map look-up */
         return 0;
-    }
     id = bpf_get_current_pid_tgid();
     in = bpf_map_lookup_elem(&inflight, &id);
     if (!in)
