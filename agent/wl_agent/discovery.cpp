@@ -15,21 +15,6 @@ namespace {
 using JsonPtr = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 using IniPtr = std::unique_ptr<void, decltype(&ini_file_free)>;
 
-std::vector<std::string> splitList(const std::string& text) {
-    std::vector<std::string> items;
-    std::size_t at = 0;
-    while (at <= text.size()) {
-        std::size_t comma = text.find(',', at);
-        if (comma == std::string::npos) comma = text.size();
-        std::string item = text.substr(at, comma - at);
-        item.erase(0, item.find_first_not_of(" \t"));
-        item.erase(item.find_last_not_of(" \t") + 1);
-        if (!item.empty()) items.push_back(item);
-        at = comma + 1;
-    }
-    return items;
-}
-
 bool parseNumber(const std::string& text, long low, long high, long* out) {
     char* end = nullptr;
     long value = std::strtol(text.c_str(), &end, 10);
@@ -62,36 +47,18 @@ std::string jsonString(const std::string& value) {
 
 }  // namespace
 
-DiscoverySettings readDiscoverySettings(const std::string& configPath, std::vector<std::string>& problems) {
+DiscoverySettings readDiscoverySettings(const AgentConfig& config, std::vector<std::string>& problems) {
     DiscoverySettings settings;
-    IniPtr ini(ini_file_load(configPath.c_str()), ini_file_free);
-    if (!ini) return settings;
-    auto get = [&](const char* key) -> const char* { return ini_file_get(ini.get(), "discovery", key); };
-    if (const char* v = get("enabled")) {
-        std::string value = v;
-        if (value == "true" || value == "1" || value == "yes")
-            settings.enabled = true;
-        else if (value == "false" || value == "0" || value == "no")
-            settings.enabled = false;
+    settings.enabled = config.getBool("discovery", "enabled", settings.enabled, problems);
+    settings.learnMinutes =
+        static_cast<int>(config.getNumber("discovery", "learn_minutes", 1, 65535, settings.learnMinutes, problems));
+    settings.excludePaths = splitConfigList(config.getText("discovery", "exclude_paths", ""));
+    for (const std::string& item : splitConfigList(config.getText("discovery", "exclude_ports", ""))) {
+        long port = 0;
+        if (parseNumber(item, 1, 65535, &port))
+            settings.excludePorts.insert(static_cast<unsigned>(port));
         else
-            problems.push_back("[discovery] enabled must be true or false, not '" + value + "'");
-    }
-    if (const char* v = get("learn_minutes")) {
-        long minutes = 0;
-        if (parseNumber(v, 1, 65535, &minutes))
-            settings.learnMinutes = static_cast<int>(minutes);
-        else
-            problems.push_back(std::string("[discovery] learn_minutes must be 1 to 65535, not '") + v + "'");
-    }
-    if (const char* v = get("exclude_paths")) settings.excludePaths = splitList(v);
-    if (const char* v = get("exclude_ports")) {
-        for (const std::string& item : splitList(v)) {
-            long port = 0;
-            if (parseNumber(item, 1, 65535, &port))
-                settings.excludePorts.insert(static_cast<unsigned>(port));
-            else
-                problems.push_back("[discovery] exclude_ports: '" + item + "' is no port");
-        }
+            problems.push_back("[discovery] exclude_ports: '" + item + "' is no port");
     }
     return settings;
 }

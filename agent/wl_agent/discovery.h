@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "agent_config.h"
+
 namespace wlagent {
 
 struct DiscoverySettings {
@@ -19,10 +21,10 @@ struct DiscoverySettings {
     std::set<unsigned> excludePorts;        // and these ports
 };
 
-// The [discovery] section of the agent's configuration file; a missing file
-// or key keeps the default. A value that is not usable is refused with a
+// The [discovery] section of the agent's settings; a missing key keeps the
+// default. A value that is not usable is refused with a
 // sentence in problems (and the default kept).
-DiscoverySettings readDiscoverySettings(const std::string& configPath, std::vector<std::string>& problems);
+DiscoverySettings readDiscoverySettings(const AgentConfig& config, std::vector<std::string>& problems);
 
 struct ModelProposal {
     std::string name;  // the executable's file name, made unique among the proposals

@@ -142,7 +142,7 @@ public:
         }
         std::vector<std::string> problems;
         std::string config = opt.config.empty() ? wlagent::agentConfigPath(opt.root) : opt.config;
-        m_settings = wlagent::readDiscoverySettings(config, problems);
+        m_settings = wlagent::readDiscoverySettings(wlagent::AgentConfig::load(config, problems), problems);
         for (const std::string& problem : problems) say(config + ": " + problem + "; the default stays");
         if (!m_settings.enabled) say("discovery is off (" + config + ")");
     }

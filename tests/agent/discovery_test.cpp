@@ -3,6 +3,8 @@
 
 #include <cjson/cJSON.h>
 
+#include <sys/stat.h>
+
 #include <fstream>
 
 #include "discovery.h"
@@ -61,9 +63,10 @@ TEST(Discovery, OneProposalPerListeningExecutable) {
 
 TEST(Discovery, SettingsFromTheAgentConfiguration) {
     std::vector<std::string> problems;
+    auto load = [&](const std::string& path) { return AgentConfig::load(path, problems); };
     DiscoverySettings settings = readDiscoverySettings(
-        writeTemp("agent-good.conf", "[discovery]\nenabled = no\nlearn_minutes = 90\n"
-                                     "exclude_paths = /opt/x, /usr/local/\nexclude_ports = 22,25\n"),
+        load(writeTemp("agent-good.conf", "[discovery]\nenabled = no\nlearn_minutes = 90\n"
+                                     "exclude_paths = /opt/x, /usr/local/\nexclude_ports = 22,25\n")),
         problems);
     EXPECT_TRUE(problems.empty());
     EXPECT_FALSE(settings.enabled);
@@ -72,7 +75,7 @@ TEST(Discovery, SettingsFromTheAgentConfiguration) {
     EXPECT_EQ(settings.excludePorts, (std::set<unsigned>{22, 25}));
 
     settings = readDiscoverySettings(
-        writeTemp("agent-bad.conf", "[discovery]\nenabled = perhaps\nlearn_minutes = 0\nexclude_ports = 22,http\n"),
+        load(writeTemp("agent-bad.conf", "[discovery]\nenabled = perhaps\nlearn_minutes = 0\nexclude_ports = 22,http\n")),
         problems);
     EXPECT_TRUE(settings.enabled) << "a bad value keeps the default";
     EXPECT_EQ(settings.learnMinutes, 1440);
@@ -81,8 +84,27 @@ TEST(Discovery, SettingsFromTheAgentConfiguration) {
                                                   "[discovery] learn_minutes must be 1 to 65535, not '0'",
                                                   "[discovery] exclude_ports: 'http' is no port"}));
     problems.clear();
-    EXPECT_TRUE(readDiscoverySettings("/nonexistent/agent.conf", problems).enabled);
+    EXPECT_TRUE(readDiscoverySettings(load("/nonexistent/agent.conf"), problems).enabled);
     EXPECT_TRUE(problems.empty());
+}
+
+// Drop-ins override the main file key by key, the last in name order winning;
+// files that are not "*.conf" are left alone.
+TEST(Discovery, DropInsOverrideTheMainFile) {
+    std::string main = writeTemp("agent-dropin.conf", "[discovery]\nlearn_minutes = 90\nexclude_ports = 22\n");
+    std::string dir = main + ".d";
+    ::mkdir(dir.c_str(), 0755);
+    writeTemp("agent-dropin.conf.d/20-late.conf", "[discovery]\nlearn_minutes = 30\n");
+    writeTemp("agent-dropin.conf.d/10-early.conf", "[discovery]\nlearn_minutes = 60\nenabled = false\n");
+    writeTemp("agent-dropin.conf.d/30-ignored.conf.bak", "[discovery]\nlearn_minutes = 5\n");
+    std::vector<std::string> problems;
+    AgentConfig config = AgentConfig::load(main, problems);
+    DiscoverySettings settings = readDiscoverySettings(config, problems);
+    EXPECT_TRUE(problems.empty());
+    EXPECT_EQ(settings.learnMinutes, 30);
+    EXPECT_FALSE(settings.enabled);
+    EXPECT_EQ(settings.excludePorts, (std::set<unsigned>{22}));
+    EXPECT_EQ(config.files().size(), 3u);
 }
 
 TEST(Discovery, PrefixesMatchWholeDirectories) {
