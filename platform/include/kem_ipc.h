@@ -2,7 +2,10 @@
  * endpoints, requests with a reply callback, and message subscriptions.
  * Endpoints are Unix stream sockets "@/../var/run/ipc/<name>.sock"; a
  * message is a 16-byte header (magic, cmd, size, request id) and at most
- * 4 MiB of data.
+ * 4 MiB of data. Both ends accept only root or the agent's own user as
+ * their peer (SO_PEERCRED); connections, buffered bytes, messages waiting
+ * for the owner and idle time are bounded (docs/architecture.md, "Local
+ * channels").
  * Callbacks run on the thread that made the endpoint, through its cl_ev
  * loop. */
 #ifndef KEM_IPC_H

@@ -6,8 +6,11 @@
  * <length> bytes of JSON (at most 4 MiB); the reply is "<result code>\n",
  * the code in decimal as an unsigned 32-bit number. A request that can't be
  * served is answered "ERR <reason>\n" (malformed request, too large,
- * unknown handler, busy, handler gone) and the connection closes. The
- * socket exists while at least one handler is registered. */
+ * unknown handler, busy, handler gone) and the connection closes. Only
+ * root and the agent's own user are served (checked by SO_PEERCRED; others
+ * are closed without a word); connections, bytes held and silences are
+ * bounded (docs/architecture.md, "Local channels"). The socket exists
+ * while at least one handler is registered. */
 #ifndef TASK_PUSH_H
 #define TASK_PUSH_H
 

@@ -5,14 +5,22 @@
 namespace kemipc {
 
 namespace {
-constexpr int kSendTimeoutMs = 5000;
+// Answers are small and the socket buffer holds them: a peer whose buffer
+// stays full this long has stopped reading.
+constexpr int kSendTimeoutMs = 2000;
 }
 
 int Connection::send(std::uint32_t cmd, std::uint32_t request_id, const void* data, std::uint32_t size) {
     std::string frame = encode_frame(cmd, request_id, data, size);
     std::lock_guard<std::mutex> lock(m_writeLock);
     auto result = wlsock::write_all(m_fd.get(), frame.data(), frame.size(), -1, wlsock::deadline_in(kSendTimeoutMs));
-    return result == wlsock::IoResult::Ok ? 0 : -1;
+    if (result != wlsock::IoResult::Ok) {
+        // The receiving thread sees the hang-up and drops the connection.
+        ::shutdown(m_fd.get(), SHUT_RDWR);
+        return -1;
+    }
+    touch();
+    return 0;
 }
 
 ConnectionTable& ConnectionTable::instance() {
@@ -20,11 +28,11 @@ ConnectionTable& ConnectionTable::instance() {
     return table.get();
 }
 
-std::shared_ptr<Connection> ConnectionTable::open(wlsock::UniqueFd fd) {
+std::shared_ptr<Connection> ConnectionTable::open(wlsock::UniqueFd fd, wlsock::ConnectionSlot slot) {
     std::lock_guard<std::mutex> lock(m_lock);
     unsigned long id = m_nextId++;
     if (m_nextId == 0) m_nextId = 1;
-    auto connection = std::make_shared<Connection>(std::move(fd), id);
+    auto connection = std::make_shared<Connection>(std::move(fd), id, std::move(slot));
     m_connections[id] = connection;
     return connection;
 }

@@ -15,7 +15,9 @@
 
 #include "cl_ev.h"
 #include "connection.h"
+#include "connection_limits.h"
 #include "kem_ipc.h"
+#include "rate_limit.h"
 #include "unix_socket.h"
 
 namespace kemipc {
@@ -26,6 +28,23 @@ struct Subscription {
     std::mutex lock;
     kem_ipc_msg_fn fn = nullptr;
     void* user = nullptr;
+};
+
+// Messages handed to the owner's loop and not yet run there: bounded, so
+// that a peer sending faster than the owner serves cannot fill the memory.
+struct Backlog {
+    std::atomic<std::size_t> messages{0};
+    std::atomic<std::size_t> bytes{0};
+};
+
+struct EndpointLimits {
+    std::size_t connections;
+    std::size_t per_peer;  // connections of one process
+    std::size_t buffered_bytes;  // partial frames of all connections together
+    std::size_t backlog_messages;
+    std::size_t backlog_bytes;
+    int idle_ms;  // a connection that neither sends nor is answered this long goes
+    static EndpointLimits fromEnvironment();
 };
 
 class Endpoint {
@@ -45,6 +64,8 @@ public:
 
 private:
     void receiveLoop();
+    void acceptOne();
+    void closeIdle();
     void readFrom(const std::shared_ptr<Connection>& connection);
     void drop(unsigned long id);
     void deliver(unsigned long connection, Frame frame);
@@ -55,6 +76,12 @@ private:
     };
     void reapWorkers();
 
+    const EndpointLimits m_limits = EndpointLimits::fromEnvironment();
+    wlsock::ConnectionLimits m_slots{m_limits.connections, m_limits.per_peer};
+    std::shared_ptr<Backlog> m_backlog = std::make_shared<Backlog>();
+    std::size_t m_buffered = 0;  // the receiver's
+    wlsock::RateLimit m_refusalLog;
+    wlsock::RateLimit m_overloadLog;
     std::string m_path;
     wlsock::UniqueFd m_listen;
     wlsock::WakeFd m_stop;

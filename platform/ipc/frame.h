@@ -36,6 +36,8 @@ public:
     // Ready: *frame holds the next one. Bad: wrong magic or oversize data;
     // the stream can't be trusted any further.
     Result take(Frame* frame);
+    // Bytes held for a frame not yet complete.
+    size_t buffered() const { return m_buffer.size(); }
 
 private:
     std::string m_buffer;

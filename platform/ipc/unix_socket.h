@@ -18,6 +18,8 @@
 #include <utility>
 
 #include "dirutils.h"
+#include "peer_cred.h"
+#include "socket_dir.h"
 
 namespace wlsock {
 
@@ -76,7 +78,9 @@ inline bool fill_address(const std::string& path, sockaddr_un* addr) {
     return true;
 }
 
-// Connects to a listening socket; invalid on failure with *err set.
+// Connects to a listening socket; invalid on failure with *err set. A
+// listener that is neither root nor the agent's own user is refused
+// (EPERM): it is not the agent's, whatever its path says.
 inline UniqueFd connect_to(const std::string& path, int* err) {
     sockaddr_un addr;
     if (!fill_address(path, &addr)) {
@@ -92,31 +96,46 @@ inline UniqueFd connect_to(const std::string& path, int* err) {
         *err = errno;
         return UniqueFd();
     }
+    PeerCred server;
+    if (!trusted_peer(fd.get(), &server)) {
+        *err = EPERM;
+        return UniqueFd();
+    }
     *err = 0;
     return fd;
 }
 
-// Listens at path with the given mode: parents are made, a stale socket left
-// by a dead process is replaced, a live one is not (EADDRINUSE).
-inline UniqueFd listen_at(const std::string& path, mode_t mode, int* err) {
+// True when something answers at path: a live socket is never replaced.
+inline bool someone_listens(const std::string& path) {
+    sockaddr_un addr;
+    if (!fill_address(path, &addr)) return false;
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return fd.valid() && ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+}
+
+// Listens at path with the given mode, and the given group when it isn't
+// -1. The directory is made and checked (secure_socket_dir); a stale socket
+// left by a dead process is replaced, a live one is not (EADDRINUSE).
+inline UniqueFd listen_at(const std::string& path, mode_t mode, int* err, gid_t group = static_cast<gid_t>(-1)) {
     sockaddr_un addr;
     if (!fill_address(path, &addr)) {
         *err = ENAMETOOLONG;
         return UniqueFd();
     }
-    std::string dir = path.substr(0, path.rfind('/'));
-    if (!dir.empty() && dirutils_mkdir(dir.c_str(), 0755) != 0) {
-        *err = errno ? errno : EACCES;
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0) {
+        *err = EINVAL;
         return UniqueFd();
     }
+    *err = secure_socket_dir(path.substr(0, slash));
+    if (*err != 0) return UniqueFd();
     struct stat st;
     if (::lstat(path.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) {
             *err = EEXIST;
             return UniqueFd();
         }
-        int probe = 0;
-        if (connect_to(path, &probe).valid()) {
+        if (someone_listens(path)) {
             *err = EADDRINUSE;
             return UniqueFd();
         }
@@ -129,13 +148,13 @@ inline UniqueFd listen_at(const std::string& path, mode_t mode, int* err) {
     }
     // On Linux the socket's own mode becomes the file's mode at bind, so the
     // file is never reachable with wider rights; chmod afterwards to be sure.
-    ::fchmod(fd.get(), mode);
+    ::fchmod(fd.get(), mode & 0700);
     if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         *err = errno;
         return UniqueFd();
     }
-    ::chmod(path.c_str(), mode);
-    if (::listen(fd.get(), 64) != 0) {
+    if ((group != static_cast<gid_t>(-1) && ::chown(path.c_str(), static_cast<uid_t>(-1), group) != 0) ||
+        ::chmod(path.c_str(), mode) != 0 || ::listen(fd.get(), 64) != 0) {
         *err = errno;
         ::unlink(path.c_str());
         return UniqueFd();

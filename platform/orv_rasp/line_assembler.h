@@ -21,6 +21,10 @@ public:
     void feed(const char* data, std::size_t size);
     // End of stream: a last line without its newline still counts.
     void finish();
+    // A line has begun and not ended.
+    bool partial() const { return m_length > 0; }
+    // Bytes held for the line under way.
+    std::size_t buffered() const { return m_line.size(); }
 
 private:
     void endLine();

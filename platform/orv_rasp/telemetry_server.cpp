@@ -1,110 +1,52 @@
 #include "telemetry_server.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
-#include "dirutils.h"
+#include "channel_limit.h"
+#include "line_pid.h"
 #include "orv_log.h"
+#include "peer_policy.h"
 
-#define RASP_LOG(level, ...)                                      \
-    do {                                                          \
-        if (error_output_check(level)) {                          \
+#define RASP_LOG(level, ...)                                          \
+    do {                                                              \
+        if (error_output_check(level)) {                              \
             error_output((level), "orv_rasp", __LINE__, __VA_ARGS__); \
-        }                                                         \
+        }                                                             \
     } while (0)
 
 namespace orv_rasp {
 
 namespace {
 constexpr char kSocketPattern[] = "@/../var/run/rasp_telemetry.sock";
-constexpr std::size_t kMaxConnections = 256;
+constexpr char kCataloguePattern[] = "@/../var/base/rasp_model.cfg";
 constexpr std::size_t kReadChunk = 64 * 1024;
 
-std::string parentDirectory(const std::string& path) {
-    const std::size_t slash = path.find_last_of('/');
-    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+// Root's processes are told apart one by one; another user's share one count.
+std::uint64_t peer_key(const wlsock::PeerCred& peer) {
+    if (peer.uid == 0) return (1ull << 63) | static_cast<std::uint32_t>(peer.pid);
+    return static_cast<std::uint64_t>(peer.uid);
 }
 
-UniqueFd openUnixListener(const std::string& path) {
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
-        RASP_LOG(LOG_LVL_ERROR, "telemetry socket path too long: %s", path.c_str());
-        return UniqueFd();
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    dirutils_mkdir(parentDirectory(path).c_str(), 0755);
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid()) {
-        return UniqueFd();
-    }
-    unlink(path.c_str());  // a stale socket of an earlier run
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(fd.get(), 64) != 0) {
-        RASP_LOG(LOG_LVL_ERROR, "telemetry socket %s: %s", path.c_str(), strerror(errno));
-        return UniqueFd();
-    }
-    // Probes run inside applications, as their users, not as the agent's:
-    // every local user must be able to connect.
-    chmod(path.c_str(), 0666);
-    return fd;
-}
-
-UniqueFd openTcpListener() {
-    const char* text = std::getenv("WL_RASP_TCP_PORT");
-    if (text == nullptr || *text == '\0') {
-        return UniqueFd();
-    }
-    char* end = nullptr;
-    const long port = std::strtol(text, &end, 10);
-    if (*end != '\0' || port <= 0 || port > 65535) {
-        RASP_LOG(LOG_LVL_ERROR, "WL_RASP_TCP_PORT is not a port: %s", text);
-        return UniqueFd();
-    }
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid()) {
-        return UniqueFd();
-    }
-    int on = 1;
-    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof(address));
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);  // never reachable from outside the host
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(fd.get(), 64) != 0) {
-        RASP_LOG(LOG_LVL_ERROR, "telemetry port %ld: %s", port, strerror(errno));
-        return UniqueFd();
-    }
-    return fd;
-}
+unsigned long long as_ull(std::uint64_t value) { return static_cast<unsigned long long>(value); }
 }  // namespace
 
-UniqueFd::~UniqueFd() {
-    if (m_fd >= 0) {
-        close(m_fd);
-    }
-}
-
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-        m_fd = other.release();
-    }
-    return *this;
+TelemetryServer::Limits TelemetryServer::Limits::fromEnvironment() {
+    Limits limits;
+    limits.connections = static_cast<std::size_t>(wlsock::channel_limit("WL_RASP_MAX_CONNECTIONS", 256));
+    limits.per_peer = static_cast<std::size_t>(wlsock::channel_limit("WL_RASP_MAX_PER_PEER", 64));
+    limits.buffered_bytes = static_cast<std::size_t>(wlsock::channel_limit("WL_RASP_MAX_BUFFERED", 16l << 20));
+    limits.idle_ms = static_cast<int>(wlsock::channel_limit("WL_RASP_IDLE_MS", 30000));
+    const char* peers = std::getenv("WL_RASP_PEERS");
+    limits.any_group_member = peers != nullptr && std::strcmp(peers, "group") == 0;
+    return limits;
 }
 
 TelemetryServer::~TelemetryServer() { stop(); }
@@ -122,23 +64,25 @@ int TelemetryServer::registerCallback(orv_rasp_tele_fn callback, void* user) {
 }
 
 int TelemetryServer::start() {
-    char path[4097];
-    std::memset(path, 0, sizeof(path));
-    dirutils_path_transform(kSocketPattern, path, sizeof(path));
-    m_socketPath = path;
-    m_unixListener = openUnixListener(m_socketPath);
-    m_tcpListener = openTcpListener();
-    if (!m_unixListener.valid() && !m_tcpListener.valid()) {
+    m_socketPath = wlsock::resolve_path(kSocketPattern);
+    m_catalogue = wlsock::resolve_path(kCataloguePattern);
+    if (!m_wake.valid() || m_socketPath.empty()) {
         return -1;
     }
-    int pipe_fds[2];
-    if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
-        m_unixListener = UniqueFd();
-        m_tcpListener = UniqueFd();
+    std::string group;
+    const gid_t gid = telemetry_group(&group);
+    const char* wanted = std::getenv("WL_RASP_GROUP");
+    if (wanted != nullptr && *wanted != '\0' && group != wanted) {
+        RASP_LOG(LOG_LVL_ERROR, "telemetry group %s does not exist: only root may connect", wanted);
+    }
+    int err = 0;
+    m_listener = wlsock::listen_at(m_socketPath, 0660, &err, gid);
+    if (!m_listener.valid()) {
+        RASP_LOG(LOG_LVL_ERROR, "telemetry socket %s: %s", m_socketPath.c_str(), std::strerror(err));
         return -1;
     }
-    m_wakeRead = UniqueFd(pipe_fds[0]);
-    m_wakeWrite = UniqueFd(pipe_fds[1]);
+    RASP_LOG(LOG_LVL_INFO, "telemetry socket %s, group %s, peers: %s", m_socketPath.c_str(), group.c_str(),
+             m_limits.any_group_member ? "any member of the group" : "root and the models' applications");
     m_thread = std::thread([this] { run(); });
     return 0;
 }
@@ -147,106 +91,229 @@ void TelemetryServer::stop() {
     if (!m_thread.joinable()) {
         return;
     }
-    const char byte = 0;
-    ssize_t written = write(m_wakeWrite.get(), &byte, 1);
-    (void)written;
+    m_wake.signal();
     m_thread.join();
     m_connections.clear();
-    if (m_unixListener.valid()) {
-        m_unixListener = UniqueFd();
-        unlink(m_socketPath.c_str());
-    }
-    m_tcpListener = UniqueFd();
+    m_listener.reset();
+    ::unlink(m_socketPath.c_str());
 }
 
 void TelemetryServer::run() {
-    std::vector<pollfd> fds;
+    const int tick = std::min(1000, std::max(10, m_limits.idle_ms / 4));
     for (;;) {
-        fds.clear();
-        fds.push_back({m_wakeRead.get(), POLLIN, 0});
-        if (m_unixListener.valid()) {
-            fds.push_back({m_unixListener.get(), POLLIN, 0});
-        }
-        if (m_tcpListener.valid()) {
-            fds.push_back({m_tcpListener.get(), POLLIN, 0});
-        }
-        for (const auto& entry : m_connections) {
-            fds.push_back({entry.first, POLLIN, 0});
-        }
-        if (poll(fds.data(), fds.size(), -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            RASP_LOG(LOG_LVL_ERROR, "telemetry poll: %s", strerror(errno));
-            return;
-        }
-        if (fds[0].revents != 0) {
+        pollfd stop = {m_wake.get(), POLLIN, 0};
+        if (::poll(&stop, 1, 0) > 0) {
             return;  // unloading
         }
-        for (std::size_t i = 1; i < fds.size(); ++i) {
-            if (fds[i].revents == 0) {
-                continue;
-            }
-            const int fd = fds[i].fd;
-            if (fd == m_unixListener.get() || fd == m_tcpListener.get()) {
-                acceptFrom(fd);
-                continue;
-            }
-            auto it = m_connections.find(fd);
-            if (it != m_connections.end() && !readFrom(it->second)) {
-                it->second.lines->finish();
-                m_connections.erase(it);
-            }
+        try {
+            serveOnce(tick);
+        } catch (const std::exception& error) {
+            // Out of memory, most likely: the loop goes on with what it has.
+            ++m_counters.errors;
+            RASP_LOG(LOG_LVL_ERROR, "telemetry server: %s", error.what());
         }
     }
 }
 
-void TelemetryServer::acceptFrom(int listener) {
-    UniqueFd client(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+void TelemetryServer::serveOnce(int timeout_ms) {
+    std::vector<pollfd> fds;
+    fds.reserve(m_connections.size() + 2);
+    fds.push_back({m_wake.get(), POLLIN, 0});
+    fds.push_back({m_listener.get(), POLLIN, 0});
+    for (const auto& entry : m_connections) {
+        fds.push_back({entry.first, POLLIN, 0});
+    }
+    if (::poll(fds.data(), fds.size(), timeout_ms) < 0) {
+        if (errno != EINTR) {
+            RASP_LOG(LOG_LVL_ERROR, "telemetry poll: %s", std::strerror(errno));
+        }
+        return;
+    }
+    if (fds[0].revents != 0) {
+        return;
+    }
+    for (std::size_t i = 2; i < fds.size(); ++i) {
+        if (fds[i].revents == 0) {
+            continue;
+        }
+        auto it = m_connections.find(fds[i].fd);
+        if (it == m_connections.end()) {
+            continue;
+        }
+        const ReadResult result = readFrom(*it->second);
+        if (result != ReadResult::Open) {
+            close(it, result == ReadResult::Ended);
+        }
+    }
+    if (fds[1].revents != 0) {
+        acceptOne();
+    }
+    closeIdle();
+}
+
+bool TelemetryServer::admits(const wlsock::PeerCred& peer, std::string* why) {
+    if (wlsock::trusted_uid(peer.uid) || m_limits.any_group_member) {
+        return true;
+    }
+    if (runs_known_executable(peer.pid, peer.uid, m_catalogue)) {
+        return true;
+    }
+    const std::string exe = executable_of(peer.pid, peer.uid);
+    *why = "its executable " + (exe.empty() ? std::string("(unreadable)") : exe) + " is no model's application";
+    return false;
+}
+
+void TelemetryServer::acceptOne() {
+    wlsock::UniqueFd client(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!client.valid()) {
         return;
     }
-    if (m_connections.size() >= kMaxConnections) {
-        RASP_LOG(LOG_LVL_WARN, "telemetry connection refused: %zu probes connected", m_connections.size());
+    wlsock::PeerCred peer;
+    std::string why = "its credentials are unreadable";
+    std::uint64_t held_back = 0;
+    if (!wlsock::read_peer(client.get(), &peer) || !admits(peer, &why)) {
+        ++m_counters.refused_peers;
+        if (m_peerLog.allow(&held_back)) {
+            RASP_LOG(LOG_LVL_WARN, "telemetry peer pid %d uid %u refused: %s (%llu more refused unlogged)",
+                     static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid), why.c_str(), as_ull(held_back));
+        }
+        return;  // closed without a word
+    }
+    const std::uint64_t key = peer_key(peer);
+    const wlsock::ConnectionLimits::Verdict verdict = m_slots.acquire(key);
+    if (verdict != wlsock::ConnectionLimits::Verdict::Ok) {
+        ++m_counters.refused_busy;
+        if (m_limitLog.allow(&held_back)) {
+            RASP_LOG(LOG_LVL_WARN, "telemetry connection of pid %d uid %u refused: %s (%llu more unlogged)",
+                     static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
+                     verdict == wlsock::ConnectionLimits::Verdict::PeerFull ? "its user has too many"
+                                                                            : "all connections taken",
+                     as_ull(held_back));
+        }
         return;
     }
-    const int fd = client.get();
-    Connection connection;
-    connection.fd = std::move(client);
-    connection.lines = std::make_unique<LineAssembler>(
-        kMaxLineBytes, [this](const std::string& line) { deliver(line); },
-        [](LineRefusal reason, std::size_t length) {
+    auto connection = std::make_unique<Connection>();
+    Connection* raw = connection.get();
+    connection->fd = std::move(client);
+    connection->peer = peer;
+    connection->checked = !wlsock::trusted_uid(peer.uid);
+    connection->slot = wlsock::ConnectionSlot(&m_slots, key);
+    connection->lastByte = Clock::now();
+    connection->lines = std::make_unique<LineAssembler>(
+        kMaxLineBytes, [this, raw](const std::string& line) { deliver(*raw, line); },
+        [this, raw](LineRefusal reason, std::size_t length) {
             if (reason == LineRefusal::TooLong) {
-                RASP_LOG(LOG_LVL_WARN, "telemetry line of %zu bytes refused: over %zu bytes", length, kMaxLineBytes);
+                refuseLine(*raw, "over 1048576 bytes", m_counters.oversize_lines);
+                (void)length;
             } else {
-                RASP_LOG(LOG_LVL_WARN, "empty telemetry line refused");
+                refuseLine(*raw, "empty", m_counters.dropped_lines);
             }
         });
+    const int fd = connection->fd.get();
     m_connections.emplace(fd, std::move(connection));
+    ++m_counters.connections;
+    ++m_counters.active;
 }
 
-bool TelemetryServer::readFrom(Connection& connection) {
+TelemetryServer::ReadResult TelemetryServer::readFrom(Connection& connection) {
     char buffer[kReadChunk];
-    const ssize_t count = read(connection.fd.get(), buffer, sizeof(buffer));
+    const ssize_t count = ::recv(connection.fd.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
     if (count < 0) {
-        return errno == EINTR || errno == EAGAIN;
+        return (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) ? ReadResult::Open : ReadResult::Ended;
     }
     if (count == 0) {
-        return false;
+        return ReadResult::Ended;
     }
-    connection.lines->feed(buffer, static_cast<std::size_t>(count));
-    return true;
+    connection.lastByte = Clock::now();
+    LineAssembler& lines = *connection.lines;
+    m_buffered -= lines.buffered();
+    lines.feed(buffer, static_cast<std::size_t>(count));
+    m_buffered += lines.buffered();
+    if (m_buffered > m_limits.buffered_bytes) {
+        // The connection that tipped it over goes, with its partial line.
+        ++m_counters.overflow_closed;
+        std::uint64_t held_back = 0;
+        if (m_limitLog.allow(&held_back)) {
+            RASP_LOG(LOG_LVL_WARN, "telemetry: %zu bytes of partial lines buffered, connection of pid %d closed "
+                     "(%llu more unlogged)", m_buffered, static_cast<int>(connection.peer.pid), as_ull(held_back));
+        }
+        return ReadResult::Overflowed;
+    }
+    return ReadResult::Open;
 }
 
-void TelemetryServer::deliver(const std::string& line) {
+void TelemetryServer::closeIdle() {
+    const auto now = Clock::now();
+    const auto limit = std::chrono::milliseconds(m_limits.idle_ms);
+    for (auto it = m_connections.begin(); it != m_connections.end();) {
+        Connection& connection = *it->second;
+        if (!connection.lines->partial() || now - connection.lastByte <= limit) {
+            ++it;
+            continue;
+        }
+        // A probe writes whole lines: half of one that stalls is a peer holding memory.
+        ++m_counters.idle_closed;
+        std::uint64_t held_back = 0;
+        if (m_limitLog.allow(&held_back)) {
+            RASP_LOG(LOG_LVL_WARN, "telemetry: pid %d stalled mid-line over %d ms, closed (%llu more unlogged)",
+                     static_cast<int>(connection.peer.pid), m_limits.idle_ms, as_ull(held_back));
+        }
+        auto next = std::next(it);
+        close(it, false);
+        it = next;
+    }
+}
+
+void TelemetryServer::close(Connections::iterator it, bool keep_last_line) {
+    Connection& connection = *it->second;
+    if (keep_last_line) {
+        connection.lines->finish();
+    } else if (connection.lines->partial()) {
+        ++m_counters.dropped_lines;
+    }
+    m_buffered -= connection.lines->buffered();
+    m_connections.erase(it);
+    --m_counters.active;
+}
+
+void TelemetryServer::refuseLine(const Connection& connection, const char* why,
+                                 std::atomic<std::uint64_t>& counter) {
+    ++counter;
+    std::uint64_t held_back = 0;
+    if (m_lineLog.allow(&held_back)) {
+        RASP_LOG(LOG_LVL_WARN, "telemetry line of pid %d uid %u refused: %s (%llu more unlogged)",
+                 static_cast<int>(connection.peer.pid), static_cast<unsigned>(connection.peer.uid), why,
+                 as_ull(held_back));
+    }
+}
+
+void TelemetryServer::deliver(Connection& connection, const std::string& line) {
+    const LineClaim claim = inspect_line(line.c_str());
+    if (claim.shape == LineShape::TooDeep) {
+        refuseLine(connection, describe(claim.shape), m_counters.dropped_lines);
+        return;
+    }
+    if (connection.checked) {
+        if (claim.shape != LineShape::Ok) {
+            refuseLine(connection, describe(claim.shape), m_counters.refused_pid);
+            return;
+        }
+        if (!speaks_for_itself(connection.peer.pid, claim.pid)) {
+            refuseLine(connection, "its pid is another process's", m_counters.refused_pid);
+            return;
+        }
+    }
     orv_rasp_tele_fn callback = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         callback = m_callback;
     }
-    if (callback != nullptr) {
-        callback(line.c_str());
+    if (callback == nullptr) {
+        ++m_counters.dropped_lines;
+        return;
     }
+    ++m_counters.lines;
+    callback(line.c_str());
 }
 
 }  // namespace orv_rasp

@@ -2,17 +2,43 @@
 
 #include <chrono>
 
+#include "channel_limit.h"
 #include "handler_registry.h"
+#include "orv_log.h"
+#include "peer_cred.h"
 #include "request_line.h"
+
+#define TASK_LOG(level, ...)                                           \
+    do {                                                               \
+        if (error_output_check(level)) {                               \
+            error_output((level), "task_push", __LINE__, __VA_ARGS__); \
+        }                                                              \
+    } while (0)
 
 namespace taskpush {
 
 namespace {
-constexpr size_t kMaxClients = 32;
-constexpr int kLineTimeoutMs = 10000;
-constexpr int kBodyTimeoutMs = 30000;
 constexpr int kReplyTimeoutMs = 5000;
+
+// Takes a share of the byte budget, or nothing when it would overflow.
+bool reserve(std::atomic<std::size_t>& used, std::size_t bytes, std::size_t limit) {
+    std::size_t now = used.load();
+    do {
+        if (bytes > limit || now > limit - bytes) return false;
+    } while (!used.compare_exchange_weak(now, now + bytes));
+    return true;
+}
 }  // namespace
+
+TaskSocketServer::Limits TaskSocketServer::Limits::fromEnvironment() {
+    Limits limits;
+    limits.connections = static_cast<std::size_t>(wlsock::channel_limit("WL_TASK_PUSH_MAX_CONNECTIONS", 32));
+    limits.per_peer = static_cast<std::size_t>(wlsock::channel_limit("WL_TASK_PUSH_MAX_PER_PEER", 8));
+    limits.buffered_bytes = static_cast<std::size_t>(wlsock::channel_limit("WL_TASK_PUSH_MAX_BUFFERED", 16l << 20));
+    limits.idle_ms = static_cast<int>(wlsock::channel_limit("WL_TASK_PUSH_IDLE_MS", 10000));
+    limits.request_ms = static_cast<int>(wlsock::channel_limit("WL_TASK_PUSH_REQUEST_MS", 30000));
+    return limits;
+}
 
 TaskSocketServer::TaskSocketServer(HandlerRegistry& registry) : m_registry(registry) {}
 
@@ -47,38 +73,88 @@ void TaskSocketServer::reapFinished() {
 
 void TaskSocketServer::acceptLoop() {
     while (!m_stopping) {
-        pollfd fds[2] = {{m_listen.get(), POLLIN, 0}, {m_stop.get(), POLLIN, 0}};
-        int rc = ::poll(fds, 2, 1000);
-        reapFinished();
-        if (rc <= 0 || (fds[1].revents & POLLIN)) continue;
-        wlsock::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!client.valid()) continue;
-        if (m_clients.size() >= kMaxClients) {
-            reply(client.get(), "ERR busy\n");
-            continue;
+        try {
+            pollfd fds[2] = {{m_listen.get(), POLLIN, 0}, {m_stop.get(), POLLIN, 0}};
+            int rc = ::poll(fds, 2, 1000);
+            reapFinished();
+            if (rc <= 0 || (fds[1].revents & POLLIN)) continue;
+            acceptOne();
+        } catch (const std::exception& error) {
+            // A thread that could not be made, most likely; the client went with it.
+            TASK_LOG(LOG_LVL_ERROR, "task push: %s", error.what());
         }
-        auto finished = std::make_shared<std::atomic<bool>>(false);
-        auto body = [this, finished](wlsock::UniqueFd fd) {
-            serve(std::move(fd));
-            finished->store(true);
-        };
-        m_clients.push_back(Client{std::thread(body, std::move(client)), finished});
     }
+}
+
+void TaskSocketServer::acceptOne() {
+    wlsock::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!client.valid()) return;
+    wlsock::PeerCred peer;
+    std::uint64_t held_back = 0;
+    if (!wlsock::trusted_peer(client.get(), &peer)) {
+        if (m_refusalLog.allow(&held_back)) {
+            TASK_LOG(LOG_LVL_WARN, "task push: refused pid %d uid %u, not root or the agent's user (%llu more unlogged)",
+                     static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
+                     static_cast<unsigned long long>(held_back));
+        }
+        return;  // closed without a word
+    }
+    const std::uint64_t key = static_cast<std::uint64_t>(peer.pid);
+    if (m_slots.acquire(key) != wlsock::ConnectionLimits::Verdict::Ok) {
+        if (m_overloadLog.allow(&held_back)) {
+            TASK_LOG(LOG_LVL_WARN, "task push: busy, connection of pid %d refused (%llu more unlogged)",
+                     static_cast<int>(peer.pid), static_cast<unsigned long long>(held_back));
+        }
+        reply(client.get(), "ERR busy\n");
+        return;
+    }
+    auto slot = std::make_shared<wlsock::ConnectionSlot>(&m_slots, key);
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    auto body = [this, finished, slot](wlsock::UniqueFd fd) {
+        serve(std::move(fd));
+        finished->store(true);
+    };
+    m_clients.push_back(Client{std::thread(body, std::move(client)), finished});
 }
 
 void TaskSocketServer::reply(int fd, const std::string& text) {
     wlsock::write_all(fd, text.data(), text.size(), -1, wlsock::deadline_in(kReplyTimeoutMs));
 }
 
+bool TaskSocketServer::receive(int fd, char* out, std::size_t size, wlsock::Deadline request) {
+    std::size_t got = 0;
+    while (got < size) {
+        wlsock::Deadline idle = wlsock::deadline_in(m_limits.idle_ms);
+        wlsock::IoResult ready = wlsock::wait_for(fd, POLLIN, m_stop.get(), idle < request ? idle : request);
+        if (ready != wlsock::IoResult::Ok) return false;
+        ssize_t n = ::recv(fd, out + got, size - got, MSG_DONTWAIT);
+        if (n == 0) return false;
+        if (n < 0) {
+            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) continue;
+            return false;
+        }
+        got += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
 void TaskSocketServer::serve(wlsock::UniqueFd fd) {
+    try {
+        serveRequest(fd.get());
+    } catch (const std::exception& error) {
+        TASK_LOG(LOG_LVL_ERROR, "task push: request lost: %s", error.what());
+    }
+}
+
+void TaskSocketServer::serveRequest(int fd) {
+    const wlsock::Deadline request = wlsock::deadline_in(m_limits.request_ms);
     std::string line;
-    auto lineDeadline = wlsock::deadline_in(kLineTimeoutMs);
     for (;;) {
         char c = 0;
-        if (wlsock::read_exact(fd.get(), &c, 1, m_stop.get(), lineDeadline) != wlsock::IoResult::Ok) return;
+        if (!receive(fd, &c, 1, request)) return;  // silent or slow: cut off
         if (c == '\n') break;
         if (line.size() >= kMaxLine) {
-            reply(fd.get(), "ERR malformed request\n");
+            reply(fd, "ERR malformed request\n");
             return;
         }
         line.push_back(c);
@@ -87,27 +163,37 @@ void TaskSocketServer::serve(wlsock::UniqueFd fd) {
     unsigned long length = 0;
     switch (parse_request_line(line, &name, &length)) {
         case LineResult::Malformed:
-            reply(fd.get(), "ERR malformed request\n");
+            reply(fd, "ERR malformed request\n");
             return;
         case LineResult::TooLarge:
-            reply(fd.get(), "ERR too large\n");
+            reply(fd, "ERR too large\n");
             return;
         case LineResult::Ok:
             break;
     }
     if (!m_registry.exists(name)) {
-        reply(fd.get(), "ERR unknown handler\n");
+        reply(fd, "ERR unknown handler\n");
         return;
     }
-    std::string body(length, '\0');
-    if (length > 0 &&
-        wlsock::read_exact(fd.get(), &body[0], length, m_stop.get(), wlsock::deadline_in(kBodyTimeoutMs)) !=
-            wlsock::IoResult::Ok) {
-        return;  // the client gave up; nothing was queued
+    if (!reserve(m_buffered, length, m_limits.buffered_bytes)) {
+        std::uint64_t held_back = 0;
+        if (m_overloadLog.allow(&held_back)) {
+            TASK_LOG(LOG_LVL_WARN, "task push: busy, %zu bytes of requests held, one of %lu bytes refused (%llu more unlogged)",
+                     m_buffered.load(), length, static_cast<unsigned long long>(held_back));
+        }
+        reply(fd, "ERR busy\n");
+        return;
     }
+    struct Release {
+        std::atomic<std::size_t>& used;
+        std::size_t bytes;
+        ~Release() { used -= bytes; }
+    } release{m_buffered, length};
+    std::string body(length, '\0');
+    if (length > 0 && !receive(fd, &body[0], length, request)) return;  // nothing was queued
     std::shared_ptr<Task> task = m_registry.submit(name, std::move(body), nullptr, nullptr);
     if (!task) {
-        reply(fd.get(), "ERR unknown handler\n");
+        reply(fd, "ERR unknown handler\n");
         return;
     }
     unsigned int code = 0;
@@ -116,9 +202,9 @@ void TaskSocketServer::serve(wlsock::UniqueFd fd) {
         state = task->waitFor(std::chrono::milliseconds(200), &code);
     }
     if (state == Task::State::Done) {
-        reply(fd.get(), std::to_string(code) + "\n");
+        reply(fd, std::to_string(code) + "\n");
     } else {
-        reply(fd.get(), "ERR handler gone\n");
+        reply(fd, "ERR handler gone\n");
     }
 }
 

@@ -3,12 +3,38 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+
+#include "action_records.h"
+#include "orv_log.h"
+
+#define BUS_LOG(level, ...)                                        \
+    do {                                                           \
+        if (error_output_check(level)) {                           \
+            error_output((level), "tulmb", __LINE__, __VA_ARGS__); \
+        }                                                          \
+    } while (0)
 
 namespace tulmb {
 
 namespace {
+constexpr unsigned int kTextEvent = 19;  // its payload is a NUL-terminated text
+// The bus can't see the size of an opaque payload; the other events carry
+// collector records, so each is charged the largest of those.
+constexpr std::size_t kOpaquePayloadCharge =
+    std::max({sizeof(process_event_info), sizeof(file_event_info), sizeof(net_event_info)});
+
 bool sameId(const Subscription& subscription, const unsigned char* id) {
     return std::memcmp(subscription.id, id, sizeof(subscription.id)) == 0;
+}
+
+std::size_t weigh(MbFrame::IEvent* event, unsigned int id) {
+    std::size_t bytes = sizeof(_RESPONSE_APP_REQUEST_INFO);
+    _RESPONSE_APP_REQUEST_INFO* native = event->GetNativeEvent();
+    if (id == kTextEvent && native != nullptr && native->data != nullptr) {
+        return bytes + std::strlen(static_cast<const char*>(native->data)) + 1;
+    }
+    return bytes + kOpaquePayloadCharge;
 }
 }  // namespace
 
@@ -60,7 +86,7 @@ void Bus::detachFrame(const void* frame) {
 void Bus::stopThread() {
     std::lock_guard<std::mutex> life(m_lifecycle);
     std::thread thread;
-    std::deque<MbFrame::IEvent*> pending;
+    std::deque<Queued> pending;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_frames != 0 || !m_thread.joinable()) {
@@ -78,9 +104,10 @@ void Bus::stopThread() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         pending.swap(m_queue);
+        m_queuedBytes = 0;
     }
-    for (MbFrame::IEvent* event : pending) {
-        event->Release();
+    for (const Queued& entry : pending) {
+        entry.event->Release();
     }
 }
 
@@ -184,24 +211,84 @@ int Bus::invoke(MbFrame::IEvent* event) {
     if (event == nullptr) {
         return MB_E_INVALIDARG;
     }
+    const unsigned int id = event->GetUniqueID() & MB_EVENT_ID_MASK;
+    const std::size_t bytes = weigh(event, id);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_synchronous) {
             if (!m_thread.joinable() || m_stopping) {
                 return MB_E_FAIL;
             }
-            if (m_queue.size() >= kQueueCapacity) {
-                // Never block the publisher on a slow subscriber.
+            const bool fullOfEvents = m_queue.size() >= kQueueCapacity;
+            if (fullOfEvents || m_queuedBytes + bytes > kQueueByteCapacity) {
+                // Never block the publisher on a slow subscriber: the newest goes.
+                ++(fullOfEvents ? m_counters.dropped_full_events : m_counters.dropped_full_bytes);
+                ++m_counters.by_event[id].dropped;
+                reportDrop(id, bytes, !fullOfEvents);
                 return event->AsyncDroppable() ? 1 : MB_E_QUEUE_FULL;
             }
+            ++m_counters.total.published;
+            ++m_counters.by_event[id].published;
             event->AddRef();  // the queue's reference
-            m_queue.push_back(event);
+            m_queue.push_back(Queued{event, bytes});
+            m_queuedBytes += bytes;
             m_queueChanged.notify_one();
             return 0;
         }
+        ++m_counters.total.published;
+        ++m_counters.by_event[id].published;
     }
     deliver(event);
     return 0;
+}
+
+// Under m_mutex.
+void Bus::reportDrop(unsigned int id, std::size_t bytes, bool for_bytes) {
+    std::uint64_t held_back = 0;
+    if (!m_dropLog.allow(&held_back)) {
+        return;
+    }
+    BUS_LOG(LOG_LVL_WARN,
+            "bus queue full (%zu events, %zu bytes): event %u of %zu bytes dropped for its %s; dropped so far: "
+            "%llu for events, %llu for bytes (%llu drops unlogged)",
+            m_queue.size(), m_queuedBytes, id, bytes, for_bytes ? "bytes" : "count",
+            static_cast<unsigned long long>(m_counters.dropped_full_events),
+            static_cast<unsigned long long>(m_counters.dropped_full_bytes), static_cast<unsigned long long>(held_back));
+}
+
+void Bus::deliverTo(Subscription& target, MbFrame::IEvent* event, unsigned int id) {
+    _RESPONSE_STATUS status = {0, 0};
+    event->AddRef();  // the subscriber's reference: it releases it
+    bool failed = false;
+    std::string what = "not a std::exception";
+    try {
+        target.plugin->OnEvent(event, &status);
+    } catch (const std::exception& error) {
+        failed = true;
+        what = error.what();  // the exception is gone once the handler ends
+    } catch (...) {
+        failed = true;
+    }
+    std::uint64_t held_back = 0;
+    bool log = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        EventCounters& mine = m_counters.by_event[id];
+        if (failed) {
+            ++m_counters.total.errors;
+            ++mine.errors;
+            log = m_errorLog.allow(&held_back);
+        } else {
+            ++m_counters.total.delivered;
+            ++mine.delivered;
+        }
+    }
+    // The subscriber may or may not have released its reference before it
+    // threw: leaking one event is better than freeing it twice.
+    if (log) {
+        BUS_LOG(LOG_LVL_ERROR, "a subscriber's OnEvent threw on event %u: %s (%llu more unlogged)", id, what.c_str(),
+                static_cast<unsigned long long>(held_back));
+    }
 }
 
 void Bus::deliver(MbFrame::IEvent* event) {
@@ -218,9 +305,7 @@ void Bus::deliver(MbFrame::IEvent* event) {
         m_delivering.insert(std::this_thread::get_id());
     }
     for (const auto& target : targets) {
-        _RESPONSE_STATUS status = {0, 0};
-        event->AddRef();  // the subscriber's reference: it releases it
-        target->plugin->OnEvent(event, &status);
+        deliverTo(*target, event, id);
     }
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -239,13 +324,19 @@ void Bus::dispatchLoop() {
         if (m_stopping) {
             return;
         }
-        MbFrame::IEvent* event = m_queue.front();
+        Queued next = m_queue.front();
         m_queue.pop_front();
+        m_queuedBytes -= next.bytes;
         lock.unlock();
-        deliver(event);
-        event->Release();  // the queue's reference
+        deliver(next.event);
+        next.event->Release();  // the queue's reference
         lock.lock();
     }
+}
+
+std::string Bus::countersJson() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_counters.toJson(m_queue.size(), m_queuedBytes);
 }
 
 int SubscriptionSetting::GetPluginID(unsigned char (*id)[16]) const {

@@ -1,6 +1,7 @@
 // The one bus of the process, shared by every frame: the plug-ins, their
 // subscriptions, and delivery, either on the caller's thread (synchronous
-// mode) or through a bounded queue served by the bus's own thread.
+// mode) or through a queue, bounded in events and in bytes, served by the
+// bus's own thread.
 #ifndef TULMB_BUS_H
 #define TULMB_BUS_H
 
@@ -11,15 +12,20 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "bus_counters.h"
+#include "rate_limit.h"
 #include "mbframe.h"
 #include "subscription.h"
 
 namespace tulmb {
 
 constexpr std::size_t kQueueCapacity = 4096;
+// A 32-bit process: 4096 telemetry texts of 1 MiB would be all its memory.
+constexpr std::size_t kQueueByteCapacity = 64u << 20;
 
 class Bus {
 public:
@@ -41,6 +47,9 @@ public:
 
     void setSynchronous(bool on);
 
+    // A compact JSON object of the counters.
+    std::string countersJson();
+
     ~Bus();
 
 private:
@@ -49,6 +58,8 @@ private:
     Bus& operator=(const Bus&) = delete;
 
     void deliver(MbFrame::IEvent* event);
+    void deliverTo(Subscription& target, MbFrame::IEvent* event, unsigned int id);
+    void reportDrop(unsigned int id, std::size_t bytes, bool for_bytes);
     void dispatchLoop();
     void removeSubscriptions(const std::function<bool(const Subscription&)>& match, _UNADVISE_REASON reason);
     void stopThread();
@@ -57,7 +68,15 @@ private:
     std::condition_variable m_queueChanged;
     std::condition_variable m_deliveryDone;
     std::vector<std::shared_ptr<Subscription>> m_subscriptions;
-    std::deque<MbFrame::IEvent*> m_queue;
+    struct Queued {
+        MbFrame::IEvent* event;
+        std::size_t bytes;
+    };
+    std::deque<Queued> m_queue;
+    std::size_t m_queuedBytes = 0;
+    BusCounters m_counters;  // under m_mutex
+    wlsock::RateLimit m_dropLog;
+    wlsock::RateLimit m_errorLog;
     // Threads inside deliver(), once per nesting level. Not a thread_local:
     // the library can be unloaded, and its TLS must not outlive it.
     std::multiset<std::thread::id> m_delivering;

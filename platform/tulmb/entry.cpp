@@ -1,9 +1,16 @@
 // The library's exported entry points.
 #include <cstring>
+#include <exception>
 #include <new>
 
+#pragma GCC visibility push(default)
+#include "tulmb_counters.h"
+#pragma GCC visibility pop
+
 #include "bus.h"
+#include "bus_counters.h"
 #include "frame.h"
+#include "text_out.h"
 
 extern "C" __attribute__((visibility("default"))) int DllGetClassObject(const _GUID& clsid, const _GUID& iid,
                                                                          void** out) {
@@ -30,4 +37,13 @@ extern "C" __attribute__((visibility("default"))) int DllGetClassObject(const _G
 // Test hook: non-zero delivers on the publisher's thread inside Invoke.
 extern "C" __attribute__((visibility("default"))) void tulmb_set_synchronous(int on) {
     tulmb::Bus::instance().setSynchronous(on != 0);
+}
+
+// For the operator's tools: see tulmb_counters.h.
+extern "C" __attribute__((visibility("default"))) int tulmb_counters_json(char* out, int size) {
+    try {
+        return wlsock::text_out(tulmb::Bus::instance().countersJson(), out, size);
+    } catch (const std::exception&) {
+        return -1;  // no memory for the text
+    }
 }
