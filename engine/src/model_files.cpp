@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include "atomic_file.h"
 #include "engine_log.h"
 #include "file_handles.h"
 
@@ -33,29 +34,9 @@ unsigned fnv1a(const std::string& text) {
     return hash;
 }
 
+// Models hold what applications did: root and the agent's group only.
 bool writeFileAtomically(const std::string& path, const std::string& content) {
-    std::string temporary = path + ".tmp";
-    {
-        FileHandle file(std::fopen(temporary.c_str(), "wb"));
-        if (!file) {
-            return false;
-        }
-        if (std::fwrite(content.data(), 1, content.size(), file.get()) != content.size() ||
-            std::fflush(file.get()) != 0) {
-            file.reset();
-            std::remove(temporary.c_str());
-            return false;
-        }
-        if (std::fclose(file.release()) != 0) {
-            std::remove(temporary.c_str());
-            return false;
-        }
-    }
-    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-        std::remove(temporary.c_str());
-        return false;
-    }
-    return true;
+    return file_write_atomic(path.c_str(), content.data(), content.size(), 0640) == 0;
 }
 
 }  // namespace

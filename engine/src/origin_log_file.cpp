@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "file_handles.h"
 
@@ -33,8 +35,22 @@ bool writeAll(FILE* file, const std::string& text) {
     return std::fwrite(text.data(), 1, text.size(), file) == text.size();
 }
 
+// Origin logs hold what applications did: root and the agent's group only.
+FILE* createPrivate(const std::string& path) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
+    if (fd < 0) {
+        return nullptr;
+    }
+    ::fchmod(fd, 0640);
+    FILE* file = ::fdopen(fd, "wb");
+    if (!file) {
+        ::close(fd);
+    }
+    return file;
+}
+
 int startFile(const std::string& path, const std::string& element) {
-    FileHandle file(std::fopen(path.c_str(), "wb"));
+    FileHandle file(createPrivate(path));
     if (!file || !writeAll(file.get(), "[\n" + element + kClosing)) {
         return -1;
     }

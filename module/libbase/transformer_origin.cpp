@@ -14,6 +14,30 @@
 #define WL_LOG_SOURCE "transformer"
 #include "wl_log.h"
 
+namespace {
+
+// The writer puts each element on a line of its own and closes the array
+// after each append; a crash during an append leaves the last line torn.
+// Rebuilds the array from the lines that are whole objects; empty if none.
+std::string wholeElements(const std::string& text) {
+    std::string kept;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        if (text[start] == '{') {
+            const std::string line = text.substr(start, end - start);
+            rapidjson::Document element;
+            element.Parse(line.c_str());
+            if (element.IsObject()) kept += (kept.empty() ? "[" : ",") + line;
+        }
+        start = end + 1;
+    }
+    return kept.empty() ? kept : kept + "]";
+}
+
+}  // namespace
+
 bool Transformer::judgeEventType(std::string originLog, std::vector<_BASE_EVENTINFO>& events) {
     const std::string::size_type open = originLog.find('[');
     if (open == std::string::npos) {
@@ -22,17 +46,21 @@ bool Transformer::judgeEventType(std::string originLog, std::vector<_BASE_EVENTI
     }
     originLog.erase(0, open);
     const std::string::size_type close = originLog.rfind(']');
-    if (close == std::string::npos) {
-        WL_LOG(1, "originLog is not a array, not include ']'");
-        return false;
-    }
-    originLog.erase(close + 1);
 
     rapidjson::Document doc;
-    doc.Parse(originLog.c_str());
+    if (close != std::string::npos) doc.Parse(originLog.substr(0, close + 1).c_str());
     if (!doc.IsArray()) {
-        WL_LOG(1, "originLog is not a array");
-        return false;
+        const std::string salvaged = wholeElements(originLog);
+        if (salvaged.empty()) {
+            if (close == std::string::npos) {
+                WL_LOG(1, "originLog is not a array, not include ']'");
+            } else {
+                WL_LOG(1, "originLog is not a array");
+            }
+            return false;
+        }
+        WL_LOG(2, "originLog cut short, its whole elements are read");
+        doc.Parse(salvaged.c_str());
     }
 
     // One cleared buffer, reused: the record is too large for a thread's stack.

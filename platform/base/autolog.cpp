@@ -82,7 +82,7 @@ extern "C" int autolog_init(const char* dir, int flags) {
     if (!dir || !*dir) return -1;
     if (kembase::t_binding) return 0;
     std::string cleaned = kembase::stripTrailingSlashes(dir);
-    if (dirutils_mkdir(cleaned.c_str(), 0755) != 0) return -1;
+    if (dirutils_mkdir(cleaned.c_str(), 0750) != 0) return -1;
     std::shared_ptr<kembase::LogFile> file = kembase::acquire(kembase::logPathFor(cleaned));
     if (!file) return -1;
     kembase::t_binding = std::move(file);

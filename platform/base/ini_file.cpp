@@ -6,12 +6,13 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "atomic_file.h"
 #include "unique_fd.h"
 
 namespace {
@@ -39,6 +40,8 @@ struct IniDocument {
         return sections.size() - 1;
     }
 };
+
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
 std::string trim(const std::string& text) {
     const char* blanks = " \t\r\n";
@@ -94,6 +97,15 @@ bool readWhole(const char* path, std::string& text) {
     }
 }
 
+// The reader trims blanks around names and values and ends a line at a line
+// break, so only a text without either comes back as it was set.
+bool readsBackAs(const char* text, bool needsText) {
+    const size_t length = std::strlen(text);
+    if (length == 0) return !needsText;
+    if (std::strchr(text, '\n')) return false;
+    return !isBlank(text[0]) && !isBlank(text[length - 1]);
+}
+
 IniDocument* from(ini_handle_t ini) {
     return static_cast<IniDocument*>(ini);
 }
@@ -128,18 +140,27 @@ extern "C" const char* ini_file_get(ini_handle_t ini, const char* section, const
     return nullptr;
 }
 
+extern "C" const char* ini_file_section_name(ini_handle_t ini, int index) {
+    IniDocument* doc = from(ini);
+    if (!doc || index < 0 || static_cast<size_t>(index) >= doc->sections.size()) return nullptr;
+    return doc->sections[static_cast<size_t>(index)].name.c_str();
+}
+
 extern "C" int ini_file_set(ini_handle_t ini, const char* section, const char* key, const char* value) {
     IniDocument* doc = from(ini);
-    if (!doc || !section || !key || !*key) return -1;
-    std::string cleanKey = trim(key);
-    if (cleanKey.empty() || cleanKey.find('=') != std::string::npos) return -1;
-    std::string cleanSection = trim(section);
-    std::string cleanValue = value ? trim(value) : std::string();
-    // What could not be read back as written is refused.
-    if (cleanSection.find_first_of("]\n") != std::string::npos) return -1;
-    if (cleanKey[0] == ';' || cleanKey[0] == '#' || cleanKey[0] == '[' || cleanKey.find('\n') != std::string::npos) return -1;
-    if (cleanValue.find('\n') != std::string::npos) return -1;
-    setValue(doc->sections[doc->indexOf(cleanSection)], cleanKey, cleanValue);
+    if (!doc || !section || !key || !value || !readsBackAs(section, false) || !readsBackAs(key, true) ||
+        !readsBackAs(value, false)) {
+        errno = EINVAL;
+        return -1;
+    }
+    // Each of these would change meaning when the file is read again.
+    const std::string cleanSection = section, cleanKey = key;
+    if (cleanSection.find(']') != std::string::npos || cleanKey.find('=') != std::string::npos ||
+        cleanKey[0] == ';' || cleanKey[0] == '#' || cleanKey[0] == '[') {
+        errno = EINVAL;
+        return -1;
+    }
+    setValue(doc->sections[doc->indexOf(cleanSection)], cleanKey, value);
     return 0;
 }
 
@@ -157,23 +178,8 @@ extern "C" int ini_file_save(ini_handle_t ini, const char* path, int flags) {
         text += '[' + section.name + "]\n";
         for (const auto& entry : section.entries) text += entry.first + '=' + entry.second + '\n';
     }
-    // Write beside the target and rename, so a failed write keeps the old file.
-    std::string temp = std::string(path) + ".tmp";
-    {
-        std::ofstream out(temp, std::ios::trunc);
-        if (!out.is_open()) return -1;
-        out << text;
-        out.flush();
-        if (!out) {
-            remove(temp.c_str());
-            return -1;
-        }
-    }
-    if (rename(temp.c_str(), path) != 0) {
-        remove(temp.c_str());
-        return -1;
-    }
-    return 0;
+    // Catalogues name what the agent watches: root and the agent's group only.
+    return file_write_atomic(path, text.data(), text.size(), 0640) == 0 ? 0 : -1;
 }
 
 extern "C" void ini_file_free(ini_handle_t ini) {

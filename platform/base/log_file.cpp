@@ -11,8 +11,14 @@ namespace kembase {
 
 namespace {
 
+// Logs hold what applications did (URLs, command lines): root and the
+// agent's group only, whatever the umask.
+constexpr mode_t kLogMode = 0640;
+
 UniqueFd openAppend(const std::string& path) {
-    return UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode));
+    if (fd.valid()) ::fchmod(fd.get(), kLogMode);
+    return fd;
 }
 
 void writeAll(int fd, const char* data, size_t len) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -44,6 +46,34 @@ TEST(Autolog, EachThreadKeepsTheFirstFileItBoundUntilDeinit) {
     EXPECT_TRUE(has(workText, "work line 49") && !has(workText, "engine") && !has(workText, "rebound")) << workText;
     EXPECT_TRUE(has(engineText, "engine line 49") && has(engineText, "rebound") && !has(engineText, "work"))
         << engineText;
+}
+
+// Logs hold what applications did; a log left wider by an older build is tightened.
+TEST(Autolog, LogFilesAndDirectoriesAreRootAndGroupOnly) {
+    LogCapture capture;
+    TempDir tmp;
+    std::string dir = tmp / "var/log/agent/white_list";
+    std::filesystem::create_directories(tmp / "old");
+    writeFile(tmp / "old/old.log", "earlier line\n");
+    std::filesystem::permissions(tmp / "old/old.log", std::filesystem::perms(0666));
+    mode_t old = ::umask(0);
+    std::thread worker([&] {
+        ASSERT_EQ(autolog_init(dir.c_str(), 5), 0);
+        error_output(LOG_LVL_INFO, "t", 1, "a line");
+        autolog_deinit();
+        ASSERT_EQ(autolog_init((tmp / "old").c_str(), 5), 0);
+        error_output(LOG_LVL_INFO, "t", 1, "a line");
+        autolog_deinit();
+    });
+    worker.join();
+    ::umask(old);
+    auto mode = [](const std::string& path) {
+        return static_cast<unsigned>(std::filesystem::status(path).permissions()) & 0777;
+    };
+    EXPECT_EQ(mode(dir + "/white_list.log"), 0640u);
+    EXPECT_EQ(mode(dir), 0750u);
+    EXPECT_EQ(mode(tmp / "var/log"), 0750u) << "parents made on the way too";
+    EXPECT_EQ(mode(tmp / "old/old.log"), 0640u);
 }
 
 TEST(Autolog, ThreadsSharingADirectoryShareTheFileUntilTheLastLetsGo) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <errno.h>
+
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -72,11 +74,31 @@ TEST(IniFile, BadInputIsRefusedAndLosesNothing) {
     EXPECT_EQ(ini_file_load(tmp.path().c_str()), nullptr) << "a directory is not an ini file";
     Ini ini(ini_file_load(nullptr));
     ASSERT_EQ(ini_file_set(ini.get(), "s", "k", "kept"), 0);
-    // Each would not read back as it was set.
-    const char* refused[][3] = {{"s", "k", "two\nlines"}, {"s", "a=b", "v"}, {"s", "", "v"}, {"s", ";k", "v"},
-                                {"s]x", "k", "v"}};
-    for (const auto& r : refused) EXPECT_NE(ini_file_set(ini.get(), r[0], r[1], r[2]), 0) << r[0] << "." << r[1];
+    // Each would not read back as it was set: refused, never altered.
+    const char* refused[][3] = {
+        {"s", "k", "two\nlines"}, {"s", "k", "cr at end\r"}, {"s", "k", " leading"}, {"s", "k", "trailing "},
+        {"s", "k", "\ttab"},      {"s", "k", "tab\t"},      {"s", "k", " "},        {"s", "a=b", "v"},
+        {"s", "", "v"},           {"s", ";k", "v"},         {"s", "#k", "v"},       {"s", "[k", "v"},
+        {"s", " k", "v"},         {"s", "k ", "v"},         {"s", "k\n", "v"},      {"s]x", "k", "v"},
+        {" s", "k", "v"},         {"s ", "k", "v"},         {"s\nx", "k", "v"},
+    };
+    for (const auto& r : refused) {
+        errno = 0;
+        EXPECT_EQ(ini_file_set(ini.get(), r[0], r[1], r[2]), -1) << r[0] << "." << r[1] << "=" << r[2];
+        EXPECT_EQ(errno, EINVAL) << r[0] << "." << r[1] << "=" << r[2];
+    }
+    EXPECT_EQ(ini_file_set(ini.get(), "s", "k", nullptr), -1);
     EXPECT_EQ(valueOf(ini, "s", "k"), "kept");
+    EXPECT_EQ(valueOf(ini, " s", "k"), "<absent>") << "a refused section is not created";
+
+    // What is accepted comes back byte for byte after a save.
+    const char* accepted[][3] = {{"s", "inner", "a  b\tc\rd"}, {"s", "eq", "x=y"}, {"s", "semi", ";not a comment"},
+                                 {"s", "empty", ""},        {"", "loose", "v"}};
+    for (const auto& a : accepted) ASSERT_EQ(ini_file_set(ini.get(), a[0], a[1], a[2]), 0) << a[1];
+    const std::string path = tmp / "back.ini";
+    ASSERT_EQ(ini_file_save(ini.get(), path.c_str(), 1), 0);
+    Ini back(ini_file_load(path.c_str()));
+    for (const auto& a : accepted) EXPECT_EQ(valueOf(back, a[0], a[1]), a[2]) << a[1];
 }
 
 }  // namespace

@@ -63,6 +63,34 @@ TEST_F(TransformerOriginLog, EnvelopeRefusalsAreLoggedAndKeepTheVector) {
     }
 }
 
+// The writer puts one element per line and closes the array after each
+// append; a crash mid-append leaves the last line torn.
+TEST_F(TransformerOriginLog, ATornLastLineCostsOnlyThatElement) {
+    const std::string process = event("PROCESS_CREATION", "\"parent_pid\":1,\"parent_ppath\":\"/p\"");
+    const std::string file = event("FILE_CREATION", kProcessKeys + ",\"file_name\":\"/f\"");
+    const std::string first = envelope({process}).substr(1, envelope({process}).size() - 2);
+    const std::string second = envelope({file}).substr(1, envelope({file}).size() - 2);
+    const std::string whole = "[\n" + first + "\n,\n" + second + "\n]\n";
+    struct Case {
+        const char* what;
+        std::string text;
+        size_t kept;
+    } cases[] = {
+        {"whole file", whole, 2},
+        {"torn inside the second element", "[\n" + first + "\n,\n" + second.substr(0, second.size() / 2), 1},
+        {"torn after a ']' inside a text", "[\n" + first + "\n,\n{\"message\":\"[x]", 1},
+        {"torn after the separator", "[\n" + first + "\n,\n", 1},
+        {"torn in the first element", "[\n" + first.substr(0, 10), 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture log;
+        m_events.clear();
+        EXPECT_EQ(convert(c.text), c.kept > 0);
+        EXPECT_EQ(m_events.size(), c.kept);
+    }
+}
+
 TEST_F(TransformerOriginLog, SortedByKindIncludingEarlierContent) {
     const std::string file = event("FILE_CREATION", kProcessKeys + ",\"file_name\":\"/f\"");
     const std::string process = event("PROCESS_CREATION", "\"parent_pid\":1,\"parent_ppath\":\"/sbin/init\"");

@@ -24,7 +24,7 @@ protected:
 };
 
 TEST_F(TransformerRaspConversion, RefusedTexts) {
-    for (const std::string text : {" " + message("", "{\"action\":\"dns\"}"), std::string("{\"data\":{}}")}) {
+    for (const std::string& text : {" " + message("", "{\"action\":\"dns\"}"), std::string("{\"data\":{}}")}) {
         _RASP_EVENTINFO event = fresh();
         EXPECT_FALSE(m_transformer.judgeEventType(text, event)) << text;
         EXPECT_EQ(event.action, "");

@@ -1,0 +1,76 @@
+// Crash-safe replacement of a file: write beside it, sync, rename, sync the
+// directory. Without the directory sync the rename itself may be lost.
+#include "atomic_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "unique_fd.h"
+
+namespace {
+
+bool writeAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string parentOf(const std::string& path) {
+    size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+// Removes the temporary file without disturbing the errno of the failure.
+int failWith(const std::string& temp, int err) {
+    ::unlink(temp.c_str());
+    errno = err;
+    return -1;
+}
+
+}  // namespace
+
+extern "C" int file_sync_parent_dir(const char* path) {
+    if (!path || !*path) {
+        errno = EINVAL;
+        return -1;
+    }
+    kembase::UniqueFd dir(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir.valid()) return -1;
+    return ::fsync(dir.get()) == 0 ? 0 : -1;
+}
+
+extern "C" int file_write_atomic(const char* path, const void* data, size_t size, unsigned int mode) {
+    if (!path || !*path || (!data && size > 0)) {
+        errno = EINVAL;
+        return -1;
+    }
+    const std::string temp = std::string(path) + ".tmp";
+    {
+        // O_NOFOLLOW: a link planted at the temporary name is not written through.
+        kembase::UniqueFd fd(
+            ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, static_cast<mode_t>(mode)));
+        if (!fd.valid()) return -1;
+        // A temporary file left by a crash keeps its old mode unless told.
+        if (::fchmod(fd.get(), static_cast<mode_t>(mode)) != 0 ||
+            !writeAll(fd.get(), static_cast<const char*>(data), size) || ::fsync(fd.get()) != 0) {
+            return failWith(temp, errno);
+        }
+        if (::close(fd.release()) != 0) return failWith(temp, errno);
+    }
+    if (::rename(temp.c_str(), path) != 0) return failWith(temp, errno);
+    return file_sync_parent_dir(path);
+}
