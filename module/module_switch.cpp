@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "whitelist_upload.h"
+#include "agent_symbol.h"
 #include "wl_log.h"
 
 namespace {
@@ -11,13 +11,9 @@ const void* g_ms_conf_slot = nullptr;
 }  // namespace
 
 const void* module_switch_conf() {
-    if (g_ms_conf_slot == nullptr) {
-        g_ms_conf_slot = dll_get_addr_ex(nullptr, "g_ms_conf");
-        if (g_ms_conf_slot == nullptr) {
-            WL_LOG_AS("agent/include/plugins/module_switch", LOG_LVL_WARN,
-                      "module_switch load g_ms_conf symbol failed, errno: %d\n", errno);
-            dll_close_ex(nullptr);
-        }
-    }
-    return g_ms_conf_slot;
+    return agent_symbol(g_ms_conf_slot, "g_ms_conf", [] {
+        WL_LOG_AS("agent/include/plugins/module_switch", LOG_LVL_WARN,
+                  "module_switch load g_ms_conf symbol failed, errno: %d\n", errno);
+        dll_close_ex(nullptr);
+    });
 }

@@ -38,10 +38,6 @@ int get_process_parentid(int pid);
 unsigned long long ini_file_get_number(void* handle, const char* section, const char* key);
 }
 
-// Whether each tracking pass has had its first call, which does nothing.
-extern bool g_base_open_process_called;
-extern bool g_rasp_open_process_called;
-
 int whitelist_parse_task_input(cJSON* root, task_input_st* input);
 void whitelist_rasp_save_model(const base_init_st& record);
 _USR_INPUT whitelist_build_interact_input(int opr, const std::string& name, const task_input_st& input);

@@ -1,5 +1,8 @@
 #include "whitelist_api_catalogue.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,14 +17,9 @@
 #define WL_LOG_SOURCE "whitelist_api"
 #include "libbase/wl_log.h"
 
-const model_catalogue_st g_base_catalogue = {
-    "@/../var/base/base_model.cfg", "baseengine",
-    "load model. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s", &g_model_array};
-
-const model_catalogue_st g_rasp_catalogue = {
-    "@/../var/base/rasp_model.cfg", "raspengine",
-    "load inner model. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s",
-    &g_rasp_model_array};
+const model_catalogue_st g_base_catalogue = {"@/../var/base/base_model.cfg", "baseengine", false, &g_model_array};
+const model_catalogue_st g_rasp_catalogue = {"@/../var/base/rasp_model.cfg", "raspengine", true,
+                                             &g_rasp_model_array};
 
 namespace {
 
@@ -44,18 +42,43 @@ std::string section_name(int index) {
     return section;
 }
 
-void write_model(void* ini, int index, const base_init_st& record) {
+// A line break in a log line would forge the next one.
+std::string printable(const std::string& text) {
+    std::string shown = text;
+    for (char& c : shown) {
+        if ((unsigned char)c < 0x20) c = '?';
+    }
+    return shown;
+}
+
+// False when a value can't be kept as it is (blanks at an end, a line
+// break): the ini form would hand back another text after a restart.
+bool write_model(void* ini, int index, const base_init_st& record, const char* path) {
     std::string section = section_name(index);
     char study_time[32];
     snprintf(study_time, sizeof(study_time), "%d", record.study_times);
     std::string ports;
     port_set_to_string(record.port, ports);
-    ini_file_set(ini, section.c_str(), "model_name", record.model_name.c_str());
-    ini_file_set(ini, section.c_str(), "app_name", record.app_name.c_str());
-    ini_file_set(ini, section.c_str(), "process_path", record.process_path.c_str());
-    ini_file_set(ini, section.c_str(), "study_time", study_time);
-    ini_file_set(ini, section.c_str(), "alarm", record.alarm ? "1" : "0");
-    ini_file_set(ini, section.c_str(), "port", ports.c_str());
+    const char* const values[][2] = {
+        {"model_name", record.model_name.c_str()},
+        {"app_name", record.app_name.c_str()},
+        {"process_path", record.process_path.c_str()},
+        {"study_time", study_time},
+        {"alarm", record.alarm ? "1" : "0"},
+        {"port", ports.c_str()},
+    };
+    for (const auto& value : values) {
+        if (ini_file_set(ini, section.c_str(), value[0], value[1]) != 0) {
+            WL_LOG(1, "model \"%s\" not kept in %s: its %s \"%s\" has blanks at an end or a line break",
+                   printable(record.model_name).c_str(), path, value[0], printable(value[1]).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+void save_catalogue(void* ini, const std::string& path) {
+    if (ini_file_save(ini, path.c_str(), 1) != 0) WL_LOG(1, "save %s failed: %s", path.c_str(), strerror(errno));
 }
 
 void set_count(void* ini, const char* head_section, int count) {
@@ -121,6 +144,21 @@ std::set<unsigned long long> parse_port_string(char* text) {
     return ports;
 }
 
+// One past the highest model section the file holds: a damaged or planted
+// count of billions must not keep start-up in a loop over absent sections.
+static int model_section_end(void* ini) {
+    int end = 0;
+    for (int i = 0; const char* name = ini_file_section_name(ini, i); ++i) {
+        if (strncmp(name, "model_", 6) != 0) continue;
+        char* rest = nullptr;
+        long value = strtol(name + 6, &rest, 10);
+        // Only the names the writer makes: "model_007" is no model section.
+        if (*rest != '\0' || value < 0 || value >= INT_MAX || section_name((int)value) != name) continue;
+        if (value >= end) end = (int)value + 1;
+    }
+    return end;
+}
+
 void whitelist_load_catalogue(const model_catalogue_st& catalogue) {
     std::string path = catalogue_path(catalogue);
     ini_ptr ini(ini_file_load(path.c_str()));
@@ -133,11 +171,13 @@ void whitelist_load_catalogue(const model_catalogue_st& catalogue) {
 
     // One working record for all sections, as the writer fills them all.
     base_init_st record;
-    for (int index = 0; index < count; ++index) {
+    int end = std::min(count, model_section_end(ini.get()));
+    for (int index = 0; index < end; ++index) {
         std::string section = section_name(index);
         const char* port_text = nullptr;
         if (!read_model(ini.get(), section, record, port_text)) continue;
-        WL_LOG(3, catalogue.load_message, record.model_name.c_str(), record.app_name.c_str(),
+        WL_LOG(3, "load %smodel. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s",
+               catalogue.rasp ? "inner " : "", record.model_name.c_str(), record.app_name.c_str(),
                record.process_path.c_str(), record.study_times, record.alarm ? "true" : "false", port_text);
         (*catalogue.list)->push_back(record);
     }
@@ -152,10 +192,10 @@ void whitelist_append_catalogue(const model_catalogue_st& catalogue, const base_
     } else {
         ini.reset(ini_file_load(nullptr));
     }
-    if (ini) {
+    // A model refused by the file stays in memory until the next restart.
+    if (ini && write_model(ini.get(), old_count, record, path.c_str())) {
         set_count(ini.get(), catalogue.head_section, old_count + 1);
-        write_model(ini.get(), old_count, record);
-        ini_file_save(ini.get(), path.c_str(), 1);
+        save_catalogue(ini.get(), path);
     }
     if (*catalogue.list) (*catalogue.list)->push_back(record);
 }
@@ -165,9 +205,14 @@ void whitelist_rewrite_catalogue(const model_catalogue_st& catalogue) {
     ini_ptr ini(ini_file_load(nullptr));
     if (!ini || !*catalogue.list) return;
     const std::vector<base_init_st>& list = **catalogue.list;
-    set_count(ini.get(), catalogue.head_section, (int)list.size());
-    for (size_t index = 0; index < list.size(); ++index) write_model(ini.get(), (int)index, list[index]);
-    ini_file_save(ini.get(), path.c_str(), 1);
+    // Sections stay numbered without gaps: a refused model's section is
+    // overwritten by the next one, or lies beyond the count.
+    int written = 0;
+    for (const base_init_st& record : list) {
+        if (write_model(ini.get(), written, record, path.c_str())) ++written;
+    }
+    set_count(ini.get(), catalogue.head_section, written);
+    save_catalogue(ini.get(), path);
 }
 
 extern "C" void whitelist_base_load_model_data(void) { whitelist_load_catalogue(g_base_catalogue); }

@@ -10,7 +10,7 @@
 struct model_catalogue_st {
     const char* path;          // "@"-relative file path
     const char* head_section;  // holds "count"
-    const char* load_message;  // level-3 text logged per loaded model
+    bool rasp;                 // the runtime-application engine's catalogue
     std::vector<base_init_st>** list;
 };
 

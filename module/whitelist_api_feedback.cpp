@@ -1,9 +1,8 @@
 #include <cjson/cJSON.h>
 
-#include <cstdlib>
-#include <memory>
 #include <string>
 
+#include "host_json.h"
 #include "whitelist_api.h"
 #include "whitelist_api_engine_calls.h"
 
@@ -14,21 +13,11 @@ namespace {
 
 enum { ALARM_SOURCE_INNER = 0, ALARM_SOURCE_OUTER = 1 };
 
-struct json_deleter {
-    void operator()(cJSON* item) const { cJSON_Delete(item); }
-};
-typedef std::unique_ptr<cJSON, json_deleter> json_ptr;
-
-struct text_deleter {
-    void operator()(char* text) const { free(text); }
-};
-typedef std::unique_ptr<char, text_deleter> text_ptr;
-
 // Hands one group to its engine. 0 when there was nothing to hand over or the
 // engine took it, 2 when it refused.
 int hand_over(cJSON* alarms, bool outer) {
     if (cJSON_GetArraySize(alarms) == 0) return 0;
-    text_ptr text(cJSON_PrintUnformatted(alarms));
+    JsonText text(cJSON_PrintUnformatted(alarms));
     if (!text) return 0;
     if (outer) {
         WL_LOG(4, "outer msg %s", text.get());
@@ -55,8 +44,8 @@ extern "C" int whitelist_base_task_feedback(int opr, cJSON* root) {
         WL_LOG(1, "invalid input data");
         return -1;
     }
-    json_ptr inner(cJSON_CreateArray());
-    json_ptr outer(cJSON_CreateArray());
+    JsonTree inner(cJSON_CreateArray());
+    JsonTree outer(cJSON_CreateArray());
     if (!inner || !outer) {
         WL_LOG(1, "create json array fail");
         return 2;

@@ -16,11 +16,10 @@ namespace {
 struct engine_side_st {
     bool base;
     const model_catalogue_st& catalogue;
-    const char* delete_message;
 };
 
-const engine_side_st kBaseSide = {true, g_base_catalogue, "delete model %s"};
-const engine_side_st kRaspSide = {false, g_rasp_catalogue, "delete rasp model %s"};
+const engine_side_st kBaseSide = {true, g_base_catalogue};
+const engine_side_st kRaspSide = {false, g_rasp_catalogue};
 
 bool init_model(const engine_side_st& side, _USR_INPUT* input) {
     if (side.base) {
@@ -129,7 +128,10 @@ int remove_by_prefix(const engine_side_st& side, const std::string& name) {
     int removed = 0;
     for (auto it = list->begin(); it != list->end();) {
         if (strncmp(it->model_name.c_str(), name.c_str(), name.size()) == 0) {
-            WL_LOG(3, side.delete_message, it->model_name.c_str());
+            if (side.base)
+                WL_LOG(3, "delete model %s", it->model_name.c_str());
+            else
+                WL_LOG(3, "delete rasp model %s", it->model_name.c_str());
             it = list->erase(it);
             ++removed;
         } else {

@@ -9,9 +9,11 @@
 #include <string>
 
 #include "dirwalk.h"
+#include "host_json.h"
 #include "vrccl_action.h"
 #include "whitelist_api.h"
 #include "whitelist_api_engine_calls.h"
+#include "whitelist_api_state.h"
 #include "whitelist_impl.h"
 
 #define WL_LOG_SOURCE "whitelist_api"
@@ -24,9 +26,6 @@ namespace {
 
 constexpr int kPathSize = 1024;
 
-struct json_deleter {
-    void operator()(cJSON* item) const { cJSON_Delete(item); }
-};
 struct file_closer {
     void operator()(FILE* file) const { fclose(file); }
 };
@@ -126,7 +125,7 @@ process_tree whitelist_scan_process_tree() {
 }
 
 void whitelist_get_listen_pids(const base_init_st& record, pid_set& pids) {
-    std::unique_ptr<cJSON, json_deleter> assets(whitelist_get_asset_info(5));
+    JsonTree assets(whitelist_get_asset_info(5));
     if (!assets) {
         WL_LOG(1, "port listening get fail");
         return;
@@ -199,31 +198,53 @@ _USR_INPUT whitelist_build_model_input(const base_init_st& record, const process
     return input;
 }
 
+namespace {
+
+// One pass over a model list. Only the base pass tells the collector which
+// ids to watch; the texts name the engine.
+template <class Library>
+void update_open_process(const std::vector<base_init_st>& models, Library* (*library_of)(), bool base) {
+    process_tree tree = whitelist_scan_process_tree();
+    for (const base_init_st& record : models) {
+        _USR_INPUT input;
+        input = whitelist_build_model_input(record, tree);
+        Library* library = library_of();
+        if (input.oprType == USR_OPR_SWITCH) {
+            if (library && library->interactModel(&input) == 0) continue;
+            if (base)
+                WL_LOG(2, "model %s interact fail.", record.model_name.c_str());
+            else
+                WL_LOG(2, "rasp model %s interact fail.", record.model_name.c_str());
+            continue;
+        }
+        if (base)
+            WL_LOG(3, "update model %s info", record.model_name.c_str());
+        else
+            WL_LOG(3, "update rasp model %s info", record.model_name.c_str());
+        if (!library || !library->initModel(&input)) {
+            if (base)
+                WL_LOG(2, "update model %s info fail", record.model_name.c_str());
+            else
+                WL_LOG(2, "update rasp model %s info fail", record.model_name.c_str());
+        }
+        if (base) {
+            mark_pids(input.processMap, false);
+            mark_pids(input.childProcessMap, true);
+        }
+    }
+    if (base) sweep_pids();
+}
+
+}  // namespace
+
+// The main loop's call when the assets are ready is each pass's first one;
+// the passes begin with the timer.
 extern "C" int whitelist_base_update_open_process(void) {
-    // The main loop's call when the assets are ready is the first one; the
-    // passes begin with the timer.
     if (!g_base_open_process_called) {
         g_base_open_process_called = true;
         return 0;
     }
-    if (!g_model_array || !g_model_pid) return 0;
-    process_tree tree = whitelist_scan_process_tree();
-    for (size_t index = 0; index < g_model_array->size(); ++index) {
-        const base_init_st& record = (*g_model_array)[index];
-        _USR_INPUT input;
-        input = whitelist_build_model_input(record, tree);
-        BaseInterface* library = whitelist_base_library();
-        if (input.oprType == USR_OPR_SWITCH) {
-            if (!library || library->interactModel(&input) != 0)
-                WL_LOG(2, "model %s interact fail.", record.model_name.c_str());
-            continue;
-        }
-        WL_LOG(3, "update model %s info", record.model_name.c_str());
-        if (!library || !library->initModel(&input)) WL_LOG(2, "update model %s info fail", record.model_name.c_str());
-        mark_pids(input.processMap, false);
-        mark_pids(input.childProcessMap, true);
-    }
-    sweep_pids();
+    if (g_model_array && g_model_pid) update_open_process(*g_model_array, whitelist_base_library, true);
     return 0;
 }
 
@@ -232,20 +253,5 @@ extern "C" void whitelist_rasp_update_open_process(void) {
         g_rasp_open_process_called = true;
         return;
     }
-    if (!g_rasp_model_array) return;
-    process_tree tree = whitelist_scan_process_tree();
-    for (size_t index = 0; index < g_rasp_model_array->size(); ++index) {
-        const base_init_st& record = (*g_rasp_model_array)[index];
-        _USR_INPUT input;
-        input = whitelist_build_model_input(record, tree);
-        RaspInterface* library = whitelist_rasp_library();
-        if (input.oprType == USR_OPR_SWITCH) {
-            if (!library || library->interactModel(&input) != 0)
-                WL_LOG(2, "rasp model %s interact fail.", record.model_name.c_str());
-            continue;
-        }
-        WL_LOG(3, "update rasp model %s info", record.model_name.c_str());
-        if (!library || !library->initModel(&input))
-            WL_LOG(2, "update rasp model %s info fail", record.model_name.c_str());
-    }
+    if (g_rasp_model_array) update_open_process(*g_rasp_model_array, whitelist_rasp_library, false);
 }

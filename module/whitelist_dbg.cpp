@@ -24,17 +24,6 @@ void reply_received(unsigned long ctx1, unsigned long ctx2, unsigned int cmd) {
     kem_ipc_response(ctx1, ctx2, cmd, 0, kReceived, sizeof kReceived - 1);
 }
 
-add_upload_file_fn add_upload_file() {
-    if (g_add_upload_file_slot == nullptr) {
-        g_add_upload_file_slot = reinterpret_cast<add_upload_file_fn>(dll_get_addr_ex(nullptr, "_add_upload_file"));
-        if (g_add_upload_file_slot == nullptr) {
-            WL_LOG_AS("agent/include/plugins/file_upload_utils", LOG_LVL_ERROR, "load symbol _add_upload_file failed");
-            dll_close_ex(nullptr);
-        }
-    }
-    return g_add_upload_file_slot;
-}
-
 int upload_one_file(cJSON* root) {
     const cJSON* path = cJSON_GetObjectItem(root, "path");
     WL_LOG(LOG_LVL_INFO, "start upload file");
@@ -43,7 +32,7 @@ int upload_one_file(cJSON* root) {
         WL_LOG(LOG_LVL_WARN, "upload file without path, ignored");
         return -1;
     }
-    add_upload_file_fn upload = add_upload_file();
+    add_upload_file_fn upload = add_upload_file_symbol(g_add_upload_file_slot);
     if (upload == nullptr) return -1;
     return upload(WL_UPLOAD_KIND_ORIGIN_LOG, path->valuestring);
 }

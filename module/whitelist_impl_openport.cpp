@@ -3,10 +3,10 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "asset_collection.h"
 #include "dirutils.h"
+#include "host_json.h"
 #include "whitelist.h"
 #include "whitelist_impl.h"
 #include "whitelist_upload.h"
@@ -16,21 +16,12 @@
 
 namespace {
 
-struct json_deleter {
-    void operator()(cJSON* item) const { cJSON_Delete(item); }
-};
-typedef std::unique_ptr<cJSON, json_deleter> json_ptr;
-
-struct text_deleter {
-    void operator()(char* text) const { free(text); }
-};
-
 // The four asset lists the report is made of.
 struct openport_assets_st {
-    json_ptr ports;
-    json_ptr processes;
-    json_ptr apps;
-    json_ptr more_apps;
+    JsonTree ports;
+    JsonTree processes;
+    JsonTree apps;
+    JsonTree more_apps;
 };
 
 const char* string_value(const cJSON* object, const char* key) {
@@ -217,13 +208,13 @@ cJSON* get_openport_process_json(void) {
 }
 
 void upload_openport_process(void) {
-    json_ptr report(get_openport_process_json());
+    JsonTree report(get_openport_process_json());
     if (!report) {
         WL_LOG(2, "get_openport_process_json fail");
         return;
     }
     WL_LOG(4, "get_openport_process_json end");
-    std::unique_ptr<char, text_deleter> text(cJSON_PrintUnformatted(report.get()));
+    JsonText text(cJSON_PrintUnformatted(report.get()));
     if (text) whitelist_upload_data(text.get(), WL_REPORT_OPEN_PROC);
 }
 

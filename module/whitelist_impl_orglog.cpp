@@ -1,10 +1,9 @@
-#include "whitelist_impl_orglog.h"
-
 #include <memory>
 
 #include "dirutils.h"
 #include "dirwalk.h"
 #include "file_upload_utils.h"
+#include "whitelist_api_state.h"
 #include "whitelist_impl.h"
 #include "whitelist_upload.h"
 
@@ -19,19 +18,7 @@ struct walk_deleter {
     void operator()(void* walk) const { dirwalk_destroy(walk); }
 };
 
-// A failed look-up is tried again at the next file.
-add_upload_file_fn add_upload_file_symbol() {
-    if (!g_add_upload_file) {
-        g_add_upload_file = reinterpret_cast<add_upload_file_fn>(dll_get_addr_ex(nullptr, "_add_upload_file"));
-        if (!g_add_upload_file) {
-            WL_LOG_AS("agent/include/plugins/file_upload_utils", 1, "load symbol _add_upload_file failed");
-            dll_close_ex(nullptr);
-        }
-    }
-    return g_add_upload_file;
-}
-
-int upload_directory(const char* directory, int kind, const char* message) {
+int upload_directory(const char* directory, int kind) {
     char path[2048] = {0};
     dirutils_path_transform(directory, path, sizeof(path));
     std::unique_ptr<void, walk_deleter> walk(dirwalk_create(path, 0, 1));
@@ -41,8 +28,8 @@ int upload_directory(const char* directory, int kind, const char* message) {
     }
     int is_dir = 0;
     while (const char* entry = dirwalk_read(walk.get(), &is_dir)) {
-        WL_LOG(3, message, entry);
-        if (add_upload_file_fn add_upload_file = add_upload_file_symbol()) add_upload_file(kind, entry);
+        WL_LOG(3, "start upload %sfile %s", kind == WL_UPLOAD_KIND_RASP_ORIGIN_LOG ? "rasp " : "", entry);
+        if (add_upload_file_fn add_upload_file = add_upload_file_symbol(g_add_upload_file)) add_upload_file(kind, entry);
     }
     WL_LOG(4, "scan end");
     return 0;
@@ -53,12 +40,11 @@ int upload_directory(const char* directory, int kind, const char* message) {
 extern "C" {
 
 int whitelist_upload_org_log(cJSON* root, int unused) {
-    return upload_directory("@/../var/base/originLog/", WL_UPLOAD_KIND_ORIGIN_LOG, "start upload file %s");
+    return upload_directory("@/../var/base/originLog/", WL_UPLOAD_KIND_ORIGIN_LOG);
 }
 
 int whitelist_upload_rasp_org_log(cJSON* root, int unused) {
-    return upload_directory("@/../var/base/raspOriginLog/", WL_UPLOAD_KIND_RASP_ORIGIN_LOG,
-                            "start upload rasp file %s");
+    return upload_directory("@/../var/base/raspOriginLog/", WL_UPLOAD_KIND_RASP_ORIGIN_LOG);
 }
 
 }

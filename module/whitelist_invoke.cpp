@@ -75,7 +75,7 @@ void WhitelistInvoke::Publish_t(int type, int sub_type, void* data, unsigned int
         WL_ORV_ERROR("param error.");
         return;
     }
-    MbLockGuard lock(&m_lock);
+    OrvLockGuard lock(&m_lock);
     if (m_dispatch == nullptr) {
         WL_ORV_ERROR("bus need init first.");
         return;
@@ -143,13 +143,13 @@ int WhitelistInvoke::GetUniqueID(unsigned char (*id)[16]) const { return mb_copy
 int WhitelistInvoke::GetVersion(unsigned int* version) const { return mb_plugin_version(version); }
 
 int WhitelistInvoke::OnAdvised(MbFrame::IPluginSetting*, MbFrame::IDispatch* dispatch) {
-    MbLockGuard lock(&m_lock);
+    OrvLockGuard lock(&m_lock);
     m_dispatch = dispatch;
     return 0;
 }
 
 int WhitelistInvoke::OnUnadvised(_UNADVISE_REASON) {
-    MbLockGuard lock(&m_lock);
+    OrvLockGuard lock(&m_lock);
     m_dispatch = nullptr;
     return 0;
 }

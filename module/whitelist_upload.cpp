@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "agent_symbol.h"
 #include "host_json.h"
 #include "host_state_utils.h"
 #include "orv_sync.h"
@@ -44,19 +45,12 @@ private:
     bool m_locked;
 };
 
-template <typename Fn>
-Fn resolve_symbol(Fn& slot, const char* name) {
-    if (slot == nullptr) slot = reinterpret_cast<Fn>(dll_get_addr_ex(nullptr, name));
-    return slot;
-}
-
 int fetch_header(log_ctm_header* header) {
-    get_log_ctm_header_fn get_header = resolve_symbol(g_get_header_slot, "get_log_ctm_header_util_v2");
-    if (get_header == nullptr) {
+    get_log_ctm_header_fn get_header = agent_symbol(g_get_header_slot, "get_log_ctm_header_util_v2", [] {
         WL_LOG_AS("agent/include/plugins/host_state_utils", LOG_LVL_ERROR,
                   "load host_state symbol: get_log_ctm_header_util_v2 failed, errno: %d\n", errno);
-        return kNoHeaderSymbol;
-    }
+    });
+    if (get_header == nullptr) return kNoHeaderSymbol;
     return get_header(header);
 }
 
@@ -110,12 +104,11 @@ int format_upload_msg(JsonTree payload, int type, JsonText& out) {
 }
 
 int send_to_manager(const char* text, int length) {
-    upload2mgr_fn upload = resolve_symbol(g_upload2mgr_slot, "_upload2mgr");
-    if (upload == nullptr) {
+    upload2mgr_fn upload = agent_symbol(g_upload2mgr_slot, "_upload2mgr", [] {
         WL_LOG_AS("agent/include/plugins/upload2mgr", LOG_LVL_ERROR,
                   "load upload2mgr _upload2mgr symbol failed, errno: %d\n", errno);
-        return kNoHeaderSymbol;
-    }
+    });
+    if (upload == nullptr) return kNoHeaderSymbol;
     return upload(WL_UPLOAD_CHANNEL, text, length, WL_UPLOAD_MODE);
 }
 }  // namespace

@@ -95,7 +95,7 @@ unsigned int BaseEngine::BaseInit() {
         return WL_ENGINE_INIT_FAILED;
     }
 
-    if (!engine_prepare_library(m_baseEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath, m_logSavePath)) {
+    if (!engine_prepare_library(WL_LOG_SOURCE, m_baseEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath, m_logSavePath)) {
         BaseUninit();
         return WL_ENGINE_INIT_FAILED;
     }
@@ -137,16 +137,7 @@ void BaseEngine::BaseUninit() {
     }
 }
 
-void BaseEngine::getLocalIp() {
-    std::vector<std::string> seen;
-    if (!engine_collect_local_ips(m_localIps, seen)) {
-        WL_LOG(LOG_LVL_ERROR, "getifaddrs failed");
-        return;
-    }
-    for (const std::string& ip : seen) {
-        WL_LOG(LOG_LVL_INFO, "get local ip : %s", ip.c_str());
-    }
-}
+void BaseEngine::getLocalIp() { engine_collect_local_ips(WL_LOG_SOURCE, m_localIps); }
 
 extern "C" void* workThread(void*) {
     initializeLog();

@@ -3,6 +3,7 @@
 #include "base_support.h"
 #include "event_queues.h"
 #include "wl_clock.h"
+#include "wl_log.h"
 
 void BaseEngine::DoWork(_BASE_EVENTINFO& event) { m_baseEngine->processEvent(event); }
 

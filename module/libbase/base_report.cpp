@@ -5,6 +5,7 @@
 #include "base.h"
 #include "base_support.h"
 #include "event_queues.h"
+#include "whitelist_upload.h"
 #include "wl_clock.h"
 #include "wl_log.h"
 
@@ -18,7 +19,7 @@ bool period_is(const _BASE_EVENTINFO& event, const wchar_t* period) {
 }  // namespace
 
 int BaseEngine::parseInput(_USR_INPUT* input) {
-    return engine_parse_input(m_baseEngine, &m_engineLock, input, WL_REPORT_MODEL, WL_REPORT_LEARN_STATUS);
+    return engine_parse_input(WL_LOG_SOURCE, m_baseEngine, &m_engineLock, input, WL_REPORT_MODEL, WL_REPORT_LEARN_STATUS);
 }
 
 bool BaseEngine::isNeedSendReport(_BASE_EVENTINFO& event) {

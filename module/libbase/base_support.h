@@ -1,7 +1,8 @@
-// Pieces both engines share: a scoped orv mutex, path resolution, thread start
-// and naming, the host's IPv4 addresses, and the two library steps whose
-// logic is the same for both model interfaces (the timing loop and the
-// command read-back), written once over the interface type.
+// Pieces both engines share: path resolution, thread start and naming, the
+// host's IPv4 addresses, and the library steps whose logic is the same for
+// both model interfaces (the start steps, the timing loop and the command
+// read-back), defined once for BaseInterface and RaspInterface. Each takes
+// the log source name of the engine it works for.
 #ifndef WL_BASE_SUPPORT_H
 #define WL_BASE_SUPPORT_H
 
@@ -9,32 +10,11 @@
 #include <cstddef>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "base_interface.h"
-#include "dirutils.h"
-#include "orv_dll.h"
 #include "model_records.h"
+#include "orv_lock_guard.h"
 #include "orv_sync.h"
-#include "wl_clock.h"
-#include "wl_log.h"
-#include "whitelist_upload.h"
-
-#ifndef WL_LOG_SOURCE
-#error "define WL_LOG_SOURCE before including base_support.h"
-#endif
-
-// Holds an orv mutex for its scope; released also when an exception passes.
-class OrvLockGuard {
-public:
-    explicit OrvLockGuard(orv_mutex_t* mutex) : m_mutex(mutex) { orv_mutex_lock(m_mutex); }
-    ~OrvLockGuard() { orv_mutex_unlock(m_mutex); }
-    OrvLockGuard(const OrvLockGuard&) = delete;
-    OrvLockGuard& operator=(const OrvLockGuard&) = delete;
-
-private:
-    orv_mutex_t* m_mutex;
-};
 
 // Paths of the agent's tree resolve into this many bytes; longer ones are cut.
 constexpr std::size_t kEnginePathSize = 260;
@@ -47,152 +27,28 @@ std::string engine_resolve_path(const char* pattern);
 // Starts fn on a thread with kEngineThreadStackSize of stack.
 void engine_start_thread(orv_thread_t* thread, orv_thread_fn fn);
 void engine_set_thread_name(const char* name);
-// Adds every IPv4 address of the host, loopback included, to ips; returns the
-// addresses in interface order (for logging), or false when getifaddrs fails.
-bool engine_collect_local_ips(std::set<std::string>& ips, std::vector<std::string>& seen);
-
-inline bool engine_status_reportable(const std::string& status) {
-    return status != WL_RESULT_ERROR && status != WL_RESULT_EMPTY;
-}
+// Adds every IPv4 address of the host, loopback included, to ips, and logs
+// each.
+void engine_collect_local_ips(const char* source, std::set<std::string>& ips);
 
 // The start steps after the factory, the same for both engines: settings (when
 // the file exists), the model directory and its load, the origin-log
 // directory. False once a step failed and was logged; the caller then stops
-// the engine. The directory must exist already on a second run of the agent,
-// so an existing one counts as made.
+// the engine.
 template <class Library>
-bool engine_prepare_library(Library* library, const char* configPattern, const char* modelPattern,
-                            const char* originLogPattern, std::string& modelSavePath, std::string& logSavePath) {
-    std::string config = engine_resolve_path(configPattern);
-    WL_LOG(LOG_LVL_INFO, "config file: %s", config.c_str());
-    if (orv_path_is_exist_u(config.c_str())) {
-        if (library->setConfig(config.c_str()) == -1) {
-            WL_LOG(LOG_LVL_ERROR, "set config error");
-            return false;
-        }
-    } else {
-        WL_LOG(LOG_LVL_ERROR, "config not exists");
-    }
+bool engine_prepare_library(const char* source, Library* library, const char* configPattern, const char* modelPattern,
+                            const char* originLogPattern, std::string& modelSavePath, std::string& logSavePath);
 
-    std::string model = engine_resolve_path(modelPattern);
-    WL_LOG(LOG_LVL_INFO, "Model file: %s", model.c_str());
-    if (dirutils_mkdir(model.c_str(), 0755) != 0) {
-        WL_LOG(LOG_LVL_ERROR, "load model path error");
-        return false;
-    }
-    modelSavePath = model;
-    if (library->loadModel(model.c_str()) == -1) {
-        WL_LOG(LOG_LVL_ERROR, "Empty model loaded failed!");
-        return false;
-    }
-    WL_LOG(LOG_LVL_INFO, "Load empty model success.");
-
-    std::string originLog = engine_resolve_path(originLogPattern);
-    WL_LOG(LOG_LVL_INFO, "Originl log file: %s", originLog.c_str());
-    if (dirutils_mkdir(originLog.c_str(), 0755) != 0) {
-        WL_LOG(LOG_LVL_ERROR, "create originLog save path error");
-        return false;
-    }
-    logSavePath = originLog;
-    return true;
-}
-
-// Countdowns of the timing loop, in seconds, decreased by one pass each.
-struct engine_countdown_st {
-    static constexpr int kPassSeconds = 3;
-    static constexpr int kSave = 120;
-    static constexpr int kTick = 60;
-    static constexpr int kPublish = 120;
-    static constexpr int kReport = 3600;
-};
-
-// The timing loop of either engine. The library's time is the count of passes,
-// not the wall clock: each tick says 60 whatever the pass really took.
-// Expects WL_LOG_SOURCE and wl_log.h in the including file.
+// The timing loop of either engine, until running turns false.
 template <class Library>
-void engine_time_count(Library* library, orv_mutex_t* engineLock, const std::atomic<bool>& running,
-                       const std::string& modelSavePath, int modelReport, int statusReport) {
-    // Unlocked on purpose: the library must bear this one call beside the worker.
-    std::string status = library->getModelStatus("");
-    WL_LOG(LOG_LVL_INFO, "start engine, model status : %s", status.c_str());
-    if (engine_status_reportable(status)) {
-        whitelist_upload_data(status.c_str(), statusReport);
-    }
-    if (modelSavePath.empty()) {
-        WL_LOG(LOG_LVL_ERROR, "init model Save Path error");
-        return;
-    }
-    int save = engine_countdown_st::kSave;
-    int tick = engine_countdown_st::kTick;
-    int publish = engine_countdown_st::kPublish;
-    int report = engine_countdown_st::kReport;
-    while (running.load(std::memory_order_relaxed)) {
-        wl_sleep(engine_countdown_st::kPassSeconds);
-        save -= engine_countdown_st::kPassSeconds;
-        if (save <= 0) {
-            OrvLockGuard lock(engineLock);
-            library->saveModel(modelSavePath.c_str());
-            save = engine_countdown_st::kSave;
-        }
-        tick -= engine_countdown_st::kPassSeconds;
-        if (tick <= 0) {
-            OrvLockGuard lock(engineLock);
-            library->elapseTime(60, 0);
-            tick = engine_countdown_st::kTick;
-        }
-        publish -= engine_countdown_st::kPassSeconds;
-        if (publish <= 0) {
-            OrvLockGuard lock(engineLock);
-            std::string name = library->getChangedModel();
-            if (!name.empty()) {
-                std::string data = library->getModelData(name);
-                whitelist_upload_data(data.c_str(), modelReport);
-            }
-            publish = engine_countdown_st::kPublish;
-        }
-        report -= engine_countdown_st::kPassSeconds;
-        if (report <= 0) {
-            OrvLockGuard lock(engineLock);
-            std::string all = library->getModelStatus("");
-            if (engine_status_reportable(all)) {
-                whitelist_upload_data(all.c_str(), statusReport);
-            }
-            std::string data = library->getModelData("");
-            if (data != WL_RESULT_EMPTY) {
-                whitelist_upload_data(data.c_str(), modelReport);
-            }
-            report = engine_countdown_st::kReport;
-        }
-    }
-    WL_LOG(LOG_LVL_DETAIL, "exit update model timing thread");
-}
+void engine_time_count(const char* source, Library* library, orv_mutex_t* engineLock,
+                       const std::atomic<bool>& running, const std::string& modelSavePath, int modelReport,
+                       int statusReport);
 
-// Tells the manager where a model stands after a command. Reads nothing back
-// into the record and changes nothing in the library. The library pointer is
-// read under the lock: a stop clears it while holding that lock.
+// Tells the manager where a model stands after a command; 1 when the library
+// was asked. The pointer is read under engineLock, as a stop clears it there.
 template <class Library>
-int engine_parse_input(Library* const& library, orv_mutex_t* engineLock, _USR_INPUT* input, int modelReport,
-                       int statusReport) {
-    if (input == nullptr) {
-        return 0;
-    }
-    std::string name = input->modelName;
-    if (name.empty()) {
-        return 0;
-    }
-    OrvLockGuard lock(engineLock);
-    if (library == nullptr) {
-        return 0;  // engine stopped: nothing to ask
-    }
-    if (input->oprType == USR_OPR_QUERY) {
-        std::string data = library->getModelData(name);
-        whitelist_upload_data(data.c_str(), modelReport);
-    }
-    std::string status = library->getModelStatus(name);
-    if (engine_status_reportable(status)) {
-        whitelist_upload_data(status.c_str(), statusReport);
-    }
-    return 1;
-}
+int engine_parse_input(const char* source, Library* const& library, orv_mutex_t* engineLock, _USR_INPUT* input,
+                       int modelReport, int statusReport);
 
 #endif

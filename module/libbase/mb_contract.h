@@ -7,6 +7,7 @@
 #include <string>
 
 #include "mbframe.h"
+#include "orv_lock_guard.h"
 #include "orv_sync.h"
 
 extern _GUID CLSID_NULL;
@@ -48,17 +49,5 @@ enum mb_attach_result {
 mb_attach_result mb_attach(MbFrame::IPlugin* plugin, void*& dll, MbFrame::IRtmFrame*& frame, int& code,
                            std::string& path);
 void mb_detach(const unsigned char* plugin_id, void*& dll, MbFrame::IRtmFrame*& frame);
-
-// Holds an orv mutex for one scope.
-class MbLockGuard {
-public:
-    explicit MbLockGuard(orv_mutex_t* mutex) : m_mutex(mutex) { orv_mutex_lock(m_mutex); }
-    ~MbLockGuard() { orv_mutex_unlock(m_mutex); }
-    MbLockGuard(const MbLockGuard&) = delete;
-    MbLockGuard& operator=(const MbLockGuard&) = delete;
-
-private:
-    orv_mutex_t* m_mutex;
-};
 
 #endif

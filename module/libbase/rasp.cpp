@@ -93,7 +93,7 @@ unsigned int RaspEngine::RaspInit() {
         return WL_ENGINE_INIT_FAILED;
     }
 
-    if (!engine_prepare_library(m_raspEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath, m_logSavePath)) {
+    if (!engine_prepare_library(WL_LOG_SOURCE, m_raspEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath, m_logSavePath)) {
         RaspUninit();
         return WL_ENGINE_INIT_FAILED;
     }
@@ -131,16 +131,7 @@ void RaspEngine::RaspUninit() {
     }
 }
 
-void RaspEngine::getLocalIp() {
-    std::vector<std::string> seen;
-    if (!engine_collect_local_ips(m_localIps, seen)) {
-        WL_LOG(LOG_LVL_ERROR, "getifaddrs failed");
-        return;
-    }
-    for (const std::string& ip : seen) {
-        WL_LOG(LOG_LVL_INFO, "get local ip : %s", ip.c_str());
-    }
-}
+void RaspEngine::getLocalIp() { engine_collect_local_ips(WL_LOG_SOURCE, m_localIps); }
 
 extern "C" void* raspWorkThread(void*) {
     initLog();

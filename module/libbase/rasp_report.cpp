@@ -3,10 +3,11 @@
 
 #include "base_support.h"
 #include "rasp.h"
+#include "whitelist_upload.h"
 #include "wl_log.h"
 
 int RaspEngine::parseInput(_USR_INPUT* input) {
-    return engine_parse_input(m_raspEngine, &m_engineLock, input, WL_REPORT_RASP_MODEL,
+    return engine_parse_input(WL_LOG_SOURCE, m_raspEngine, &m_engineLock, input, WL_REPORT_RASP_MODEL,
                               WL_REPORT_RASP_LEARN_STATUS);
 }
 

@@ -127,7 +127,7 @@ int Register::OnEvent(MbFrame::IEvent* event, _RESPONSE_STATUS*) {
 
 void Register::queueRaspText(const char* text) {
     std::string copy(text);
-    MbLockGuard lock(&g_raspDataLock);
+    OrvLockGuard lock(&g_raspDataLock);
     if (queueHasRoom(g_raspData)) {
         g_raspData.push_back(std::move(copy));
     }
@@ -157,7 +157,7 @@ void Register::queueBaseEvent(int sub_type, void* data) {
     }
     // An unknown type is queued all the same, as the cleared record: the
     // engine expects it.
-    MbLockGuard lock(&g_baseDataLock);
+    OrvLockGuard lock(&g_baseDataLock);
     if (queueHasRoom(g_baseData)) {
         g_baseData.push_back(*record);
     }

@@ -1,8 +1,13 @@
 // Start, failed start, stop and restart of both engines.
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
 #include <filesystem>
 
 #include "base.h"
 #include "engine_test_env.h"
+#include "event_queues.h"
 #include "log_capture.h"
 #include "rasp.h"
 
@@ -14,6 +19,23 @@ namespace {
 bool same_path(const std::string& a, const std::string& b) {
     std::error_code error;
     return std::filesystem::equivalent(a, b, error);
+}
+
+// Set only in the child of the exit test. A destructor function runs after
+// every exit handler and static destructor, so it sees what the running
+// engines' threads would still touch once exit has released the rest.
+std::atomic<bool> g_checkAtExit{false};
+// Copied by bytes: the 32-bit strings share their text when copied.
+char g_savePathsBeforeExit[2][512];
+
+__attribute__((destructor)) void check_running_engines_after_exit() {
+    if (!g_checkAtExit) return;
+    const BaseEngine* base = BaseEngine::GetInstance();
+    const RaspEngine* rasp = RaspEngine::GetInstance();
+    bool intact = g_baseDataLock != nullptr && g_raspDataLock != nullptr && base->m_engineLock != nullptr &&
+                  rasp->m_engineLock != nullptr && base->m_logSavePath == g_savePathsBeforeExit[0] &&
+                  rasp->m_modelSavePath == g_savePathsBeforeExit[1];
+    _exit(intact ? 0 : 3);
 }
 }  // namespace
 
@@ -144,4 +166,21 @@ TEST_F(EngineTest, StartAndStopTwiceThenStartAgainWithANewObject) {
     EXPECT_EQ(Library::instance().calls(Engine::Base, "destroy")[0].object + 1,
               Library::instance().calls(Engine::Base, "processEvent")[0].object)
         << "the restart works on a new library object";
+}
+
+// Leaves the process with both engines running, as the agent does.
+[[noreturn]] static void exit_with_running_engines() {
+    FakeClock::gate(true);
+    if (!initialize(Engine::Base) || !initialize(Engine::Rasp)) _exit(2);
+    snprintf(g_savePathsBeforeExit[0], sizeof g_savePathsBeforeExit[0], "%s",
+             BaseEngine::GetInstance()->m_logSavePath.c_str());
+    snprintf(g_savePathsBeforeExit[1], sizeof g_savePathsBeforeExit[1], "%s",
+             RaspEngine::GetInstance()->m_modelSavePath.c_str());
+    g_checkAtExit = true;
+    std::exit(0);
+}
+
+TEST_F(EngineTest, RunningEnginesKeepTheirLocksQueuesAndTextsThroughProcessExit) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(exit_with_running_engines(), ::testing::ExitedWithCode(0), "");
 }

@@ -84,11 +84,14 @@ INSTANTIATE_TEST_SUITE_P(
         Outcome{"OriginFlagOutsideLearningFallsToAlarm", Engine::Base, 6, {1, 0, 0, "FILTER_PEROID"}, false, true,
                 false},
         Outcome{"AllZeroResultIsBlack", Engine::Base, 6, {0, 0, 0, ""}, false, true, false},
+        Outcome{"AlarmWhileLearningWithoutOriginFlag", Engine::Base, 6, {0, 0, 0, "LEARN_PEROID"}, false, true, false},
         Outcome{"UndecidedInFilterPeriodIsDelayed", Engine::Base, 6, kDelay, false, false, true},
         Outcome{"ProcessCreationIsNeverDelayed", Engine::Base, 1, {0, 0, 1, "FILTER_PEROID"}, false, false, false},
         Outcome{"PeriodIsComparedExactly", Engine::Base, 6, {0, 0, 1, "FILTER_PEROID "}, false, false, false},
         Outcome{"RaspOriginLogWhileLearning", Engine::Rasp, 0, {1, 0, 0, "LEARN_PEROID"}, true, false, false},
         Outcome{"RaspBlackWithFlagOutsideLearning", Engine::Rasp, 0, {1, 0, 0, "OTHER"}, false, true, false},
+        Outcome{"RaspAlarmWhileLearningWithoutOriginFlag", Engine::Rasp, 0, {0, 0, 0, "LEARN_PEROID"}, false, true,
+                false},
         Outcome{"RaspNotBlackEnds", Engine::Rasp, 0, {0, 0, 1, "FILTER_PEROID"}, false, false, false},
         // The library writes nothing: the record's own starting verdict decides.
         Outcome{"RaspUntouchedRecordEnds", Engine::Rasp, 0, {0, 0, -1, ""}, false, false, false}),
@@ -105,6 +108,31 @@ TEST_F(EngineTest, EventsLeaveTheQueueInOrderAndLocalConnectionsNeverReachTheLib
     }
     drain(Engine::Base, 3);
     EXPECT_EQ((std::vector<std::string>{"1", "3", "4", "999999"}), processed_tags(Engine::Base));
+}
+
+// The text is converted on the worker, then filtered: what the library sees
+// are its fields; a look-up of a local address and nothing else is dropped.
+TEST_F(EngineTest, TelemetryFieldsReachTheLibraryAndLocalAddressesDoNot) {
+    LogCapture log;
+    ASSERT_TRUE(initialize(Engine::Rasp));
+    Library::instance().setDefaultVerdict(Engine::Rasp, kEnds);
+    auto text = [](const char* url, const char* action) {
+        return std::string(R"({"pid":7,"time":9,"data":{"url":")") + url + R"(","data":)" + action + "}}";
+    };
+    queue_rasp_text(text("/read", R"({"type":"file","action":"read","data":"/etc/hosts"})"));
+    queue_rasp_text(text("/local", R"({"action":"address","data":{"hostName":"127.0.0.1"}})"));
+    queue_rasp_text(text("/remote", R"({"action":"address","data":{"hostName":"db.example"}})"));
+    queue_rasp_text("no json");
+    drain(Engine::Rasp, 3);
+    std::vector<std::pair<std::string, int>> seen;
+    for (const fake_model::Call& call : Library::instance().calls(Engine::Rasp, "processEvent")) {
+        seen.emplace_back(call.eventTag, call.eventType);
+        EXPECT_EQ("FILTER_PEROID", call.modelStatus) << call.eventTag;
+    }
+    EXPECT_EQ((std::vector<std::pair<std::string, int>>{{"/read", 4}, {"/remote", 1}, {"", 0}, {"", 0}}), seen);
+    EXPECT_TRUE(log.contains("match local Ip success, event has been filter, dstIp: 127.0.0.1", 3));
+    EXPECT_TRUE(log.contains("originLog : no json", 4));
+    EXPECT_FALSE(log.contains("originLog : " + text("/local", "")));
 }
 
 class DelayCycleTest : public EngineTest, public ::testing::WithParamInterface<std::pair<Verdict, bool>> {};

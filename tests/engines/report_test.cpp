@@ -106,3 +106,14 @@ TEST_F(StartedEnginesTest, AlarmsAreFedBackInOrderThenTheModelIsSavedOnce) {
     EXPECT_EQ(RaspEngine::GetInstance()->m_modelSavePath, Library::instance().calls(Engine::Rasp, "saveModel")[0].text);
     EXPECT_TRUE(recorders::uploads().empty()) << "feedback uploads nothing";
 }
+
+TEST_F(StartedEnginesTest, EmptyFeedbackIsRefusedUnreadableFeedbackStillSaves) {
+    EXPECT_FALSE(BaseEngine::GetInstance()->dealAlarmEvent(""));
+    EXPECT_FALSE(RaspEngine::GetInstance()->dealAlarmEvent(""));
+    EXPECT_TRUE(Library::instance().calls(Engine::Base, "").empty());
+    EXPECT_TRUE(Library::instance().calls(Engine::Rasp, "").empty());
+    EXPECT_TRUE(BaseEngine::GetInstance()->dealAlarmEvent("no alarms"));
+    EXPECT_TRUE(RaspEngine::GetInstance()->dealAlarmEvent("no alarms"));
+    EXPECT_EQ(std::vector<std::string>{"saveModel"}, Library::instance().opSequence(Engine::Base));
+    EXPECT_EQ(std::vector<std::string>{"saveModel"}, Library::instance().opSequence(Engine::Rasp));
+}

@@ -131,6 +131,35 @@ TEST_F(SwitchTest, TimerGroupsStopAtTheFirstFailureAndTestTheFieldsTheyTest) {
     EXPECT_EQ(1, recorders::journalCount("whitelist_base_update_open_process"));
 }
 
+// A config reply 0 then 1: each running timer closed once, the fields
+// cleared, then every timer started anew with its period.
+TEST_F(SwitchTest, TimersStopOnceAndStartAnew) {
+    init_whitelist_timer(&g_whitelist_context);
+    init_whitelist_rasp_timer(&g_whitelist_context);
+    const size_t before = recorders::journal().size();
+    LogCapture log;
+    for (int round = 0; round < 2; ++round) {
+        uninit_whitelist_timer(&g_whitelist_context);
+        uninit_whitelist_rasp_timer(&g_whitelist_context);
+    }
+    std::vector<std::string> closes = recorders::journal();
+    closes.erase(closes.begin(), closes.begin() + static_cast<long>(before));
+    EXPECT_EQ((std::vector<std::string>{"timer close 1", "timer close 2", "timer close 3", "timer close 4"}), closes);
+    EXPECT_EQ(2, log.count("uninit whitelist timer suc.", 3));
+    EXPECT_EQ(2, log.count("uninit rasp timer suc.", 3));
+    const WhitelistContext& c = g_whitelist_context;
+    for (void* timer : {c.timer_openport, c.timer_clean_log, c.timer_base_open_process, c.timer_rasp_open_process,
+                        c.timer_clean_rasp_log}) {
+        EXPECT_EQ(nullptr, timer);
+    }
+    init_whitelist_timer(&g_whitelist_context);
+    init_whitelist_rasp_timer(&g_whitelist_context);
+    ASSERT_EQ(8u, recorders::timers().size());
+    EXPECT_EQ(14400000u, recorders::timers()[4].period);
+    EXPECT_EQ(reinterpret_cast<void*>(5), c.timer_openport);
+    EXPECT_EQ(reinterpret_cast<void*>(8), c.timer_clean_rasp_log);
+}
+
 class DumpPathTest : public EngineTest {
 protected:
     void SetUp() override {

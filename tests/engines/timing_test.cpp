@@ -98,5 +98,24 @@ TEST_P(TimingTest, FirstStatusIsSentUnlessErrorOrEmpty) {
     }
 }
 
+// "ERROR" and "{}" hold a status back; only "{}" holds the models' data back.
+TEST_P(TimingTest, HourlyReportsLeaveOutWhatTheLibraryCouldNotTell) {
+    const struct {
+        const char* text;
+        size_t dataSent;
+    } cases[] = {{"{}", 0}, {"ERROR", 1}};
+    for (const auto& c : cases) {
+        Library::instance().setDefaultText(GetParam().engine, "getModelStatus", c.text);
+        Library::instance().setDefaultText(GetParam().engine, "getModelData", c.text);
+        start();
+        runThrough(1200);
+        ASSERT_EQ(2, count("getModelStatus")) << c.text;
+        EXPECT_EQ(0u, uploads(GetParam().statusReport)) << c.text;
+        EXPECT_EQ(c.dataSent, uploads(GetParam().modelReport)) << c.text;
+        TearDown();
+        SetUp();
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Engines, TimingTest, ::testing::ValuesIn(kKinds),
                          [](const ::testing::TestParamInfo<Kind>& info) { return std::string(info.param.name); });

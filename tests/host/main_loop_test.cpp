@@ -60,4 +60,22 @@ TEST_F(HostMainLoopTest, WorkHeldWhileSwitchedOffIsDoneOnTheFirstActivePass) {
     EXPECT_EQ(pass(), kActivePass) << "the event was reset";
 }
 
+TEST_F(HostMainLoopTest, ACollectorThatFailsAgainIsLoggedAndTheFilterStillReloaded) {
+    agent_symbols::set_module_switch(1, 1);
+    host_doubles::state().vrccl_init_default = -1;
+    orv_event_set(g_vr_event);
+    Calls expected = {"cl_ev_loop_nowait(1)", "cl_event_loop_once", "task_loop_once", "orv_event_timedwait(2000)",
+                      "vrccl_action_free"};
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        expected.push_back("vrccl_action_init");
+        expected.push_back("usleep(3000000)");
+    }
+    expected.push_back("reload_vrccl_filter");
+    expected.push_back("orv_event_reset");
+    EXPECT_EQ(pass(), expected);
+    EXPECT_EQ(m_log.count("init vrccl function fail", 2), 1);
+    EXPECT_EQ(pass(), kActivePass);
+}
+
 }  // namespace
+

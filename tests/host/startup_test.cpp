@@ -45,25 +45,34 @@ TEST_F(HostTest, StartupReachesTheMainLoopInOrder) {
 
 TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
     const Calls without_handles = concat(kTeardownWithoutHandles, {"orv_event_destroy"});
-    // field nullptr: the port file is missing; tail: the failing call, then the tear-down.
+    const Calls unreg_task = {"push_task_unreg_handler(WL_HDL)"};
+    // fails null: the port file is missing; tail: the failing call, then the tear-down.
     struct Case {
-        int host_doubles::State::*field;
+        const char* fails;
         int value;
         Calls tail;
         std::vector<std::pair<int, std::string>> messages;
     };
-    using S = host_doubles::State;
     const Case cases[] = {
-        {&S::event_init_result, 12, concat({"orv_event_init(0,1)"}, kTeardownWithoutHandles),
+        {"orv_event_init", 12, concat({"orv_event_init(0,1)"}, kTeardownWithoutHandles),
          {{1, "init task push start event fail"}}},
-        {&S::addr_create_fails, 1,
+        {"reg_ipc_handler", 5, concat({"reg_ipc_handler(wl_dbg)"}, without_handles),
+         {{1, "init_ipc_handle failed, ipc name: ht_newhdl, error: 5"}, {1, "init ipc handler fail"}}},
+        {"push_task_reg_handler", 1, concat({"push_task_reg_handler(WL_HDL)"}, without_handles),
+         {{1, "ipc task reg handler fail"}, {1, "init ipc handler fail"}}},
+        {"kem_ipc_create", 1, concat({"kem_ipc_create(wl_hdl,0)"}, concat(unreg_task, without_handles)),
+         {{1, "create cfg ipc handle failure!"}, {1, "init ipc handler fail"}}},
+        {"kem_addr_create", 1,
          concat({"kem_addr_create(acfg,1,2)", "push_task_unreg_handler(WL_HDL)", "kem_ipc_destroy"}, without_handles),
          {{1, "create cfg addr failed."}, {1, "init ipc handler fail"}}},
         {nullptr, 0, concat({"kem_addr_create(acfg,1,2)"}, kFullTeardown),
          {{1, "load config failed\n"}, {1, "init port filter list. ret -1"}, {1, "init resource fail"}}},
-        {&S::init_engine_result, -1, concat({"whitelist_init_engine"}, kFullTeardown), {{2, "init engine fail"}}},
+        {"whitelist_msgbus_init", 1, concat({"whitelist_msgbus_init"}, kFullTeardown), {{1, "init msgbus fail"}}},
+        {"whitelist_init_rasp_handler", -1, concat({"whitelist_init_rasp_handler(transmit_rasp_data)"}, kFullTeardown),
+         {{1, "init msgbus handler fail"}}},
+        {"whitelist_init_engine", -1, concat({"whitelist_init_engine"}, kFullTeardown), {{2, "init engine fail"}}},
         // Reported after the open-port report, when the assets are ready.
-        {&S::msg_recv_result, -3,
+        {"kem_ipc_msg_recv", -3,
          concat({"upload_openport_process", "whitelist_base_update_open_process",
                  "whitelist_rasp_update_open_process", "kem_ipc_msg_recv"},
                 kFullTeardown),
@@ -74,7 +83,7 @@ TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
         host_doubles::reset();
         m_log.clear();
         writePortConfig("[port]\ncount=1\nport_0=443\n");
-        if (c.field != nullptr) state().*c.field = c.value;
+        if (c.fails != nullptr) state().results[c.fails] = c.value;
         else std::filesystem::remove(m_root + "/config/whitelist_port.cfg");
 
         EXPECT_EQ(whitelist_startup(&g_whitelist_context), -1);
@@ -138,7 +147,7 @@ TEST_F(HostTest, AssetWaitServesCommandsButRefusesStarts) {
 
 TEST_F(HostTest, EntryStartsOneThreadEvenAfterAFailedStart) {
     state().run_thread = true;
-    state().event_init_result = 1;  // the thread ends at once, through the tear-down
+    state().results["orv_event_init"] = 1;  // the thread ends at once, through the tear-down
 
     EXPECT_EQ(orv_whitelist_init(), 0u);
     ASSERT_TRUE(waitUntil([] { return host_doubles::count("autolog_deinit") == 1; })) << m_log.dump();

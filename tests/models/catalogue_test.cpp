@@ -77,4 +77,53 @@ TEST_F(CatalogueTest, RewriteNumbersTheMemoryListAfreshAndDropsTheRest) {
     EXPECT_EQ(ini_value(base_catalogue(), "model_2", "model_name"), "<absent>");
 }
 
+// The ini form would hand back another name after a restart: such a model is
+// not written, the file keeps what it had, and the log says which and why.
+TEST_F(CatalogueTest, AValueTheFileCannotHoldIsRefusedAndLogged) {
+    const std::string file = path("var/base/base_model.cfg");
+    whitelist_append_catalogue(g_base_catalogue, make_model("web", 10, {80}));
+    const struct {
+        const char* what;
+        base_init_st model;
+    } cases[] = {
+        {"leading blank", make_model(" web", 10, {80})},
+        {"trailing blank", make_model("web ", 10, {80})},
+        {"line break", make_model("web\n[baseengine]\ncount=9", 10, {80})},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        m_log.clear();
+        whitelist_append_catalogue(g_base_catalogue, c.model);
+        EXPECT_EQ(ini_value(file, "baseengine", "count"), "1");
+        EXPECT_EQ(ini_value(file, "model_1", "model_name"), "<absent>");
+        EXPECT_TRUE(m_log.contains("\" not kept in ", 1) && m_log.contains("base_model.cfg: its model_name", 1)) << m_log.dump();
+    }
+    EXPECT_EQ(g_model_array->size(), 4u) << "memory keeps them until the next restart";
+
+    // A rewrite numbers the models it can keep without a gap.
+    m_log.clear();
+    whitelist_rewrite_catalogue(g_base_catalogue);
+    EXPECT_EQ(ini_value(file, "baseengine", "count"), "1");
+    EXPECT_EQ(ini_value(file, "model_0", "model_name"), "web");
+    EXPECT_EQ(m_log.count("not kept in"), 3);
+    g_model_array->clear();
+    whitelist_base_load_model_data();
+    EXPECT_EQ(model_names(*g_model_array), std::vector<std::string>{"web"});
+}
+
+TEST_F(CatalogueTest, MissingSectionsAreSkippedAndASecondLoadDoublesTheList) {
+    write_base("4", section(0, "a") + section(2, "c"));
+    whitelist_base_load_model_data();
+    EXPECT_EQ(model_names(*g_model_array), (std::vector<std::string>{"a", "c"}));
+    whitelist_base_load_model_data();
+    EXPECT_EQ(model_names(*g_model_array), (std::vector<std::string>{"a", "c", "a", "c"}));
+
+    // A count of billions ends at the last section there is ("model_07" is
+    // not one the writer makes), so a damaged file cannot stall start-up.
+    g_model_array->clear();
+    write_base("2000000000", section(0, "a") + section(9, "j") + "[model_07]\nmodel_name=x\n");
+    whitelist_base_load_model_data();
+    EXPECT_EQ(model_names(*g_model_array), (std::vector<std::string>{"a", "j"}));
+}
+
 }  // namespace

@@ -41,4 +41,25 @@ TEST_F(FeedbackTest, AnEngineThatRefusesMakesTheResultTwo) {
     EXPECT_TRUE(m_log.contains("dealAlarmEvent inner fail", 1));
 }
 
+TEST_F(FeedbackTest, UnusableCommandsAndEmptyListsReachNoEngine) {
+    const struct {
+        const char* command;  // null: no tree at all
+        int result;
+    } rows[] = {
+        {nullptr, 2},
+        {R"({"opr_code":7})", -1},
+        {R"({"opr_code":7,"data":[{"list":[]}]})", -1},
+        {R"({"opr_code":7,"data":{"list":{"alarm_source":1}}})", -1},
+        {R"({"opr_code":7,"data":{"list":[]}})", 0},
+        {R"({"opr_code":7,"data":{"list":[7,{"id":1}]}})", 0},
+    };
+    for (const auto& row : rows) {
+        JsonPtr root = row.command ? parse_json(row.command) : JsonPtr(nullptr, cJSON_Delete);
+        EXPECT_EQ(whitelist_base_task_feedback(7, root.get()), row.result) << (row.command ? row.command : "null");
+    }
+    EXPECT_TRUE(models_double::engine_sequence().empty());
+    EXPECT_EQ(m_log.count("input msg is NULL", 1), 1);
+    EXPECT_EQ(m_log.count("invalid input data", 1), 5);
+}
+
 }  // namespace

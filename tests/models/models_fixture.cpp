@@ -7,6 +7,7 @@
 #include "dirutils.h"
 #include "ini_file.h"
 #include "whitelist_api.h"
+#include "whitelist_api_state.h"
 
 JsonPtr parse_json(const std::string& text) {
     JsonPtr json(cJSON_Parse(text.c_str()), cJSON_Delete);

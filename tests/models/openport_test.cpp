@@ -91,4 +91,35 @@ TEST_F(OpenPortTest, TypeAndApplicationNameAreAddedByProcessId) {
     }
 }
 
+// The timer's whole road: one type-6 upload of the report, also of an empty
+// one; nothing at all while an asset list is missing.
+TEST_F(OpenPortTest, UploadSendsTheReportAsOpenProcUnlessAListIsMissing) {
+    struct Row {
+        const char* name;
+        std::vector<std::string> ports;
+        int missing_kind;
+        std::vector<std::string> sent;
+    } rows[] = {
+        {"empty", {}, 0, {"[]"}},
+        {"one entry", {entry("8083", "300", "/c")}, 0,
+         {R"([{"open":0,"port":"8083","process_path":"/c","process_id":"300","proto":"tcp","type":"daemon",)"
+          R"("app_name":"redis"}])"}},
+        {"no app list", {entry("8083", "300", "/c")}, 9, {}},
+    };
+    for (const Row& row : rows) {
+        TearDown();
+        SetUp();
+        if (row.missing_kind) models_double::set_asset(row.missing_kind, "not json");
+        set_open_ports(row.ports);
+        upload_openport_process();
+        std::vector<std::string> sent;
+        for (const auto& upload : models_double::uploads()) {
+            EXPECT_EQ(upload.type, 6) << row.name;
+            sent.push_back(upload.text);
+        }
+        EXPECT_EQ(sent, row.sent) << row.name;
+        EXPECT_EQ(m_log.contains("get_openport_process_json fail", 2), row.sent.empty()) << row.name;
+    }
+}
+
 }  // namespace

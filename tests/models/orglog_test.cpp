@@ -3,7 +3,7 @@
 
 #include "models_fixture.h"
 #include "whitelist_impl.h"
-#include "whitelist_impl_orglog.h"
+#include "whitelist_api_state.h"
 
 namespace {
 

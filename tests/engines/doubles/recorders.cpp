@@ -94,8 +94,8 @@ cl_timer_t cl_timerplus_start(void*, int, unsigned int period_ms, cl_timer_fn ca
     });
 }
 
-int cl_timerplus_close(cl_timer_t) {
-    recorders::note("timer close");
+int cl_timerplus_close(cl_timer_t timer) {
+    recorders::note("timer close " + std::to_string(reinterpret_cast<uintptr_t>(timer)));
     return 0;
 }
 

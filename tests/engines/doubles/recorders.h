@@ -29,7 +29,7 @@ std::vector<Upload> uploads(int type = -1);
 void scriptTimerStarts(const std::vector<bool>& results);
 std::vector<Timer> timers();  // every start that succeeded, in order
 
-// Everything else, in order: "timer start", "timer close",
+// Everything else, in order: "timer start", "timer close <n>" (n-th started),
 // "register init", "register uninit", "subscribe <action> <id> <reserved>"
 // and the model-management functions by name.
 std::vector<std::string> journal();

@@ -40,6 +40,13 @@ void record(const std::string& call) {
     state().calls.push_back(call);
 }
 
+int scripted(const std::string& call, const std::string& name) {
+    record(call);
+    std::lock_guard<std::mutex> lock(mutex());
+    auto found = state().results.find(name);
+    return found == state().results.end() ? 0 : found->second;
+}
+
 std::vector<std::string> calls() {
     std::lock_guard<std::mutex> lock(mutex());
     return state().calls;

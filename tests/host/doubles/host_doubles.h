@@ -28,13 +28,12 @@ struct Request {
 
 struct State {
     // Script: results the doubles return.
-    int event_init_result = 0;
-    int addr_create_fails = 0;
-    int msg_recv_result = 0;
+    // Results by function name; an absent one succeeds. For a function that
+    // returns a handle or a flag, any entry makes it fail.
+    std::map<std::string, int> results;
     std::deque<int> vrccl_init_results;  // in order; then vrccl_init_default
     int vrccl_init_default = 0;
     bool run_thread = false;  // the thread function really runs (joined by reset)
-    int init_engine_result = 0;  // on 0 sets base_engine_on, as the real one does
     std::function<int(int kind, int call)> asset_state = [](int, int) { return 1; };
     std::map<std::string, int> handler_results;  // model-command results by name
 
@@ -58,6 +57,8 @@ State& state();
 void reset();
 
 void record(const std::string& call);
+// Records call and returns the scripted result of the function name.
+int scripted(const std::string& call, const std::string& name);
 std::vector<std::string> calls();
 int count(const std::string& call);
 // The log from the first entry equal to `call` on (empty if absent).

@@ -11,12 +11,6 @@ using namespace host_doubles;
 
 namespace {
 
-int recorded(const std::string& call, int State::*result) {
-    record(call);
-    std::lock_guard<std::mutex> lock(mutex());
-    return state().*result;
-}
-
 // Records the handler with its operation number; returns its scripted result.
 int model_command(const std::string& name, int opr = -1) {
     record(opr < 0 ? name : name + "(" + std::to_string(opr) + ")");
@@ -33,18 +27,18 @@ std::string with_context(const char* name, const WhitelistContext* context) {
 
 extern "C" {
 
-int whitelist_msgbus_init(void) { return record("whitelist_msgbus_init"), 1; }
+int whitelist_msgbus_init(void) { return scripted("whitelist_msgbus_init", "whitelist_msgbus_init") ? 0 : 1; }
 void whitelist_msgbus_uninit(void) { record("whitelist_msgbus_uninit"); }
 void transmit_rasp_data(const char*) { record("transmit_rasp_data"); }
 
 int whitelist_init_rasp_handler(wl_rasp_callback callback, void*) {
-    record(callback == transmit_rasp_data ? "whitelist_init_rasp_handler(transmit_rasp_data)"
-                                          : "whitelist_init_rasp_handler(other)");
-    return 0;
+    return scripted(callback == transmit_rasp_data ? "whitelist_init_rasp_handler(transmit_rasp_data)"
+                                                   : "whitelist_init_rasp_handler(other)",
+                    "whitelist_init_rasp_handler");
 }
 
 int whitelist_init_engine(void) {
-    int result = recorded("whitelist_init_engine", &State::init_engine_result);
+    int result = scripted("whitelist_init_engine", "whitelist_init_engine");
     if (result == 0) g_whitelist_context.base_engine_on = 1;
     return result;
 }
