@@ -3,6 +3,7 @@
 add_library(baseeng SHARED
   src/wide_text.cpp
   src/variable_runs.cpp
+  src/feature_memo.cpp
   src/normalise_path.cpp
   src/normalise_command.cpp
   src/normalise_sql.cpp

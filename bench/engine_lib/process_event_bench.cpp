@@ -1,9 +1,13 @@
 // Cost of one processEvent against a filtering model holding N features:
 // a known file (the common case), an unknown one (first pass of the delay),
 // a known connection, a known process creation with arguments and a known
-// runtime-application SQL statement.
+// runtime-application SQL statement. The "Known" cases repeat one text
+// verbatim, as bound statements and fixed commands do; the "NewLiterals"
+// cases give every event a text not seen for thousands of events, so each
+// is folded from scratch.
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -160,6 +164,91 @@ void BM_KnownRaspSql(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// Distinct texts, more than the library could keep folded.
+const int kVariants = 4096;
+
+std::string hexOf(long value, int digits) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string text;
+    for (int i = 0; i < digits; ++i, value /= 16) text.push_back(kHex[value % 16]);
+    return text;
+}
+
+std::string convertLine(long variant) {
+    std::string name = hexOf(variant * 7919 + 12345, 12);
+    return "/usr/bin/convert /var/lib/shop/upload/" + name + ".jpg -resize 320x240 -quality " +
+           std::to_string(70 + variant % 20) + " /var/lib/shop/cache/thumb_" + name + "_320.jpg";
+}
+
+std::string ordersStatement(long variant) {
+    return "SELECT o.id, o.total, o.created_at FROM orders o WHERE o.customer_id = " + std::to_string(40000 + variant) +
+           " AND o.status IN ('paid', 'shipped') AND o.created_at > '2024-05-" + std::to_string(10 + variant % 18) +
+           " 10:22:33' ORDER BY o.created_at DESC LIMIT 20 OFFSET " + std::to_string(variant % 10 * 20);
+}
+
+void BM_NewLiteralsProcess(benchmark::State& state) {
+    std::unique_ptr<BaseInterface> engine(BaseFactory().getBaseInterface());
+    std::vector<std::unique_ptr<_BASE_EVENTINFO>> events;
+    for (long i = 0; i < kVariants; ++i) {
+        auto event = hostEvent(1);
+        setText(event->detail.process.process_path, "/usr/bin/convert");
+        setText(event->detail.process.process_cmd_line, convertLine(i));
+        events.push_back(std::move(event));
+    }
+    // Every variant is learned, so that a model of literal texts knows them too.
+    learn(*engine, state.range(0), [&] {
+        for (auto& event : events) engine->processEvent(*event);
+    });
+    for (auto& event : events) {
+        event->delay_gate = 0;
+        engine->processEvent(*event);
+        if (event->match_verdict != 1 || event->delay_gate != 2) {
+            state.SkipWithError("a variant is not known");
+            return;
+        }
+    }
+    std::size_t next = 0;
+    for (auto _ : state) {
+        _BASE_EVENTINFO& event = *events[next];
+        next = (next + 1) % events.size();
+        event.delay_gate = 0;
+        engine->processEvent(event);
+        benchmark::DoNotOptimize(event.match_verdict);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_NewLiteralsRaspSql(benchmark::State& state) {
+    std::unique_ptr<RaspInterface> engine(RaspFactory().getRaspInterface());
+    std::vector<_RASP_EVENTINFO> events(kVariants);
+    for (long i = 0; i < kVariants; ++i) {
+        events[i].pid = kPid;
+        events[i].action_type = 7;
+        events[i].url = "/shop/orders";
+        events[i].sql_text = ordersStatement(i);
+        events[i].action_data = events[i].sql_text;
+    }
+    _USR_INPUT input = startInput();
+    engine->initModel(&input);
+    for (auto& event : events) engine->processEvent(event);
+    engine->elapseTime(60, 0);
+    for (auto& event : events) {
+        engine->processEvent(event);
+        if (event.match_verdict != 1) {
+            state.SkipWithError("a variant is not known");
+            return;
+        }
+    }
+    std::size_t next = 0;
+    for (auto _ : state) {
+        _RASP_EVENTINFO& event = events[next];
+        next = (next + 1) % events.size();
+        engine->processEvent(event);
+        benchmark::DoNotOptimize(event.match_verdict);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
 }  // namespace
 
 BENCHMARK(BM_KnownFile)->RangeMultiplier(10)->Range(10, 100000);
@@ -167,5 +256,7 @@ BENCHMARK(BM_UnknownFile)->RangeMultiplier(10)->Range(10, 100000);
 BENCHMARK(BM_KnownConnection)->Arg(100000);
 BENCHMARK(BM_KnownProcess)->Arg(100000);
 BENCHMARK(BM_KnownRaspSql)->Arg(100000);
+BENCHMARK(BM_NewLiteralsProcess)->Arg(100000);
+BENCHMARK(BM_NewLiteralsRaspSql);
 
 BENCHMARK_MAIN();

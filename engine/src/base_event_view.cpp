@@ -108,14 +108,26 @@ std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory) {
     unsigned type = event.event_type;
     // Record texts are narrowed on the stack: this runs for every event.
     if (type == kProcessCreation) {
-        char path[sizeof detail.process.process_path / sizeof(wchar_t)];
-        char line[sizeof detail.process.process_cmd_line / sizeof(wchar_t)];
-        std::size_t pathSize = narrowInto(path, detail.process.process_path);
-        std::size_t lineSize = narrowInto(line, detail.process.process_cmd_line);
+        const std::size_t pathCapacity = sizeof detail.process.process_path / sizeof(wchar_t);
+        const std::size_t lineCapacity = sizeof detail.process.process_cmd_line / sizeof(wchar_t);
+        // The executable, a terminator, the line: the memo's key in one piece.
+        char text[pathCapacity + 1 + lineCapacity];
+        std::size_t pathSize = wcsnlen(detail.process.process_path, pathCapacity);
+        narrowRun(text, detail.process.process_path, pathSize);
+        text[pathSize] = '\0';
+        char* line = text + pathSize + 1;
+        std::size_t lineSize = wcsnlen(detail.process.process_cmd_line, lineCapacity);
+        narrowRun(line, detail.process.process_cmd_line, lineSize);
+        FeatureMemo::Key key =
+            FeatureMemo::keyOf(text, pathSize + 1 + lineSize, kProcessCreation | memory.directoriesGeneration() << 8);
+        if (const std::string* known = memory.memo.find(key)) {
+            return *known;
+        }
         std::string feature;
-        feature.reserve(8 + pathSize + lineSize);
+        feature.reserve(8 + pathSize + lineSize + lineSize / 2);
         feature = "process:";
-        appendNormalisedCommand(feature, path, pathSize, line, lineSize, &memory.fileDirectories);
+        appendNormalisedCommand(feature, text, pathSize, line, lineSize, &memory.fileDirectories(), &memory.memo);
+        memory.memo.remember(key, feature);
         return feature;
     }
     if (isFileEvent(type)) {
@@ -124,7 +136,7 @@ std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory) {
         std::string feature;
         feature.reserve(5 + size + size / 2);
         feature = "file:";
-        appendNormalisedPath(feature, path, size);
+        appendNormalisedPath(feature, path, size, &memory.memo);
         return feature;
     }
     switch (type) {

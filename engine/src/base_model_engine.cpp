@@ -15,8 +15,9 @@ const uint16_t kProcessCreation = 1;
 }  // namespace
 
 int BaseModelEngine::processEvent(_BASE_EVENTINFO& event) {
-    Sighting sighting = m_book.observe(actingProcessId(event), actingProcessPath(event),
-                                       [&event](ModelMemory& memory) { return baseFeature(event, memory); });
+    Sighting sighting = m_book.observe(
+        actingProcessId(event), [&event] { return actingProcessPath(event); },
+        [&event](ModelMemory& memory) { return baseFeature(event, memory); });
     bool carrier = judge(event, sighting);
     // A summary of repeats goes out on an event that would go nowhere else.
     if (m_book.offerSummary(&event, carrier)) {

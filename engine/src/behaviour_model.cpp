@@ -20,7 +20,7 @@ void addFeature(BehaviourModel& model, const std::string& feature) {
     if (colon != std::string::npos && isFileKind(feature.data(), colon)) {
         std::size_t slash = feature.rfind('/');
         if (slash != std::string::npos && slash > colon + 1) {
-            model.memory.fileDirectories.insert(feature.substr(colon + 1, slash - colon - 1));
+            model.memory.addDirectory(feature.substr(colon + 1, slash - colon - 1));
         }
     }
     model.features.insert(feature);
@@ -28,7 +28,7 @@ void addFeature(BehaviourModel& model, const std::string& feature) {
 
 void clearFeatures(BehaviourModel& model) {
     model.features.clear();
-    model.memory.fileDirectories.clear();
+    model.memory.clearDirectories();
     model.droppedFeatures = 0;
     model.progress.reset();
 }

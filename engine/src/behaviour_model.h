@@ -3,13 +3,16 @@
 #ifndef BASEENG_BEHAVIOUR_MODEL_H
 #define BASEENG_BEHAVIOUR_MODEL_H
 
+#include <cstdint>
 #include <set>
 #include <string>
 #include <unordered_set>
+#include <utility>
 
 #include <rapidjson/document.h>
 
 #include "address_names.h"
+#include "feature_memo.h"
 #include "json_text.h"
 #include "learning_progress.h"
 #include "normalise_command.h"
@@ -17,9 +20,29 @@
 namespace baseeng {
 
 // What a model knows besides its features, which its features depend on.
-struct ModelMemory {
-    AddressNames addressNames;     // from the DNS answers its application got
-    DirectorySet fileDirectories;  // of its file features
+class ModelMemory {
+public:
+    AddressNames addressNames;  // from the DNS answers its application got
+    FeatureMemo memo;
+
+    // The directories of its file features.
+    const DirectorySet& fileDirectories() const { return m_fileDirectories; }
+    void addDirectory(std::string directory) {
+        if (m_fileDirectories.insert(std::move(directory)).second) {
+            ++m_directoriesGeneration;
+        }
+    }
+    void clearDirectories() {
+        m_fileDirectories.clear();
+        ++m_directoriesGeneration;
+    }
+    // Changes whenever the directories do: a folded command that read them is
+    // remembered under it.
+    std::uint64_t directoriesGeneration() const { return m_directoriesGeneration; }
+
+private:
+    DirectorySet m_fileDirectories;
+    std::uint64_t m_directoriesGeneration = 0;
 };
 
 struct BehaviourModel {

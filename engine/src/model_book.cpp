@@ -117,12 +117,13 @@ int ModelBook::interact(const _USR_INPUT& input) {
     }
 }
 
-BehaviourModel* ModelBook::findOwner(unsigned long long pid, const std::string& actorPath) {
+BehaviourModel* ModelBook::findOwner(unsigned long long pid, const ActorPathOf& actorPathOf) {
     for (auto& entry : m_models) {
         if (entry.second.pids.count(pid) != 0) {
             return &entry.second;
         }
     }
+    const std::string actorPath = actorPathOf ? actorPathOf() : std::string();
     if (actorPath.empty()) {
         return nullptr;
     }
@@ -136,10 +137,10 @@ BehaviourModel* ModelBook::findOwner(unsigned long long pid, const std::string& 
     return nullptr;
 }
 
-Sighting ModelBook::observe(unsigned long long pid, const std::string& actorPath, const FeatureOf& featureOf) {
+Sighting ModelBook::observe(unsigned long long pid, const ActorPathOf& actorPathOf, const FeatureOf& featureOf) {
     Sighting sighting;
     std::lock_guard<std::mutex> lock(m_mutex);
-    BehaviourModel* model = findOwner(pid, actorPath);
+    BehaviourModel* model = findOwner(pid, actorPathOf);
     if (model == nullptr) {
         return sighting;
     }

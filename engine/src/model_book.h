@@ -31,6 +31,9 @@ struct Sighting {
 // The feature of an event in the terms of the model that sees it; it may
 // teach that model's memory (a DNS answer's addresses).
 using FeatureOf = std::function<std::string(ModelMemory&)>;
+// The executable of the acting process, asked for only when no model owns
+// its process id; may be empty.
+using ActorPathOf = std::function<std::string()>;
 
 // Result codes of interact(): the module's contract.
 enum { BOOK_OK = 0, BOOK_FAILED = -1, BOOK_NO_SUCH_MODEL_TO_DELETE = -2 };
@@ -47,7 +50,7 @@ public:
 
     // The model owning pid, or else the one whose executable is actorPath.
     // While it learns, the feature is added. An empty feature is never known.
-    Sighting observe(unsigned long long pid, const std::string& actorPath, const FeatureOf& featureOf);
+    Sighting observe(unsigned long long pid, const ActorPathOf& actorPathOf, const FeatureOf& featureOf);
     // Makes the feature white in the named model: 0, or -1 when the model or
     // the feature is missing or the model is full.
     int feedback(const std::string& modelName, const FeatureOf& featureOf);
@@ -76,7 +79,7 @@ private:
     using ModelWriter = std::function<void(JsonWriter&, const BehaviourModel&)>;
     // One model by name (unknownName when there is none), or all of them.
     std::string describe(const std::string& name, const char* unknownName, ModelWriter write) const;
-    BehaviourModel* findOwner(unsigned long long pid, const std::string& actorPath);
+    BehaviourModel* findOwner(unsigned long long pid, const ActorPathOf& actorPathOf);
 
     mutable std::mutex m_mutex;
     EngineSettings m_settings;

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <vector>
 
+#include "feature_memo.h"
 #include "normalise_path.h"
 #include "variable_runs.h"
 
@@ -12,6 +13,12 @@ namespace {
 
 // Nested "sh -c" deeper than this is kept as it is.
 const int kMaxScriptDepth = 3;
+
+// What the folding of one command line reads besides the line.
+struct Learned {
+    const DirectorySet* directories;  // may be null
+    FeatureMemo* memo;                // folded directories; may be null
+};
 
 // A word of a command line, unquoted into Words::letters.
 struct Word {
@@ -137,14 +144,14 @@ const char* findByte(const char* text, std::size_t size, char byte) {
 }
 
 // A file in a learned directory becomes "<directory>/*<extension>".
-void appendValue(std::string& out, const char* value, std::size_t size, const DirectorySet* learned) {
+void appendValue(std::string& out, const char* value, std::size_t size, const Learned& learned) {
     if (findByte(value, size, '/') == nullptr) {
         appendFoldedSegment(out, value, size, false);
         return;
     }
     std::size_t start = out.size();
-    appendNormalisedPath(out, value, size);
-    if (learned == nullptr || learned->empty()) {
+    appendNormalisedPath(out, value, size, learned.memo);
+    if (learned.directories == nullptr || learned.directories->empty()) {
         return;
     }
     std::size_t slash = out.rfind('/');
@@ -152,18 +159,20 @@ void appendValue(std::string& out, const char* value, std::size_t size, const Di
         return;
     }
     std::string directory(out, start, slash - start);
-    if (learned->count(directory) == 0) {
+    if (learned.directories->count(directory) == 0) {
         return;
     }
     std::size_t dot = out.rfind('.');
-    std::string extension = dot != std::string::npos && dot > slash && out.size() - dot <= 10 ? out.substr(dot) : "";
+    char extension[10];
+    std::size_t extensionSize = dot != std::string::npos && dot > slash && out.size() - dot <= 10 ? out.size() - dot : 0;
+    std::memcpy(extension, out.data() + out.size() - extensionSize, extensionSize);
     out.resize(slash + 1);
     out += '*';
-    out += extension;
+    out.append(extension, extensionSize);
 }
 
 // An option keeps its name; "name=value" keeps the name and folds the value.
-void appendArgument(std::string& out, const char* argument, std::size_t size, const DirectorySet* learned) {
+void appendArgument(std::string& out, const char* argument, std::size_t size, const Learned& learned) {
     if (size == 0) {
         out += "''";
         return;
@@ -179,12 +188,12 @@ void appendArgument(std::string& out, const char* argument, std::size_t size, co
     appendValue(out, argument, size, learned);
 }
 
-void appendScript(std::string& out, const char* script, std::size_t size, const DirectorySet* learned, int depth);
+void appendScript(std::string& out, const char* script, std::size_t size, const Learned& learned, int depth);
 
 // Appends the arguments of one command from words.list[i], up to a control
 // word when in a script; returns the index after them.
 std::size_t appendArguments(std::string& out, bool shell, const Words& words, std::size_t i,
-                            const DirectorySet* learned, int depth) {
+                            const Learned& learned, int depth) {
     std::size_t previousStart = std::string::npos;
     std::size_t previousSize = 0;
     while (i < words.list.size() && !words.list[i].control) {
@@ -220,7 +229,7 @@ std::size_t appendArguments(std::string& out, bool shell, const Words& words, st
     return i;
 }
 
-void appendScript(std::string& out, const char* script, std::size_t size, const DirectorySet* learned, int depth) {
+void appendScript(std::string& out, const char* script, std::size_t size, const Learned& learned, int depth) {
     Words words = splitWords(script, size, true);
     std::size_t first = out.size();
     std::size_t i = 0;
@@ -262,7 +271,9 @@ void appendScript(std::string& out, const char* script, std::size_t size, const 
 }  // namespace
 
 void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize,
-                             const char* line, std::size_t lineSize, const DirectorySet* learned) {
+                             const char* line, std::size_t lineSize, const DirectorySet* directories,
+                             FeatureMemo* memo) {
+    const Learned learned{directories, memo};
     Words words = splitWords(line, lineSize, false);
     if (executableSize == 0 && !words.list.empty()) {
         out.append(words.data(words.list.front()), words.list.front().size);

@@ -9,15 +9,18 @@
 
 namespace baseeng {
 
+class FeatureMemo;
+
 // The directories holding files a model learned: a file there named in an
 // argument is data the application works on, whatever its name.
 using DirectorySet = std::unordered_set<std::string>;
 
 // executable: the program run, exact; when empty, the first word of the
 // command line. The first word of the command line is its name as invoked
-// and is otherwise skipped. learned may be null.
+// and is otherwise skipped. learned and memo (folded directories) may be null.
 void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize,
-                             const char* line, std::size_t lineSize, const DirectorySet* learned);
+                             const char* line, std::size_t lineSize, const DirectorySet* learned,
+                             FeatureMemo* memo = nullptr);
 std::string normaliseCommand(const std::string& executable, const std::string& commandLine,
                              const DirectorySet* learned);
 

@@ -8,7 +8,11 @@
 
 namespace baseeng {
 
-void appendNormalisedPath(std::string& out, const char* path, std::size_t size);
+class FeatureMemo;
+
+// memo, when given, keeps folded directories: an application's files vary
+// in their names far more than in their directories.
+void appendNormalisedPath(std::string& out, const char* path, std::size_t size, FeatureMemo* memo = nullptr);
 std::string normalisePath(const std::string& path);
 
 // The directory of a path, without the last slash; empty when there is none.

@@ -18,6 +18,34 @@ struct Group {
     bool expectItem;
 };
 
+// The open groups; statements rarely nest deeper than the inline part, so
+// folding one allocates nothing.
+class GroupStack {
+public:
+    bool empty() const { return m_size == 0; }
+    Group& back() { return m_size <= kInline ? m_inline[m_size - 1] : m_more.back(); }
+    void push_back(const Group& group) {
+        if (m_size < kInline) {
+            m_inline[m_size] = group;
+        } else {
+            m_more.push_back(group);
+        }
+        ++m_size;
+    }
+    void pop_back() {
+        if (m_size > kInline) {
+            m_more.pop_back();
+        }
+        --m_size;
+    }
+
+private:
+    static const std::size_t kInline = 16;
+    Group m_inline[kInline];
+    std::vector<Group> m_more;
+    std::size_t m_size = 0;
+};
+
 enum : unsigned char { kSpaceBit = 1, kWordStartBit = 2, kWordPartBit = 4, kDigitBit = 8 };
 
 struct SqlBytes {
@@ -302,7 +330,12 @@ private:
                 return true;
             }
             std::size_t end = m_at + 2;
-            while (end + 1 < m_size && !(m_text[end] == '*' && m_text[end + 1] == '/')) {
+            for (;;) {
+                const void* star = end < m_size ? std::memchr(m_text + end, '*', m_size - end) : nullptr;
+                end = star != nullptr ? static_cast<std::size_t>(static_cast<const char*>(star) - m_text) : m_size;
+                if (end + 1 >= m_size || m_text[end + 1] == '/') {
+                    break;
+                }
                 ++end;
             }
             m_at = end + 1 < m_size ? end + 2 : m_size;
@@ -528,7 +561,7 @@ private:
     Kind m_previous = Kind::None;
     bool m_isContext = false;  // after IS or IS NOT, NULL and the truth values are syntax
     int m_executableComments = 0;
-    std::vector<Group> m_groups;
+    GroupStack m_groups;
 };
 
 }  // namespace

@@ -113,7 +113,7 @@ const char* raspActionName(unsigned actionType) {
     return actionType <= kSqlLast ? kActionNames[actionType] : nullptr;
 }
 
-std::string raspFeature(const _RASP_EVENTINFO& event, const ModelMemory& memory) {
+std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
     unsigned type = event.action_type;
     const char* action = raspActionName(type);
     if (action == nullptr) {
@@ -127,15 +127,26 @@ std::string raspFeature(const _RASP_EVENTINFO& event, const ModelMemory& memory)
         // The probe's DNS events carry no answers: the host name is all there is.
         key += event.hostName.empty() ? hostOfDestination(event.dst_ip) : event.hostName;
         key += "|" + portText(event.port);
-    } else if (type == kExecute) {
-        const std::string& line = firstFilled(event.action_data, event.appCmd);
-        appendNormalisedCommand(key, "", 0, line.data(), line.size(), &memory.fileDirectories);
-    } else if (type <= kDelete) {
+    } else if (type <= kDelete && type != kExecute) {
         const std::string& path = firstFilled(event.file_path, event.action_data);
-        appendNormalisedPath(key, path.data(), path.size());
+        appendNormalisedPath(key, path.data(), path.size(), &memory.memo);
     } else {
-        const std::string& sql = firstFilled(event.sql_text, event.action_data);
-        appendNormalisedSql(key, sql.data(), sql.size(), kDialects[type - kSqlFirst]);
+        // Commands and statements: the costly folds, often of the same text.
+        bool command = type == kExecute;
+        const std::string& text = command ? firstFilled(event.action_data, event.appCmd)
+                                          : firstFilled(event.sql_text, event.action_data);
+        FeatureMemo::Key memoKey = FeatureMemo::keyOf(
+            text.data(), text.size(), type | (command ? memory.directoriesGeneration() << 8 : 0));
+        if (const std::string* known = memory.memo.find(memoKey)) {
+            return *known;
+        }
+        key.reserve(key.size() + 2 * text.size() + 8);
+        if (command) {
+            appendNormalisedCommand(key, "", 0, text.data(), text.size(), &memory.fileDirectories(), &memory.memo);
+        } else {
+            appendNormalisedSql(key, text.data(), text.size(), kDialects[type - kSqlFirst]);
+        }
+        memory.memo.remember(memoKey, key);
     }
     return key;
 }

@@ -15,7 +15,7 @@ const char* raspActionName(unsigned actionType);
 // "action:subject" as the model with this memory sees it, empty for an
 // action the library doesn't model. An alarm record made from raspAlarmJson
 // gives the same key.
-std::string raspFeature(const _RASP_EVENTINFO& event, const ModelMemory& memory);
+std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory);
 
 // The alarm, with the keys the manager's feedback list uses.
 std::string raspAlarmJson(const _RASP_EVENTINFO& event);

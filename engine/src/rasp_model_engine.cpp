@@ -10,7 +10,7 @@ enum { kWhite = 1, kBlack = 0 };
 
 int RaspModelEngine::processEvent(_RASP_EVENTINFO& event) {
     // The probe's events carry no executable path: only process ids name a model.
-    Sighting sighting = m_book.observe(event.pid, std::string(),
+    Sighting sighting = m_book.observe(event.pid, nullptr,
                                        [&event](ModelMemory& memory) { return raspFeature(event, memory); });
     bool carrier = judge(event, sighting);
     if (m_book.offerSummary(&event, carrier)) {

@@ -122,18 +122,23 @@ struct RunShape {
 
 RunShape shapeOf(const char* text, std::size_t size) {
     RunShape shape;
-    unsigned char before = 0;
-    for (std::size_t i = 0; i < size; ++i) {
+    if (size == 0) {
+        return shape;
+    }
+    unsigned char before = classOf(text[0]);
+    shape.digits = before & kDigitBit;
+    shape.upper = (before & kUpperBit) >> 1;
+    shape.lower = (before & kLowerBit) >> 2;
+    shape.nonHex = !(before & kHexBit);
+    for (std::size_t i = 1; i < size; ++i) {
         unsigned char now = classOf(text[i]);
         shape.digits += now & kDigitBit;
         shape.upper += (now & kUpperBit) >> 1;
         shape.lower += (now & kLowerBit) >> 2;
         shape.nonHex += !(now & kHexBit);
-        if (i > 0) {
-            shape.digitLetterTurns += ((before ^ now) & kDigitBit) != 0;
-            shape.caseTurns += ((before | now) & (kUpperBit | kLowerBit)) == (kUpperBit | kLowerBit) &&
-                               ((before ^ now) & (kUpperBit | kLowerBit)) == (kUpperBit | kLowerBit);
-        }
+        shape.digitLetterTurns += (before ^ now) & kDigitBit;
+        // No byte is both upper and lower: both bits set means one of each.
+        shape.caseTurns += ((before | now) & (kUpperBit | kLowerBit)) == (kUpperBit | kLowerBit);
         before = now;
     }
     return shape;
@@ -233,6 +238,9 @@ std::size_t randomTailStart(const char* text, std::size_t size, std::size_t& tai
     while (start > 0 && (isAlnum(text[start - 1]) || text[start - 1] == '_')) {
         underscore = underscore || text[start - 1] == '_';
         --start;
+        if (stemEnd - start > 8 && !underscore) {
+            return size;  // more than 8 letters and digits: no tail, with or without underscores further on
+        }
     }
     if (underscore && (stemEnd - start != 8 || start < 2 || (text[start - 1] != '-' && text[start - 1] != '.'))) {
         // Not Python's: the tail is what follows the last underscore.

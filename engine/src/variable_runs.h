@@ -12,7 +12,20 @@ namespace baseeng {
 inline bool isDigit(char c) { return c >= '0' && c <= '9'; }
 inline bool isLower(char c) { return c >= 'a' && c <= 'z'; }
 inline bool isUpper(char c) { return c >= 'A' && c <= 'Z'; }
-inline bool isAlnum(char c) { return isDigit(c) || isLower(c) || isUpper(c); }
+namespace detail {
+struct AlnumBytes {
+    bool of[256] = {};
+    constexpr AlnumBytes() {
+        for (int c = '0'; c <= '9'; ++c) of[c] = true;
+        for (int c = 'a'; c <= 'z'; ++c) of[c] = true;
+        for (int c = 'A'; c <= 'Z'; ++c) of[c] = true;
+    }
+};
+inline constexpr AlnumBytes kAlnumBytes;
+}  // namespace detail
+
+// One load instead of three ranges: it runs for every byte of every path.
+inline bool isAlnum(char c) { return detail::kAlnumBytes.of[static_cast<unsigned char>(c)]; }
 inline char lowered(char c) { return isUpper(c) ? static_cast<char>(c + ('a' - 'A')) : c; }
 
 // Appends one path segment or word with its variable runs folded to

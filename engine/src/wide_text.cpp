@@ -3,10 +3,8 @@
 namespace baseeng {
 
 std::string narrowText(const wchar_t* field, std::size_t capacity) {
-    std::string text;
-    for (std::size_t i = 0; i < capacity && field[i] != 0; ++i) {
-        text.push_back(static_cast<char>(static_cast<unsigned>(field[i]) & 0xffu));
-    }
+    std::string text(wcsnlen(field, capacity), '\0');
+    narrowRun(&text[0], field, text.size());
     return text;
 }
 

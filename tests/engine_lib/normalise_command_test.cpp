@@ -22,7 +22,7 @@ std::vector<SameCase> commandCases(const std::string& prefix, const std::string&
         lessons.push_back(prefix + learned);
         return SameCase{rule, lessons, {prefix + probe}, same};
     };
-    return {
+    std::vector<SameCase> cases = {
         c("numbers", "/usr/bin/gzip -9 /var/shop/export/o-1.csv", "/usr/bin/gzip -9 /var/shop/export/o-77.csv", true),
         c("sizes", kConvert, "/usr/bin/convert /var/shop/upload/a.jpg -resize 64x64 -quality 70 /var/shop/cache/t_9.jpg",
           true),
@@ -49,6 +49,14 @@ std::vector<SameCase> commandCases(const std::string& prefix, const std::string&
         c("a URL instead of a file", kConvert,
           "/usr/bin/convert https://x.example/a.svg -resize 320x240 -quality 85 /var/shop/cache/t_2.jpg", false, true),
     };
+    // A line repeated verbatim may be remembered folded; what the model
+    // learned since (a directory) must still change how it folds.
+    cases.push_back(SameCase{"a repeated command, its directory learned meanwhile",
+                             {prefix + kConvert, prefix + kConvert, learnedFile, prefix + kConvert},
+                             {prefix + "/usr/bin/convert /var/shop/upload/summer-dress.jpg -resize 320x240 -quality 85 "
+                                       "/var/shop/cache/t_2.jpg"},
+                             true});
+    return cases;
 }
 
 }  // namespace
@@ -57,9 +65,12 @@ TEST(NormaliseCommandTest, HostProcessCreationsKeepTheExecutableAndTheArgumentsS
     auto cases = commandCases("process ", "file /var/shop/upload/x.jpg");
     for (SameCase& c : cases) {
         // "process <path> <command line>": the path is the command's first word.
-        for (std::string* line : {&c.lessons.back(), &c.probes.back()}) {
-            std::string command = line->substr(8);
-            *line = "process " + command.substr(0, command.find(' ')) + " " + command;
+        for (std::vector<std::string>* lines : {&c.lessons, &c.probes}) {
+            for (std::string& line : *lines) {
+                if (line.rfind("process ", 0) != 0) continue;
+                std::string command = line.substr(8);
+                line = "process " + command.substr(0, command.find(' ')) + " " + command;
+            }
         }
     }
     expectCases<BaseInterface>(cases);

@@ -70,6 +70,11 @@ TEST(NormaliseSqlTest, TheStatementsShapeStaysNew) {
         sql("double quotes name a column outside MySQL", "postgre SELECT \"a\" FROM t", "postgre SELECT \"b\" FROM t", false),
         sql("another statement", "mysql SELECT * FROM orders", "mysql DELETE FROM orders", false),
         sql("dialects differ", "mysql SELECT 1", "postgre SELECT 1", false),
+        // Seen twice, a text may be remembered folded: only for its own dialect.
+        {"dialects differ for a repeated text",
+         {"mysql SELECT 1 FROM t WHERE n = \"a\"", "mysql SELECT 1 FROM t WHERE n = \"a\""},
+         {"postgre SELECT 1 FROM t WHERE n = \"a\""},
+         false},
     });
 }
 

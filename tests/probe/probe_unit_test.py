@@ -31,7 +31,7 @@ sys.path.insert(0, HERE)
 os.environ["WL_PROBE"] = "0"  # each test class starts its own probe
 
 import wl_probe  # noqa: E402
-from wl_probe import _probe, _sql  # noqa: E402
+from wl_probe import _probe, _sender, _sql  # noqa: E402
 from telemetry_sink import TelemetrySink, action_of, subject_of  # noqa: E402
 
 HARNESS = None
@@ -367,6 +367,32 @@ class ModuleConversion(ProbeTest):
         subjects = {record["action_data"] for record in records}
         self.assertIn("/bin/true 'it'\"'\"'s'", subjects)
         self.assertIn(self.dir + "/n\udcff-not-utf8", subjects)  # the bytes as they were
+
+
+class LineEncoding(unittest.TestCase):
+    """A request's JSON is made once and shared by its actions' lines: each
+    line must still carry its own request, whole."""
+
+    def test_each_line_carries_its_own_request(self):
+        first = {"url": "http://a.test/x", "method": "GET", "body": "", "headers": {"host": "a.test"},
+                 "param": {"q": ["1"]}, "ip": "192.0.2.1", "srcPort": 5}
+        # A new fields object, as an ASGI request makes when its body grows.
+        second = dict(first, url="http://b.test/y", body="caf\udce9")
+        entries = [(first, "read", "/a"), (first, "mysql", "SELECT 1"), (second, "write", "/b"),
+                   (None, "dns", "x.test"), (first, "execute", "ls '\u00e9'"),
+                   ({}, "address", {"hostName": "h", "url": "192.0.2.7", "port": 80})]
+        for app_cmd in ("", "/usr/bin/python3 app.py"):
+            encoder = _sender.LineEncoder(app_cmd)
+            for fields, action, subject in entries:
+                with self.subTest(app_cmd=app_cmd, action=action, request=(fields or {}).get("url")):
+                    line = encoder.encode((42, 1700000000, fields, action, _probe.KIND[action], subject))
+                    self.assertTrue(line.endswith(b"\n"))
+                    message = json.loads(line.decode("utf-8", "surrogateescape"))
+                    data = dict(fields or {})
+                    if app_cmd:
+                        data["appCmd"] = app_cmd
+                    data["data"] = {"type": _probe.KIND[action], "action": action, "data": subject}
+                    self.assertEqual(message, {"pid": 42, "time": 1700000000, "data": data})
 
 
 class RequestContext(ProbeTest):

@@ -24,7 +24,11 @@ _probe = None
 _hook_installed = False
 _start_lock = threading.Lock()
 _local = _guard.local
-_WRITE_FLAGS = os.O_CREAT | os.O_TRUNC | os.O_APPEND
+# O_RDONLY is 0: any access-mode bit, or any of the others, means a write.
+_WRITE_FLAGS = os.O_ACCMODE | os.O_CREAT | os.O_TRUNC | os.O_APPEND
+# Bound once: emit runs for every action, mostly to find it a repeat.
+_current_request = _context.REQUEST.get
+_monotonic = time.monotonic
 
 
 class Probe:
@@ -50,12 +54,12 @@ class Probe:
         """subject: text, or the address object."""
         if type(subject) is str and len(subject) > self.field_bytes:
             subject = subject[:self.field_bytes]
-        request = _context.REQUEST.get()
+        request = _current_request()
         ttl = self.repeat_seconds
         if ttl:
             # Decided before the request's fields are gathered: most repeats cost only this.
             key = (action, subject if key is None else key, request.route() if request is not None else None)
-            now = time.monotonic()
+            now = _monotonic()
             recent = self.recent
             last = recent.get(key)
             if last is not None and now - last < ttl:
@@ -136,7 +140,7 @@ def _on_open(probe, args):
     if not path:
         return
     if isinstance(flags, int):
-        write = (flags & os.O_ACCMODE) != os.O_RDONLY or bool(flags & _WRITE_FLAGS)
+        write = bool(flags & _WRITE_FLAGS)
     else:
         write = any(c in str(mode) for c in "wax+")
     probe.emit("write" if write else "read", path)
