@@ -19,8 +19,13 @@ std::string defaultInstallRoot();
 std::string layOutInstallRoot(const std::string& root);
 
 std::string modulePath(const std::string& root);
-// The agent's own settings (INI): <root>/config/agent.conf.
+// The agent's own settings (INI): <root>/config/agent.conf in a build tree,
+// /etc/wl-agent/agent.conf when root is the packaged /opt/wl-agent.
 std::string agentConfigPath(const std::string& root);
+// Writes the default configuration files (agent.conf, whitelist_port.cfg,
+// baseConfig.ini) that are missing from dir; the package takes its
+// /etc/wl-agent from here. Returns an empty string or what is wrong.
+std::string writeDefaultConfig(const std::string& dir);
 std::string moduleDir(const std::string& root);
 
 }  // namespace wlagent

@@ -18,9 +18,12 @@
 #include "collector_supervisor.h"
 #include "config_centre.h"
 #include "discovery.h"
+#include "forward_settings.h"
+#include "forwarder_supervisor.h"
 #include "dirutils.h"
 #include "host_identity.h"
 #include "install_root.h"
+#include "operator_services.h"
 #include "orv_log.h"
 #include "report_spool.h"
 #include "runtime_symbols.h"
@@ -42,7 +45,9 @@ struct Options {
     bool collector = true;
     std::string collectorBackend = "auto";
     bool discover = true;
-    std::string config;  // default <root>/config/agent.conf
+    bool forward = true;  // run wl-forward for the sinks that are on
+    std::string config;  // default wlagent::agentConfigPath(root)
+    std::string writeDefaultsTo;
 };
 
 void usage() {
@@ -59,7 +64,11 @@ void usage() {
         "  --collector-backend auto|ebpf|portable\n"
         "                      the collector's capture back-end (default auto)\n"
         "  --no-discover       start no models for the applications found listening\n"
-        "  --config FILE       the agent's settings (default <root>/config/agent.conf)\n"
+        "  --no-forward        do not start wl-forward: reports stay in the spool\n"
+        "  --config FILE       the agent's settings (default <root>/config/agent.conf,\n"
+        "                      /etc/wl-agent/agent.conf for the packaged /opt/wl-agent)\n"
+        "  --write-default-config DIR\n"
+        "                      write the default configuration files missing from DIR and exit\n"
         "Signals: SIGUSR1 flips the config centre's switch and notifies the module.\n");
 }
 
@@ -103,6 +112,12 @@ bool parse(int argc, char** argv, Options& o) {
             const char* v = next("--config");
             if (!v) return false;
             o.config = v;
+        } else if (a == "--write-default-config") {
+            const char* v = next("--write-default-config");
+            if (!v) return false;
+            o.writeDefaultsTo = v;
+        } else if (a == "--no-forward") {
+            o.forward = false;
         } else if (a == "--no-collector") {
             o.collector = false;
         } else if (a == "--print-reports") {
@@ -179,7 +194,13 @@ private:
 int main(int argc, char** argv) {
     Options opt;
     if (!parse(argc, argv, opt)) return 2;
+    if (!opt.writeDefaultsTo.empty()) {
+        std::string problem = wlagent::writeDefaultConfig(opt.writeDefaultsTo);
+        if (!problem.empty()) std::fprintf(stderr, "wl-agent: %s\n", problem.c_str());
+        return problem.empty() ? 0 : 1;
+    }
     if (opt.root.empty()) opt.root = wlagent::defaultInstallRoot();
+    if (opt.config.empty()) opt.config = wlagent::agentConfigPath(opt.root);
 
     std::string problem = wlagent::layOutInstallRoot(opt.root);
     if (!problem.empty()) {
@@ -188,11 +209,35 @@ int main(int argc, char** argv) {
     }
     dirutils_set_install_dir(wlagent::moduleDir(opt.root).c_str());
     error_output_set_level(opt.logLevel);
-    std::printf("wl-agent: install root %s\n", opt.root.c_str());
+    std::printf("wl-agent: install root %s, settings %s\n", opt.root.c_str(), opt.config.c_str());
 
     wlagent::HostIdentity identity = wlagent::readHostIdentity();
-    wlagent::ReportSpool spool(opt.root, opt.printReports);
+    // The spool's bounds and which sinks read it: the agent counts what the
+    // bound discards before every sink had it.
+    wlforward::ForwardSettings forwarding;
+    {
+        std::vector<std::string> problems;
+        forwarding = wlforward::readForwardSettings(wlagent::AgentConfig::load(opt.config, problems), opt.root, problems);
+        for (const std::string& line : problems) say(opt.config + ": " + line);
+    }
+    wlagent::ReportSpool spool(opt.root, opt.printReports, forwarding);
+    spool.setHostUuid(identity.uuid);
+    problem = spool.open();
+    if (!problem.empty()) {
+        std::fprintf(stderr, "wl-agent: the report spool cannot be used: %s\n", problem.c_str());
+        return 1;
+    }
     wlagent::bindRuntimeSymbols(&spool, &identity);
+    // What was reported before this start stays visible to wlctl, and report
+    // ids go on above the ones already spooled.
+    wlagent::OperatorServices operatorServices(opt.root, opt.config, wlagent::agentVersion());
+    {
+        std::vector<std::string> problems;
+        operatorServices.replaySpool(problems);
+        for (const std::string& line : problems) say("report history: " + line);
+        wlagent::bindReportLedger(&operatorServices.ledger());
+        wlagent::startSequence(operatorServices.ledger().highestSequence());
+    }
     wlagent::setModuleSwitch(opt.moduleOff, !opt.moduleOff);
 
     // The config centre's callbacks arrive on this thread through its loop.
@@ -209,6 +254,15 @@ int main(int argc, char** argv) {
         collector.start();
     } else {
         say("collector not started (--no-collector): running without host events");
+    }
+
+    // wl-forward takes the spool to the sinks; the agent never waits for it.
+    wlagent::ChildSupervisor forwarder(wlagent::forwarderSpec(opt.root, opt.config), processes,
+                                       [] { return std::chrono::steady_clock::now(); }, say);
+    if (opt.forward && !wlforward::enabledSinks(forwarding).empty()) {
+        forwarder.start();
+    } else {
+        say(opt.forward ? "no sink is enabled: reports stay in the spool" : "forwarder not started (--no-forward)");
     }
 
     int ports = wlagent::collectAndPublishAssets();
@@ -232,6 +286,13 @@ int main(int argc, char** argv) {
     std::printf("wl-agent: module loaded, starting it (logs: %s/var/log/agent/white_list)\n", opt.root.c_str());
     std::fflush(stdout);
     init();
+    operatorServices.setModuleLoaded();
+    {
+        std::vector<std::string> problems;
+        wlagent::AgentConfig settings = wlagent::AgentConfig::load(opt.config, problems);
+        for (const std::string& line : problems) say(line);
+        operatorServices.start(settings, wlagent::collectorOptions(opt.root, opt.collectorBackend).socket, say);
+    }
     Discovery discovery(opt);
 
     std::time_t started = std::time(nullptr);
@@ -253,12 +314,15 @@ int main(int argc, char** argv) {
             lastScan = now;
         }
         collector.poll();
+        forwarder.poll();
+        operatorServices.poll(centre, opt.collector ? &collector : nullptr);
         if (opt.runSeconds > 0 && now - started >= opt.runSeconds) break;
         usleep(200000);
     }
     std::printf("wl-agent: stopping\n");
     std::fflush(stdout);
     collector.stop();
+    forwarder.stop();
     // The module has no stop: leave the process without unloading it.
     std::_Exit(0);
 }

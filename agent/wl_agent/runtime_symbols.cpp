@@ -1,14 +1,18 @@
 #include "runtime_symbols.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 #include "host_state_utils.h"
 
 namespace {
 wlagent::ReportSpool* g_spool = nullptr;
 const wlagent::HostIdentity* g_identity = nullptr;
+wlagent::ReportLedger* g_ledger = nullptr;
 std::atomic<uint64_t> g_sequence{0};
 }  // namespace
 
@@ -21,7 +25,16 @@ __attribute__((aligned(8))) unsigned char g_ms_conf[64];
 int _upload2mgr(int channel, const char* text, int length, int mode) {
     (void)channel;
     (void)mode;
-    return g_spool ? g_spool->add(text, length) : -1;
+    int result = g_spool ? g_spool->add(text, length) : -1;
+    if (g_ledger && text && length > 0) {
+        std::string envelope(text, static_cast<size_t>(length));
+        if (result >= 0) {
+            g_ledger->record(envelope, std::time(nullptr));
+        } else {
+            g_ledger->recordLost(envelope);
+        }
+    }
+    return result;
 }
 
 int get_log_ctm_header_util_v2(log_ctm_header* header) {
@@ -44,6 +57,25 @@ namespace wlagent {
 void bindRuntimeSymbols(ReportSpool* spool, const HostIdentity* identity) {
     g_spool = spool;
     g_identity = identity;
+}
+
+void bindReportLedger(ReportLedger* ledger) { g_ledger = ledger; }
+
+uint64_t startSequence(uint64_t highestSeen) {
+    uint64_t now = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count());
+    uint64_t first = std::max(now, highestSeen + 1);
+    g_sequence = first - 1;  // the header takes ++g_sequence
+    return first;
+}
+
+bool moduleSwitchOn() {
+    uint16_t on = 0, module = 0;
+    std::memcpy(&on, g_ms_conf + 12, sizeof on);
+    std::memcpy(&module, g_ms_conf + 32, sizeof module);
+    // Off only when switching is in force and the module's word is 0.
+    return !(on != 0 && module == 0);
 }
 
 void setModuleSwitch(bool switchingOn, bool whiteListOn) {

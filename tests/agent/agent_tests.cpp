@@ -128,3 +128,31 @@ TEST(InstallRoot, RefusesARootWithoutTheModuleAndKeepsOperatorEdits) {
     EXPECT_EQ(stat((root + "/var/spool/manager").c_str(), &st), 0);
     std::system(("rm -rf " + root).c_str());
 }
+
+TEST(InstallRoot, BuildTreeKeepsItsSettingsInItsOwnConfig) {
+    char pattern[] = "/tmp/wl_root_XXXXXX";
+    std::string root = mkdtemp(pattern);
+    EXPECT_EQ(agentConfigPath(root), root + "/config/agent.conf");
+    std::system(("rm -rf " + root).c_str());
+}
+
+TEST(InstallRoot, DefaultConfigurationIsWrittenWhereAskedAndEditsAreKept) {
+    char pattern[] = "/tmp/wl_defaults_XXXXXX";
+    std::string base = mkdtemp(pattern);
+    std::string dir = base + "/etc/wl-agent";
+    ASSERT_EQ(writeDefaultConfig(dir), "");
+    struct stat st;
+    for (const char* name : {"/agent.conf", "/whitelist_port.cfg", "/baseConfig.ini"}) {
+        ASSERT_EQ(stat((dir + name).c_str(), &st), 0) << name;
+        EXPECT_EQ(st.st_mode & 07777, 0640u) << name;  // may come to hold sinks' credentials
+    }
+    std::ofstream(dir + "/agent.conf") << "[discovery]\nenabled = false\n";
+    ASSERT_EQ(writeDefaultConfig(dir), "");
+    std::ifstream kept(dir + "/agent.conf");
+    std::string text((std::istreambuf_iterator<char>(kept)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(text, "[discovery]\nenabled = false\n");
+
+    std::ofstream(base + "/plain") << "";
+    EXPECT_NE(writeDefaultConfig(base + "/plain/sub").find(base + "/plain/sub"), std::string::npos);
+    std::system(("rm -rf " + base).c_str());
+}

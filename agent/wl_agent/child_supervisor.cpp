@@ -1,0 +1,126 @@
+#include "child_supervisor.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <utility>
+
+#include "dirutils.h"
+
+namespace wlagent {
+namespace {
+
+constexpr long kLogRotateBytes = 8L * 1024 * 1024;
+constexpr std::streamoff kLogTailBytes = 4096;
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+// A child's log is kept to two files of bounded size.
+void rotateLog(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 && st.st_size > kLogRotateBytes) {
+        std::rename(path.c_str(), (path + ".1").c_str());
+    }
+}
+
+std::string seconds(std::chrono::seconds s) { return std::to_string(s.count()) + " s"; }
+
+}  // namespace
+
+constexpr std::chrono::seconds ChildSupervisor::kFirstDelay;
+constexpr std::chrono::seconds ChildSupervisor::kMaxDelay;
+constexpr std::chrono::seconds ChildSupervisor::kSteadyRun;
+constexpr std::chrono::milliseconds ChildSupervisor::kStopGrace;
+
+ChildSupervisor::ChildSupervisor(ChildSpec spec, ProcessControl& processes, Clock clock, Log log)
+    : m_spec(std::move(spec)), m_processes(processes), m_clock(std::move(clock)), m_log(std::move(log)) {}
+
+void ChildSupervisor::start() {
+    if (m_state != State::Idle) return;
+    if (m_spec.argv.empty() || !exists(m_spec.argv[0])) {
+        m_state = State::Missing;
+        m_log("no " + m_spec.name + " at " + (m_spec.argv.empty() ? "" : m_spec.argv[0]) + ": running " +
+              m_spec.withoutIt);
+        return;
+    }
+    std::string dir = m_spec.logFile.substr(0, m_spec.logFile.rfind('/'));
+    if (dirutils_mkdir(dir.c_str(), 0755) != 0) m_log("cannot create " + dir + " for the " + m_spec.name + "'s log");
+    launch();
+}
+
+void ChildSupervisor::launch() {
+    rotateLog(m_spec.logFile);
+    std::string error;
+    pid_t pid = m_processes.spawn(m_spec.argv, m_spec.logFile, error);
+    if (pid < 0) {
+        scheduleRestart("cannot start the " + m_spec.name + ": " + error);
+        return;
+    }
+    m_pid = pid;
+    m_state = State::Running;
+    m_startedAt = m_clock();
+    m_log(m_spec.name + " started (pid " + std::to_string(pid) + ", log " + m_spec.logFile + ")");
+}
+
+void ChildSupervisor::poll() {
+    if (m_state == State::Running) {
+        ChildExit exit;
+        if (m_processes.reap(m_pid, exit)) onExit(exit);
+    } else if (m_state == State::Waiting && m_clock() >= m_restartAt) {
+        m_log("restarting the " + m_spec.name);
+        launch();
+    }
+}
+
+void ChildSupervisor::onExit(const ChildExit& exit) {
+    m_pid = -1;
+    if (!exit.signalled && exit.code == m_spec.cannotRunCode) {
+        m_state = State::GaveUp;
+        std::string reason = lastLogLine();
+        m_log("the " + m_spec.name + " cannot run on this host" + (reason.empty() ? std::string() : ": " + reason) +
+              " (see " + m_spec.logFile + "); not restarting it, running " + m_spec.withoutIt);
+        return;
+    }
+    if (m_clock() - m_startedAt >= kSteadyRun) m_delay = kFirstDelay;
+    std::string how = exit.signalled
+                          ? "killed by signal " + std::to_string(exit.code) + " (" + strsignal(exit.code) + ")"
+                          : "exited with status " + std::to_string(exit.code);
+    scheduleRestart(m_spec.name + " " + how);
+}
+
+void ChildSupervisor::scheduleRestart(const std::string& what) {
+    m_state = State::Waiting;
+    m_restartAt = m_clock() + m_delay;
+    m_log(what + "; restarting it in " + seconds(m_delay));
+    m_delay = std::min(m_delay * 2, kMaxDelay);
+}
+
+void ChildSupervisor::stop() {
+    if (m_state == State::Running) {
+        ChildExit exit = m_processes.terminate(m_pid, kStopGrace);
+        m_log(exit.signalled ? m_spec.name + " stopped (signal " + std::to_string(exit.code) + ")"
+                             : m_spec.name + " stopped (status " + std::to_string(exit.code) + ")");
+        m_pid = -1;
+    }
+    if (m_state != State::Idle) m_state = State::Stopped;
+}
+
+std::string ChildSupervisor::lastLogLine() const {
+    std::ifstream in(m_spec.logFile, std::ios::binary | std::ios::ate);
+    if (!in) return "";
+    std::streamoff size = in.tellg();
+    std::streamoff from = std::max<std::streamoff>(0, size - kLogTailBytes);
+    in.seekg(from);
+    std::string tail(static_cast<size_t>(size - from), '\0');
+    in.read(&tail[0], static_cast<std::streamsize>(tail.size()));
+    while (!tail.empty() && (tail.back() == '\n' || tail.back() == '\r' || tail.back() == ' ')) tail.pop_back();
+    return tail.substr(tail.rfind('\n') == std::string::npos ? 0 : tail.rfind('\n') + 1);
+}
+
+}  // namespace wlagent
