@@ -56,19 +56,19 @@ pid_t SystemProcessControl::spawn(const std::vector<std::string>& argv, const st
         error = "nothing to run";
         return -1;
     }
-    wlsock::UniqueFd log(::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
+    wl::UniqueFd log(::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
     if (!log.valid()) {
         error = "cannot open " + logFile + ": " + std::strerror(errno);
         return -1;
     }
-    wlsock::UniqueFd input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    wl::UniqueFd input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     int ends[2];
     if (!input.valid() || ::pipe2(ends, O_CLOEXEC) != 0) {
         error = std::string("cannot prepare the child: ") + std::strerror(errno);
         return -1;
     }
-    wlsock::UniqueFd readEnd(ends[0]);
-    wlsock::UniqueFd writeEnd(ends[1]);
+    wl::UniqueFd readEnd(ends[0]);
+    wl::UniqueFd writeEnd(ends[1]);
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);

@@ -58,7 +58,7 @@ void ControlServer::acceptLoop() {
         int rc = ::poll(fds, 2, 1000);
         reapFinished();
         if (rc <= 0 || (fds[1].revents & POLLIN)) continue;
-        wlsock::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        wl::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!client.valid()) continue;
         ucred cred{};
         socklen_t len = sizeof cred;
@@ -73,7 +73,7 @@ void ControlServer::acceptLoop() {
             continue;
         }
         auto finished = std::make_shared<std::atomic<bool>>(false);
-        auto body = [this, finished](wlsock::UniqueFd fd) {
+        auto body = [this, finished](wl::UniqueFd fd) {
             serve(std::move(fd));
             finished->store(true);
         };
@@ -86,7 +86,7 @@ void ControlServer::reply(int fd, const std::string& line) {
     wlsock::write_all(fd, out.data(), out.size(), m_stop.get(), wlsock::deadline_in(m_limits.replyMs));
 }
 
-void ControlServer::serve(wlsock::UniqueFd fd) {
+void ControlServer::serve(wl::UniqueFd fd) {
     std::string request;
     const wlsock::Deadline deadline = wlsock::deadline_in(m_limits.idleMs);
     char chunk[4096];

@@ -46,14 +46,14 @@ private:
         std::shared_ptr<std::atomic<bool>> finished;
     };
     void acceptLoop();
-    void serve(wlsock::UniqueFd fd);
+    void serve(wl::UniqueFd fd);
     void reply(int fd, const std::string& line);
     void reapFinished();
 
     Handler m_handler;
     ControlServerLimits m_limits;
     std::string m_path;
-    wlsock::UniqueFd m_listen;
+    wl::UniqueFd m_listen;
     wlsock::WakeFd m_stop;
     std::atomic<bool> m_stopping{false};
     std::thread m_acceptor;

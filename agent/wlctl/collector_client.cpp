@@ -54,7 +54,7 @@ CollectorReply queryCollector(const std::string& socketPath, int timeoutMs) {
         reply.error = "socket path too long: " + socketPath;
         return reply;
     }
-    wlsock::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    wl::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     timeval tv = {timeoutMs / 1000, (timeoutMs % 1000) * 1000};
     ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));  // bounds connect
     if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {

@@ -24,7 +24,7 @@ ControlReply fail(Exit code, const std::string& error) {
 ControlReply askAgent(const std::string& socketPath, const std::string& request, int timeoutMs) {
     sockaddr_un addr;
     if (!wlsock::fill_address(socketPath, &addr)) return fail(kExitUsage, "socket path too long: " + socketPath);
-    wlsock::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    wl::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) return fail(kExitAgentError, std::string("socket: ") + std::strerror(errno));
     if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         int err = errno;

@@ -14,7 +14,7 @@
 #include <fcntl.h>
 
 #include "capture_backend.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace wlc {
 namespace {
@@ -27,7 +27,7 @@ public:
 ProbeItem check(const char* name, bool ok, std::string detail = {}) { return ProbeItem{name, ok, std::move(detail)}; }
 
 ProbeItem procConnector() {
-    UniqueFd fd(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
+    wl::UniqueFd fd(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
     if (!fd.valid()) return check("proc connector", false, std::strerror(errno));
     sockaddr_nl addr{};
     addr.nl_family = AF_NETLINK;
@@ -39,7 +39,7 @@ ProbeItem procConnector() {
 }
 
 ProbeItem fanotify() {
-    UniqueFd fd(::fanotify_init(FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE));
+    wl::UniqueFd fd(::fanotify_init(FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE));
     if (!fd.valid()) return check("fanotify (names reported)", false, std::strerror(errno));
     return check("fanotify (names reported)", true);
 }

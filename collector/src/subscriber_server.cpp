@@ -17,7 +17,7 @@
 namespace wlc {
 
 struct SubscriberServer::Connection {
-    UniqueFd fd;
+    wl::UniqueFd fd;
     uid_t uid = 0;
     std::set<int32_t> pids;
     bool receiver = false;  // subscribed at least once: gets records
@@ -43,7 +43,7 @@ bool fillAddress(const std::string& path, sockaddr_un& addr) {
 
 // Whether something still answers on the path: then it is not ours to take.
 bool socketAnswers(const sockaddr_un& addr) {
-    UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    wl::UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return probe.valid() && ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
 }
 
@@ -205,7 +205,7 @@ void SubscriberServer::serve() {
 
 void SubscriberServer::accept() {
     while (true) {
-        UniqueFd fd(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        wl::UniqueFd fd(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!fd.valid()) return;
         uid_t uid = 0;
         if (!peerAllowed(fd.get(), &uid)) {

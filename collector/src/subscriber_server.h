@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "host_event.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace wlc {
 
@@ -79,8 +79,8 @@ private:
     std::string m_backend;
     ServerHooks m_hooks;
     ServerLimits m_limits;
-    UniqueFd m_listen;
-    UniqueFd m_wake;
+    wl::UniqueFd m_listen;
+    wl::UniqueFd m_wake;
     std::thread m_thread;
     std::atomic<bool> m_stopping{false};
 

@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ extern "C" int file_sync_parent_dir(const char* path) {
         errno = EINVAL;
         return -1;
     }
-    kembase::UniqueFd dir(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    wl::UniqueFd dir(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dir.valid()) return -1;
     return ::fsync(dir.get()) == 0 ? 0 : -1;
 }
@@ -61,7 +61,7 @@ extern "C" int file_write_atomic(const char* path, const void* data, size_t size
     const std::string temp = std::string(path) + ".tmp";
     {
         // O_NOFOLLOW: a link planted at the temporary name is not written through.
-        kembase::UniqueFd fd(
+        wl::UniqueFd fd(
             ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, static_cast<mode_t>(mode)));
         if (!fd.valid()) return -1;
         // A temporary file left by a crash keeps its old mode unless told.

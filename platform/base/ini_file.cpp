@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "atomic_file.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace {
 
@@ -83,7 +83,7 @@ void parseLine(IniDocument& doc, size_t& current, const std::string& raw) {
 
 // False for anything that can't be read through, a directory included.
 bool readWhole(const char* path, std::string& text) {
-    kembase::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    wl::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return false;
     char chunk[4096];
     for (;;) {

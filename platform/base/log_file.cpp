@@ -15,8 +15,8 @@ namespace {
 // agent's group only, whatever the umask.
 constexpr mode_t kLogMode = 0640;
 
-UniqueFd openAppend(const std::string& path) {
-    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode));
+wl::UniqueFd openAppend(const std::string& path) {
+    wl::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode));
     if (fd.valid()) ::fchmod(fd.get(), kLogMode);
     return fd;
 }
@@ -36,14 +36,14 @@ void writeAll(int fd, const char* data, size_t len) {
 }  // namespace
 
 std::shared_ptr<LogFile> LogFile::open(const std::string& path) {
-    UniqueFd fd = openAppend(path);
+    wl::UniqueFd fd = openAppend(path);
     if (!fd.valid()) return nullptr;
     struct stat st {};
     long size = ::fstat(fd.get(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
     return std::make_shared<LogFile>(path, std::move(fd), size);
 }
 
-LogFile::LogFile(std::string path, UniqueFd fd, long size) : m_path(std::move(path)), m_fd(std::move(fd)), m_size(size) {}
+LogFile::LogFile(std::string path, wl::UniqueFd fd, long size) : m_path(std::move(path)), m_fd(std::move(fd)), m_size(size) {}
 
 void LogFile::write(const char* data, size_t len, long maxSize) {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -60,7 +60,7 @@ void LogFile::rotate() {
     ::rename(m_path.c_str(), old.c_str());
     // Even when the rename failed (directory gone), start a fresh count so
     // that every line does not retry the rotation.
-    UniqueFd fd = openAppend(m_path);
+    wl::UniqueFd fd = openAppend(m_path);
     if (fd.valid()) m_fd = std::move(fd);
     m_size = 0;
 }

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string>
 
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace kembase {
 
@@ -17,7 +17,7 @@ public:
     // Null when the file can't be opened for appending.
     static std::shared_ptr<LogFile> open(const std::string& path);
 
-    explicit LogFile(std::string path, UniqueFd fd, long size);
+    explicit LogFile(std::string path, wl::UniqueFd fd, long size);
     void write(const char* data, size_t len, long maxSize);
     const std::string& path() const { return m_path; }
 
@@ -26,7 +26,7 @@ private:
 
     std::mutex m_lock;
     std::string m_path;
-    UniqueFd m_fd;
+    wl::UniqueFd m_fd;
     long m_size;
 };
 

@@ -28,7 +28,7 @@ ConnectionTable& ConnectionTable::instance() {
     return table.get();
 }
 
-std::shared_ptr<Connection> ConnectionTable::open(wlsock::UniqueFd fd, wlsock::ConnectionSlot slot) {
+std::shared_ptr<Connection> ConnectionTable::open(wl::UniqueFd fd, wlsock::ConnectionSlot slot) {
     std::lock_guard<std::mutex> lock(m_lock);
     unsigned long id = m_nextId++;
     if (m_nextId == 0) m_nextId = 1;

@@ -21,7 +21,7 @@ class Connection {
 public:
     using Clock = std::chrono::steady_clock;
 
-    Connection(wlsock::UniqueFd fd, unsigned long id, wlsock::ConnectionSlot slot)
+    Connection(wl::UniqueFd fd, unsigned long id, wlsock::ConnectionSlot slot)
         : m_fd(std::move(fd)), m_id(id), m_slot(std::move(slot)) {}
     int fd() const { return m_fd.get(); }
     unsigned long id() const { return m_id; }
@@ -34,7 +34,7 @@ public:
     Clock::time_point lastActive() const { return Clock::time_point(Clock::duration(m_lastActive.load())); }
 
 private:
-    wlsock::UniqueFd m_fd;
+    wl::UniqueFd m_fd;
     const unsigned long m_id;
     wlsock::ConnectionSlot m_slot;
     FrameReader m_reader;
@@ -45,7 +45,7 @@ private:
 class ConnectionTable {
 public:
     static ConnectionTable& instance();
-    std::shared_ptr<Connection> open(wlsock::UniqueFd fd, wlsock::ConnectionSlot slot);
+    std::shared_ptr<Connection> open(wl::UniqueFd fd, wlsock::ConnectionSlot slot);
     void close(unsigned long id);
     std::shared_ptr<Connection> find(unsigned long id);
 

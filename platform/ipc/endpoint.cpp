@@ -159,7 +159,7 @@ void Endpoint::receiveLoop() {
 }
 
 void Endpoint::acceptOne() {
-    wlsock::UniqueFd fd(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    wl::UniqueFd fd(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!fd.valid()) return;
     wlsock::PeerCred peer;
     std::uint64_t held_back = 0;

@@ -83,7 +83,7 @@ private:
     wlsock::RateLimit m_refusalLog;
     wlsock::RateLimit m_overloadLog;
     std::string m_path;
-    wlsock::UniqueFd m_listen;
+    wl::UniqueFd m_listen;
     wlsock::WakeFd m_stop;
     std::atomic<bool> m_stopping{false};
     cl_ev_loop_t m_owner = nullptr;

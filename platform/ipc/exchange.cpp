@@ -45,7 +45,7 @@ ExchangeResult from_io(wlsock::IoResult io) {
 ExchangeResult exchange(const std::string& path, std::uint32_t cmd, const void* data, std::uint32_t size,
                         int timeout_ms, int stop_fd) {
     int err = 0;
-    wlsock::UniqueFd fd = wlsock::connect_to(path, &err);
+    wl::UniqueFd fd = wlsock::connect_to(path, &err);
     if (!fd.valid()) return failed(-(err ? err : ECONNREFUSED));
     const std::uint32_t id = next_request_id();
     const wlsock::Deadline deadline = wlsock::deadline_in(timeout_ms);

@@ -21,31 +21,9 @@
 #include "peer_cred.h"
 #include "socket_dir.h"
 
+#include "wl_unique_fd.h"
+
 namespace wlsock {
-
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : m_fd(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        if (this != &other) reset(std::exchange(other.m_fd, -1));
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int get() const { return m_fd; }
-    bool valid() const { return m_fd >= 0; }
-    void reset(int fd = -1) {
-        if (m_fd >= 0) ::close(m_fd);
-        m_fd = fd;
-    }
-
-private:
-    int m_fd = -1;
-};
 
 // Readable once signalled; threads poll it beside their sockets to stop.
 class WakeFd {
@@ -60,7 +38,7 @@ public:
     }
 
 private:
-    UniqueFd m_fd;
+    wl::UniqueFd m_fd;
 };
 
 // "@" paths are turned into real ones; the result is empty on failure.
@@ -81,25 +59,25 @@ inline bool fill_address(const std::string& path, sockaddr_un* addr) {
 // Connects to a listening socket; invalid on failure with *err set. A
 // listener that is neither root nor the agent's own user is refused
 // (EPERM): it is not the agent's, whatever its path says.
-inline UniqueFd connect_to(const std::string& path, int* err) {
+inline wl::UniqueFd connect_to(const std::string& path, int* err) {
     sockaddr_un addr;
     if (!fill_address(path, &addr)) {
         *err = ENAMETOOLONG;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    wl::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
         *err = errno;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         *err = errno;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     PeerCred server;
     if (!trusted_peer(fd.get(), &server)) {
         *err = EPERM;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     *err = 0;
     return fd;
@@ -109,55 +87,55 @@ inline UniqueFd connect_to(const std::string& path, int* err) {
 inline bool someone_listens(const std::string& path) {
     sockaddr_un addr;
     if (!fill_address(path, &addr)) return false;
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    wl::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return fd.valid() && ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
 // Listens at path with the given mode, and the given group when it isn't
 // -1. The directory is made and checked (secure_socket_dir); a stale socket
 // left by a dead process is replaced, a live one is not (EADDRINUSE).
-inline UniqueFd listen_at(const std::string& path, mode_t mode, int* err, gid_t group = static_cast<gid_t>(-1)) {
+inline wl::UniqueFd listen_at(const std::string& path, mode_t mode, int* err, gid_t group = static_cast<gid_t>(-1)) {
     sockaddr_un addr;
     if (!fill_address(path, &addr)) {
         *err = ENAMETOOLONG;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     const size_t slash = path.rfind('/');
     if (slash == std::string::npos || slash == 0) {
         *err = EINVAL;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     *err = secure_socket_dir(path.substr(0, slash));
-    if (*err != 0) return UniqueFd();
+    if (*err != 0) return wl::UniqueFd();
     struct stat st;
     if (::lstat(path.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) {
             *err = EEXIST;
-            return UniqueFd();
+            return wl::UniqueFd();
         }
         if (someone_listens(path)) {
             *err = EADDRINUSE;
-            return UniqueFd();
+            return wl::UniqueFd();
         }
         ::unlink(path.c_str());
     }
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    wl::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
         *err = errno;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     // On Linux the socket's own mode becomes the file's mode at bind, so the
     // file is never reachable with wider rights; chmod afterwards to be sure.
     ::fchmod(fd.get(), mode & 0700);
     if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         *err = errno;
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     if ((group != static_cast<gid_t>(-1) && ::chown(path.c_str(), static_cast<uid_t>(-1), group) != 0) ||
         ::chmod(path.c_str(), mode) != 0 || ::listen(fd.get(), 64) != 0) {
         *err = errno;
         ::unlink(path.c_str());
-        return UniqueFd();
+        return wl::UniqueFd();
     }
     *err = 0;
     return fd;

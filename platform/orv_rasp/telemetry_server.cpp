@@ -164,7 +164,7 @@ bool TelemetryServer::admits(const wlsock::PeerCred& peer, std::string* why) {
 }
 
 void TelemetryServer::acceptOne() {
-    wlsock::UniqueFd client(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    wl::UniqueFd client(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!client.valid()) {
         return;
     }

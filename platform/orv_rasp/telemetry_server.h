@@ -51,7 +51,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     struct Connection {
-        wlsock::UniqueFd fd;
+        wl::UniqueFd fd;
         wlsock::PeerCred peer;
         bool checked = false;  // its lines must name its own process
         wlsock::ConnectionSlot slot;
@@ -79,7 +79,7 @@ private:
     void* m_user = nullptr;
     bool m_started = false;
 
-    wlsock::UniqueFd m_listener;
+    wl::UniqueFd m_listener;
     wlsock::WakeFd m_wake;
     std::string m_socketPath;
     std::string m_catalogue;

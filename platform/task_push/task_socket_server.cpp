@@ -87,7 +87,7 @@ void TaskSocketServer::acceptLoop() {
 }
 
 void TaskSocketServer::acceptOne() {
-    wlsock::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    wl::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client.valid()) return;
     wlsock::PeerCred peer;
     std::uint64_t held_back = 0;
@@ -110,7 +110,7 @@ void TaskSocketServer::acceptOne() {
     }
     auto slot = std::make_shared<wlsock::ConnectionSlot>(&m_slots, key);
     auto finished = std::make_shared<std::atomic<bool>>(false);
-    auto body = [this, finished, slot](wlsock::UniqueFd fd) {
+    auto body = [this, finished, slot](wl::UniqueFd fd) {
         serve(std::move(fd));
         finished->store(true);
     };
@@ -138,7 +138,7 @@ bool TaskSocketServer::receive(int fd, char* out, std::size_t size, wlsock::Dead
     return true;
 }
 
-void TaskSocketServer::serve(wlsock::UniqueFd fd) {
+void TaskSocketServer::serve(wl::UniqueFd fd) {
     try {
         serveRequest(fd.get());
     } catch (const std::exception& error) {

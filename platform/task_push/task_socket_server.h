@@ -47,7 +47,7 @@ private:
 
     void acceptLoop();
     void acceptOne();
-    void serve(wlsock::UniqueFd fd);
+    void serve(wl::UniqueFd fd);
     void serveRequest(int fd);
     // Reads exactly size bytes, allowing idle_ms between pieces and the
     // request's own deadline overall.
@@ -62,7 +62,7 @@ private:
     wlsock::RateLimit m_refusalLog;
     wlsock::RateLimit m_overloadLog;
     std::string m_path;
-    wlsock::UniqueFd m_listen;
+    wl::UniqueFd m_listen;
     wlsock::WakeFd m_stop;
     std::atomic<bool> m_stopping{false};
     std::thread m_acceptor;

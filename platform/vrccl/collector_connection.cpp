@@ -19,16 +19,16 @@ std::string errnoText(int err) { return std::strerror(err); }
 
 // Blocking, bounded by SO_SNDTIMEO: for a Unix socket that is the wait for
 // room in the listener's backlog, the only way its connect can stall.
-wlsock::UniqueFd connectWithin(const std::string& path, int timeoutMs, std::string& problem) {
+wl::UniqueFd connectWithin(const std::string& path, int timeoutMs, std::string& problem) {
     sockaddr_un addr;
     if (!wlsock::fill_address(path, &addr)) {
         problem = "socket path too long";
-        return wlsock::UniqueFd();
+        return wl::UniqueFd();
     }
-    wlsock::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    wl::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
         problem = "socket: " + errnoText(errno);
-        return wlsock::UniqueFd();
+        return wl::UniqueFd();
     }
     timeval tv = {timeoutMs / 1000, (timeoutMs % 1000) * 1000};
     ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
@@ -38,7 +38,7 @@ wlsock::UniqueFd connectWithin(const std::string& path, int timeoutMs, std::stri
         else if (err == ECONNREFUSED) problem = "nobody listens on the socket";
         else if (err == EAGAIN || err == EINPROGRESS) problem = "the collector accepts no connection (timed out)";
         else problem = "connect: " + errnoText(err);
-        return wlsock::UniqueFd();
+        return wl::UniqueFd();
     }
     return fd;
 }
@@ -78,7 +78,7 @@ std::unique_ptr<CollectorConnection> CollectorConnection::open(const std::string
                                                                const ConnectionSettings& settings,
                                                                Counters& counters, DropHandler onDrop) {
     std::string problem;
-    wlsock::UniqueFd fd = connectWithin(path, settings.connectMs, problem);
+    wl::UniqueFd fd = connectWithin(path, settings.connectMs, problem);
     vrccl_hello hello;
     if (fd.valid()) {
         std::string peer = peerProblem(fd.get());
@@ -103,7 +103,7 @@ std::unique_ptr<CollectorConnection> CollectorConnection::open(const std::string
     return connection;
 }
 
-CollectorConnection::CollectorConnection(Key, wlsock::UniqueFd fd, const ConnectionSettings& settings, Counters& counters,
+CollectorConnection::CollectorConnection(Key, wl::UniqueFd fd, const ConnectionSettings& settings, Counters& counters,
                                          DropHandler onDrop)
     : m_fd(std::move(fd)),
       m_sendMs(settings.sendMs),

@@ -34,7 +34,7 @@ public:
     // Null when no collector answered; the reason is logged.
     static std::unique_ptr<CollectorConnection> open(const std::string& path, const ConnectionSettings& settings,
                                                      Counters& counters, DropHandler onDrop);
-    CollectorConnection(Key, wlsock::UniqueFd fd, const ConnectionSettings& settings, Counters& counters,
+    CollectorConnection(Key, wl::UniqueFd fd, const ConnectionSettings& settings, Counters& counters,
                         DropHandler onDrop);
     // Stops and joins the reader without reporting a drop.
     ~CollectorConnection();
@@ -54,7 +54,7 @@ private:
     void cut(const std::string& why);
     void finish(const std::string& why);
 
-    wlsock::UniqueFd m_fd;
+    wl::UniqueFd m_fd;
     wlsock::WakeFd m_stop;
     int m_sendMs;
     Counters& m_counters;

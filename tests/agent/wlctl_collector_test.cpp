@@ -35,7 +35,7 @@ public:
         int err = 0;
         m_listen = wlsock::listen_at(path, 0600, &err);
         m_thread = std::thread([this] {
-            wlsock::UniqueFd peer(::accept(m_listen.get(), nullptr, nullptr));
+            wl::UniqueFd peer(::accept(m_listen.get(), nullptr, nullptr));
             if (!peer.valid()) return;
             vrccl_hello hello = {VRCCL_PROTOCOL_VERSION, 77, "portable"};
             sendFrame(peer.get(), VRCCL_HELLO, &hello, sizeof(hello));
@@ -56,7 +56,7 @@ public:
     }
 
 private:
-    wlsock::UniqueFd m_listen;
+    wl::UniqueFd m_listen;
     std::thread m_thread;
 };
 

@@ -15,7 +15,7 @@ WireClient::WireClient(const std::string& path, int retryMs) {
     std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(retryMs);
     do {
-        wlc::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        wl::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
             m_fd = std::move(fd);
             return;

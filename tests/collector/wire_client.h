@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 #include "vrccl_wire.h"
 
 class WireClient {
@@ -28,7 +28,7 @@ public:
 private:
     bool readExactly(void* out, std::size_t size, int timeoutMs);
 
-    wlc::UniqueFd m_fd;
+    wl::UniqueFd m_fd;
 };
 
 #endif

@@ -41,8 +41,8 @@ public:
     void closeClient();
 
 private:
-    wlsock::UniqueFd m_listen;
-    wlsock::UniqueFd m_client;
+    wl::UniqueFd m_listen;
+    wl::UniqueFd m_client;
     std::future<int> m_accepted;
     std::thread m_acceptor;
 };

@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace wlspool {
 
 struct SpoolReader::Open {
-    kembase::UniqueFd fd;
+    wl::UniqueFd fd;
     uint64_t start = 0;
     uint64_t size = 0;
 };

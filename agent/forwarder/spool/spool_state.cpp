@@ -15,7 +15,7 @@
 
 #include "atomic_file.h"
 #include "dirutils.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace wlspool {
 namespace {
@@ -183,14 +183,14 @@ bool writeCursor(const Stream& stream, const std::string& sink, uint64_t offset,
 
 // Copies src to dst whole or not at all.
 bool copyFileAtomic(const std::string& src, const std::string& dst, uint64_t& size, std::string& error) {
-    kembase::UniqueFd in(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
+    wl::UniqueFd in(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st;
     if (!in.valid() || ::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         error = "cannot read " + src + (in.valid() ? ": not a regular file" : std::string(": ") + std::strerror(errno));
         return false;
     }
     std::string tmp = dst + ".tmp";
-    kembase::UniqueFd out(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
+    wl::UniqueFd out(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
     if (!out.valid()) {
         error = "cannot write " + tmp + ": " + std::strerror(errno);
         return false;

@@ -85,7 +85,7 @@ void FanotifyWatch::refreshMounts() {
     if (!fanotify_.valid()) return;
     std::unordered_map<uint64_t, std::string> found;
     for (const MountEntry& entry : markableMounts(parseMountInfo(readFileCapped("/proc/self/mountinfo", kMountInfoMax)))) {
-        UniqueFd dir(::open(entry.mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        wl::UniqueFd dir(::open(entry.mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (!dir.valid()) continue;  // gone, or hidden beneath another mount
         auto fsid = fsidOf(dir.get());
         if (!fsid) {
@@ -162,13 +162,13 @@ std::optional<std::string> FanotifyWatch::resolveDirectory(uint64_t fsid, const 
     auto mount = mountPoints_.find(fsid);
     if (mount == mountPoints_.end()) return std::nullopt;
     // open_by_handle_at refuses an O_PATH descriptor for the mount.
-    UniqueFd mountFd(::open(mount->second.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    wl::UniqueFd mountFd(::open(mount->second.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!mountFd.valid() || fsidOf(mountFd.get()) != fsid) return std::nullopt;
 
     // file_handle has an int after its length: copy into aligned storage.
     std::vector<uint64_t> storage((handle.size() + sizeof(uint64_t) - 1) / sizeof(uint64_t));
     std::memcpy(storage.data(), handle.data(), handle.size());
-    UniqueFd dir(::open_by_handle_at(mountFd.get(), reinterpret_cast<file_handle*>(storage.data()),
+    wl::UniqueFd dir(::open_by_handle_at(mountFd.get(), reinterpret_cast<file_handle*>(storage.data()),
                                      O_PATH | O_CLOEXEC));
     if (!dir.valid()) return std::nullopt;  // removed meanwhile
     std::string path = readLinkText("/proc/self/fd/" + std::to_string(dir.get()));

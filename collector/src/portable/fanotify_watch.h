@@ -13,7 +13,7 @@
 
 #include "host_event.h"
 #include "portable/file_event_shaper.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 #include "portable/watch_set.h"
 
 namespace wlc::portable {
@@ -46,7 +46,7 @@ private:
     bool mark(int dirFd, const std::string& mountPoint, const std::string& fsType);
     void note(std::string text);
 
-    UniqueFd fanotify_;
+    wl::UniqueFd fanotify_;
     uint64_t mask_ = 0;
     // fsid -> a mount point showing all of that filesystem. Paths, not open
     // descriptors: an open descriptor would keep the filesystem from being

@@ -15,7 +15,7 @@
 #include "portable/fanotify_watch.h"
 #include "portable/proc_connector.h"
 #include "portable/sock_diag_poll.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 #include "portable/watch_set.h"
 
 namespace wlc::portable {
@@ -52,8 +52,8 @@ private:
 
     WatchSet watched_;
     EventSink* sink_ = nullptr;
-    UniqueFd wake_;
-    UniqueFd mountInfo_;
+    wl::UniqueFd wake_;
+    wl::UniqueFd mountInfo_;
     std::unique_ptr<ProcConnector> connector_;
     std::unique_ptr<FanotifyWatch> files_;
     std::unique_ptr<SockDiagPoll> sockets_;

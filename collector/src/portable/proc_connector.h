@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "host_event.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 #include "portable/watch_set.h"
 
 namespace wlc::portable {
@@ -55,7 +55,7 @@ public:
 private:
     bool sendControl(uint32_t op, uint32_t nonce);
 
-    UniqueFd socket_;
+    wl::UniqueFd socket_;
     bool listening_ = false;
 };
 

@@ -8,7 +8,7 @@
 #include <charconv>
 #include <memory>
 
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 
 namespace wlc::portable {
 namespace {
@@ -106,7 +106,7 @@ std::vector<int32_t> parsePidList(std::string_view text) {
 }
 
 std::string readFileCapped(const std::string& path, std::size_t max) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    wl::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return {};
     std::string data(max, '\0');
     std::size_t used = 0;

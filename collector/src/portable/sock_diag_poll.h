@@ -14,7 +14,7 @@
 #include "host_event.h"
 #include "portable/inet_diag_decode.h"
 #include "portable/socket_tracker.h"
-#include "unique_fd.h"
+#include "wl_unique_fd.h"
 #include "portable/watch_set.h"
 
 namespace wlc::portable {
@@ -52,7 +52,7 @@ private:
     bool dump(const Table& table, std::vector<DiagSocket>& into, const std::unordered_map<uint64_t, int32_t>& owners,
               int& error);
 
-    UniqueFd socket_;
+    wl::UniqueFd socket_;
     std::vector<Table> tables_;
     std::vector<uint8_t> buffer_;
     SocketTracker tracker_;

@@ -1,12 +1,13 @@
-// An owned file descriptor.
-#ifndef WLC_UNIQUE_FD_H
-#define WLC_UNIQUE_FD_H
+// An owned file descriptor, closed when its owner goes. The one used by every
+// part of the project, 32-bit and 64-bit alike.
+#ifndef WL_UNIQUE_FD_H
+#define WL_UNIQUE_FD_H
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace wlc {
+namespace wl {
 
 class UniqueFd {
 public:
@@ -23,6 +24,7 @@ public:
 
     int get() const { return m_fd; }
     bool valid() const { return m_fd >= 0; }
+    int release() { return std::exchange(m_fd, -1); }
     void reset(int fd = -1) {
         if (m_fd >= 0) ::close(m_fd);
         m_fd = fd;
@@ -32,6 +34,6 @@ private:
     int m_fd = -1;
 };
 
-}  // namespace wlc
+}  // namespace wl
 
 #endif
