@@ -25,7 +25,7 @@ void read_flag(const cJSON* object, const char* key, bool& field) {
 int parse_start_form(const cJSON* data, task_input_st* input) {
     const cJSON* list = cJSON_GetObjectItem(data, "list");
     if (!cJSON_IsArray(list)) {
-        WL_LOG(1, "invalid input data");
+        WL_LOG(LOG_LVL_ERROR, "invalid input data");
         return 2;
     }
     // One working record for all elements: a key an element leaves out keeps
@@ -46,12 +46,12 @@ int parse_start_form(const cJSON* data, task_input_st* input) {
             const cJSON* port = nullptr;
             cJSON_ArrayForEach(port, ports) {
                 if (!cJSON_IsNumber(port)) continue;
-                WL_LOG(3, "add port %d into set", port->valueint);
+                WL_LOG(LOG_LVL_INFO, "add port %d into set", port->valueint);
                 record.port.insert((unsigned long long)(long long)port->valueint);
             }
         }
         input->models.push_back(record);
-        WL_LOG(3, "model_name %s, study_times %d, process_path %s", record.model_name.c_str(), record.study_times,
+        WL_LOG(LOG_LVL_INFO, "model_name %s, study_times %d, process_path %s", record.model_name.c_str(), record.study_times,
                record.process_path.c_str());
     }
     return 0;
@@ -65,16 +65,16 @@ int parse_name_form(const cJSON* data, task_input_st* input) {
 
     const cJSON* list = cJSON_GetObjectItem(data, "list");
     if (!cJSON_IsArray(list)) {
-        WL_LOG(1, "invalid input data");
+        WL_LOG(LOG_LVL_ERROR, "invalid input data");
         return 2;
     }
     const cJSON* element = nullptr;
     cJSON_ArrayForEach(element, list) {
         if (!cJSON_IsString(element) || !element->valuestring) continue;
         input->model_names.insert(element->valuestring);
-        WL_LOG(3, "add model name %s to set", element->valuestring);
+        WL_LOG(LOG_LVL_INFO, "add model name %s to set", element->valuestring);
     }
-    WL_LOG(3, "study_time %d, re_study %s, model_switch %s", input->study_time, input->re_study ? "true" : "false",
+    WL_LOG(LOG_LVL_INFO, "study_time %d, re_study %s, model_switch %s", input->study_time, input->re_study ? "true" : "false",
            input->model_switch ? "true" : "false");
     return 0;
 }
@@ -84,13 +84,13 @@ int parse_name_form(const cJSON* data, task_input_st* input) {
 int whitelist_parse_task_input(cJSON* root, task_input_st* input) {
     const cJSON* opr_code = cJSON_GetObjectItem(root, "opr_code");
     if (!cJSON_IsNumber(opr_code)) {
-        WL_LOG(1, "invalid input data");
+        WL_LOG(LOG_LVL_ERROR, "invalid input data");
         return -1;
     }
     input->opr_code = opr_code->valueint;
     const cJSON* data = cJSON_GetObjectItem(root, "data");
     if (!cJSON_IsObject(data)) {
-        WL_LOG(1, "invalid input data");
+        WL_LOG(LOG_LVL_ERROR, "invalid input data");
         return -1;
     }
     return is_start_code(input->opr_code) ? parse_start_form(data, input) : parse_name_form(data, input);

@@ -69,7 +69,7 @@ bool write_model(void* ini, int index, const base_init_st& record, const char* p
     };
     for (const auto& value : values) {
         if (ini_file_set(ini, section.c_str(), value[0], value[1]) != 0) {
-            WL_LOG(1, "model \"%s\" not kept in %s: its %s \"%s\" has blanks at an end or a line break",
+            WL_LOG(LOG_LVL_ERROR, "model \"%s\" not kept in %s: its %s \"%s\" has blanks at an end or a line break",
                    printable(record.model_name).c_str(), path, value[0], printable(value[1]).c_str());
             return false;
         }
@@ -78,7 +78,7 @@ bool write_model(void* ini, int index, const base_init_st& record, const char* p
 }
 
 void save_catalogue(void* ini, const std::string& path) {
-    if (ini_file_save(ini, path.c_str(), 1) != 0) WL_LOG(1, "save %s failed: %s", path.c_str(), strerror(errno));
+    if (ini_file_save(ini, path.c_str(), 1) != 0) WL_LOG(LOG_LVL_ERROR, "save %s failed: %s", path.c_str(), strerror(errno));
 }
 
 void set_count(void* ini, const char* head_section, int count) {
@@ -132,13 +132,13 @@ std::string port_set_to_string(const std::set<unsigned long long>& ports, std::s
 std::set<unsigned long long> parse_port_string(char* text) {
     std::set<unsigned long long> ports;
     if (!text) {
-        WL_LOG(1, "port string is NULL");
+        WL_LOG(LOG_LVL_ERROR, "port string is NULL");
         return ports;
     }
     char* saved = nullptr;
     for (char* token = strtok_r(text, ",", &saved); token; token = strtok_r(nullptr, ",", &saved)) {
         unsigned long long port = str2number(token);
-        WL_LOG(4, "port %d", (int)port);
+        WL_LOG(LOG_LVL_DETAIL, "port %d", (int)port);
         ports.insert(port);
     }
     return ports;
@@ -163,7 +163,7 @@ void whitelist_load_catalogue(const model_catalogue_st& catalogue) {
     std::string path = catalogue_path(catalogue);
     ini_ptr ini(ini_file_load(path.c_str()));
     if (!ini) {
-        WL_LOG(4, "load file %s fail", path.c_str());
+        WL_LOG(LOG_LVL_DETAIL, "load file %s fail", path.c_str());
         return;
     }
     int count = (int)ini_file_get_number(ini.get(), catalogue.head_section, "count");
@@ -176,7 +176,7 @@ void whitelist_load_catalogue(const model_catalogue_st& catalogue) {
         std::string section = section_name(index);
         const char* port_text = nullptr;
         if (!read_model(ini.get(), section, record, port_text)) continue;
-        WL_LOG(3, "load %smodel. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s",
+        WL_LOG(LOG_LVL_INFO, "load %smodel. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s",
                catalogue.rasp ? "inner " : "", record.model_name.c_str(), record.app_name.c_str(),
                record.process_path.c_str(), record.study_times, record.alarm ? "true" : "false", port_text);
         (*catalogue.list)->push_back(record);

@@ -20,14 +20,14 @@ int hand_over(cJSON* alarms, bool outer) {
     JsonText text(cJSON_PrintUnformatted(alarms));
     if (!text) return 0;
     if (outer) {
-        WL_LOG(4, "outer msg %s", text.get());
+        WL_LOG(LOG_LVL_DETAIL, "outer msg %s", text.get());
         if (whitelist_base_deal_alarm(text.get())) return 0;
-        WL_LOG(1, "dealAlarmEvent outer fail");
+        WL_LOG(LOG_LVL_ERROR, "dealAlarmEvent outer fail");
         return 2;
     }
-    WL_LOG(4, "inner msg %s", text.get());
+    WL_LOG(LOG_LVL_DETAIL, "inner msg %s", text.get());
     if (whitelist_rasp_deal_alarm(text.get())) return 0;
-    WL_LOG(1, "dealAlarmEvent inner fail");
+    WL_LOG(LOG_LVL_ERROR, "dealAlarmEvent inner fail");
     return 2;
 }
 
@@ -35,19 +35,19 @@ int hand_over(cJSON* alarms, bool outer) {
 
 extern "C" int whitelist_base_task_feedback(int opr, cJSON* root) {
     if (!root) {
-        WL_LOG(1, "input msg is NULL");
+        WL_LOG(LOG_LVL_ERROR, "input msg is NULL");
         return 2;
     }
     const cJSON* data = cJSON_GetObjectItem(root, "data");
     const cJSON* list = cJSON_IsObject(data) ? cJSON_GetObjectItem(data, "list") : nullptr;
     if (!cJSON_IsArray(list)) {
-        WL_LOG(1, "invalid input data");
+        WL_LOG(LOG_LVL_ERROR, "invalid input data");
         return -1;
     }
     JsonTree inner(cJSON_CreateArray());
     JsonTree outer(cJSON_CreateArray());
     if (!inner || !outer) {
-        WL_LOG(1, "create json array fail");
+        WL_LOG(LOG_LVL_ERROR, "create json array fail");
         return 2;
     }
 
@@ -55,7 +55,7 @@ extern "C" int whitelist_base_task_feedback(int opr, cJSON* root) {
     cJSON_ArrayForEach(element, list) {
         const cJSON* source = cJSON_IsObject(element) ? cJSON_GetObjectItem(element, "alarm_source") : nullptr;
         if (!cJSON_IsNumber(source)) {
-            WL_LOG(1, "invalid input data");
+            WL_LOG(LOG_LVL_ERROR, "invalid input data");
             continue;
         }
         // Copies, so that the command's tree stays as it was given.

@@ -49,11 +49,11 @@ void parse_input(const engine_side_st& side, _USR_INPUT* input) {
 // Parses a command for the task functions; 0, or 2 with the message logged.
 int parse_command(cJSON* root, task_input_st& input) {
     if (!root) {
-        WL_LOG(1, "input msg is NULL");
+        WL_LOG(LOG_LVL_ERROR, "input msg is NULL");
         return 2;
     }
     if (whitelist_parse_task_input(root, &input) != 0) {
-        WL_LOG(1, "invalid input data");
+        WL_LOG(LOG_LVL_ERROR, "invalid input data");
         return 2;
     }
     return 0;
@@ -65,7 +65,7 @@ void subscribe_new_pids(const path_pid_map& map) {
     for (const auto& entry : map) {
         for (unsigned long long pid : entry.second) {
             if (g_model_pid->count(pid)) continue;
-            WL_LOG(4, "add pid %d to vr_agent", (int)pid);
+            WL_LOG(LOG_LVL_DETAIL, "add pid %d to vr_agent", (int)pid);
             (*g_model_pid)[pid] = false;
             vrccl_action_subscribe(VRCCL_ACTION_ADD_PID, (int)pid, -1);
         }
@@ -81,7 +81,7 @@ int task_start(const engine_side_st& side, cJSON* root) {
     for (const base_init_st& record : input.models) {
         _USR_INPUT usr_input;
         usr_input = whitelist_build_model_input(record, tree);
-        WL_LOG(3, "start init model. model_name %s, study_time %d", usr_input.modelName.c_str(),
+        WL_LOG(LOG_LVL_INFO, "start init model. model_name %s, study_time %d", usr_input.modelName.c_str(),
                (int)usr_input.learnTime);
         if (init_model(side, &usr_input)) {
             if (side.base) {
@@ -89,12 +89,12 @@ int task_start(const engine_side_st& side, cJSON* root) {
                 subscribe_new_pids(usr_input.processMap);
                 subscribe_new_pids(usr_input.childProcessMap);
             } else {
-                WL_LOG(3, "rasp init success");
+                WL_LOG(LOG_LVL_INFO, "rasp init success");
                 whitelist_rasp_save_model(record);
             }
         } else {
             // The code printed is the command's result so far.
-            WL_LOG(2, "model %s init fail, code %d", record.model_name.c_str(), result);
+            WL_LOG(LOG_LVL_WARN, "model %s init fail, code %d", record.model_name.c_str(), result);
             result = -1;
         }
         parse_input(side, &usr_input);
@@ -112,7 +112,7 @@ int task_interact(const engine_side_st& side, int opr, cJSON* root) {
         usr_input = whitelist_build_interact_input(opr, name, input);
         result = interact_model(side, &usr_input);
         if (result != 0) {
-            WL_LOG(2, "model %s interact fail. code %d", name.c_str(), result);
+            WL_LOG(LOG_LVL_WARN, "model %s interact fail. code %d", name.c_str(), result);
             result = -1;
         }
         parse_input(side, &usr_input);
@@ -129,9 +129,9 @@ int remove_by_prefix(const engine_side_st& side, const std::string& name) {
     for (auto it = list->begin(); it != list->end();) {
         if (strncmp(it->model_name.c_str(), name.c_str(), name.size()) == 0) {
             if (side.base)
-                WL_LOG(3, "delete model %s", it->model_name.c_str());
+                WL_LOG(LOG_LVL_INFO, "delete model %s", it->model_name.c_str());
             else
-                WL_LOG(3, "delete rasp model %s", it->model_name.c_str());
+                WL_LOG(LOG_LVL_INFO, "delete rasp model %s", it->model_name.c_str());
             it = list->erase(it);
             ++removed;
         } else {
@@ -154,7 +154,7 @@ int task_delete(const engine_side_st& side, int opr, cJSON* root) {
         usr_input = whitelist_build_interact_input(opr, name, input);
         result = interact_model(side, &usr_input);
         if (result != 0 && result != -2) {
-            WL_LOG(2, "model %s interact fail. code %d", name.c_str(), result);
+            WL_LOG(LOG_LVL_WARN, "model %s interact fail. code %d", name.c_str(), result);
             result = -1;
         } else {
             removed += remove_by_prefix(side, name);
@@ -189,7 +189,7 @@ _USR_INPUT whitelist_build_interact_input(int opr, const std::string& name, cons
             usr_input.oprType = USR_OPR_DELETE;
             break;
         default:
-            WL_LOG(2, "invalid data");
+            WL_LOG(LOG_LVL_WARN, "invalid data");
             return usr_input;
     }
     usr_input.modelName = name;

@@ -43,14 +43,14 @@ void mark_pids(const path_pid_map& map, bool children) {
             auto found = g_model_pid->find(pid);
             if (found == g_model_pid->end()) {
                 if (children)
-                    WL_LOG(4, "update pid %llu to vr_agent", pid);
+                    WL_LOG(LOG_LVL_DETAIL, "update pid %llu to vr_agent", pid);
                 else
-                    WL_LOG(4, "update pid %d to vr_agent", (int)pid);
+                    WL_LOG(LOG_LVL_DETAIL, "update pid %d to vr_agent", (int)pid);
                 (*g_model_pid)[pid] = true;
                 vrccl_action_subscribe(VRCCL_ACTION_ADD_PID, (int)pid, -1);
             } else {
                 // The text says the opposite of what the mark does: it keeps the id.
-                WL_LOG(4, "set pid %d to delete", (int)pid);
+                WL_LOG(LOG_LVL_DETAIL, "set pid %d to delete", (int)pid);
                 found->second = true;
             }
         }
@@ -74,7 +74,7 @@ void sweep_pids() {
 
 extern "C" int get_process_path_by_pid(int pid, char* buffer, int size) {
     if (!buffer) {
-        WL_LOG(2, "param illegal");
+        WL_LOG(LOG_LVL_WARN, "param illegal");
         return -1;
     }
     char link[64];
@@ -82,10 +82,10 @@ extern "C" int get_process_path_by_pid(int pid, char* buffer, int size) {
     ssize_t length = size > 1 ? readlink(link, buffer, (size_t)size - 1) : -1;
     if (length > 0) {
         buffer[length] = '\0';
-        WL_LOG(4, "%s -> %s\n", link, buffer);
+        WL_LOG(LOG_LVL_DETAIL, "%s -> %s\n", link, buffer);
         return 0;
     }
-    WL_LOG(1, "readlink %s fail", link);
+    WL_LOG(LOG_LVL_ERROR, "readlink %s fail", link);
     return -1;
 }
 
@@ -94,7 +94,7 @@ extern "C" int get_process_parentid(int pid) {
     snprintf(path, sizeof(path), "/proc/%d/status", pid);
     std::unique_ptr<FILE, file_closer> file(fopen(path, "r"));
     if (!file) {
-        WL_LOG(1, "open file %s fail", path);
+        WL_LOG(LOG_LVL_ERROR, "open file %s fail", path);
         return 0;
     }
     char line[1024];
@@ -108,7 +108,7 @@ process_tree whitelist_scan_process_tree() {
     process_tree tree;
     std::unique_ptr<void, walk_deleter> walk(dirwalk_create("/proc/", 0, 1));
     if (!walk) {
-        WL_LOG(1, "create walk dir handle failed.");
+        WL_LOG(LOG_LVL_ERROR, "create walk dir handle failed.");
         return tree;
     }
     int is_dir = 0;
@@ -120,20 +120,20 @@ process_tree whitelist_scan_process_tree() {
         if (pid == 0) continue;
         tree[widen(get_process_parentid(pid))].insert(widen(pid));
     }
-    WL_LOG(4, "scan end");
+    WL_LOG(LOG_LVL_DETAIL, "scan end");
     return tree;
 }
 
 void whitelist_get_listen_pids(const base_init_st& record, pid_set& pids) {
     JsonTree assets(whitelist_get_asset_info(5));
     if (!assets) {
-        WL_LOG(1, "port listening get fail");
+        WL_LOG(LOG_LVL_ERROR, "port listening get fail");
         return;
     }
     for (unsigned long long model_port : record.port) {
         const cJSON* list = cJSON_GetObjectItem(assets.get(), "list");
         if (!cJSON_IsArray(list)) {
-            WL_LOG(1, "invalid data");
+            WL_LOG(LOG_LVL_ERROR, "invalid data");
             continue;
         }
         pid_set port_pids;
@@ -147,7 +147,7 @@ void whitelist_get_listen_pids(const base_init_st& record, pid_set& pids) {
             if (!cJSON_IsString(process_id) || !process_id->valuestring) continue;
             int pid = (int)str2number(process_id->valuestring);
             if (pid <= 0) continue;
-            WL_LOG(4, "insert pid %d to set", pid);
+            WL_LOG(LOG_LVL_DETAIL, "insert pid %d to set", pid);
             port_pids.insert(widen(pid));
         }
         pids.insert(port_pids.begin(), port_pids.end());
@@ -166,7 +166,7 @@ pid_set whitelist_collect_child_process(_USR_INPUT& input, const pid_set& roots,
         for (unsigned long long child : found->second) {
             get_process_path_by_pid((int)child, path, sizeof(path));
             target[path].insert(child);
-            WL_LOG(4, "insert pid %d path %s", (int)child, path);
+            WL_LOG(LOG_LVL_DETAIL, "insert pid %d path %s", (int)child, path);
             children.insert(child);
         }
     }
@@ -184,7 +184,7 @@ _USR_INPUT whitelist_build_model_input(const base_init_st& record, const process
     whitelist_get_listen_pids(record, listening);
     input.processMap[pfilePath] = listening;
     if (listening.empty()) {
-        WL_LOG(2, "model %s not running", record.model_name.c_str());
+        WL_LOG(LOG_LVL_WARN, "model %s not running", record.model_name.c_str());
         input.switchValue = USR_SWITCH_NOT_RUNNING;
         input.oprType = USR_OPR_SWITCH;
         return input;
@@ -193,7 +193,7 @@ _USR_INPUT whitelist_build_model_input(const base_init_st& record, const process
     // copy of the first; the library is given both.
     whitelist_collect_child_process(input, listening, tree, 0);
     whitelist_collect_child_process(input, listening, tree, 1);
-    WL_LOG(3, "model_name %s, learnTime %d. pfilePath %s", input.modelName.c_str(), (int)input.learnTime,
+    WL_LOG(LOG_LVL_INFO, "model_name %s, learnTime %d. pfilePath %s", input.modelName.c_str(), (int)input.learnTime,
            pfilePath.c_str());
     return input;
 }
@@ -212,20 +212,20 @@ void update_open_process(const std::vector<base_init_st>& models, Library* (*lib
         if (input.oprType == USR_OPR_SWITCH) {
             if (library && library->interactModel(&input) == 0) continue;
             if (base)
-                WL_LOG(2, "model %s interact fail.", record.model_name.c_str());
+                WL_LOG(LOG_LVL_WARN, "model %s interact fail.", record.model_name.c_str());
             else
-                WL_LOG(2, "rasp model %s interact fail.", record.model_name.c_str());
+                WL_LOG(LOG_LVL_WARN, "rasp model %s interact fail.", record.model_name.c_str());
             continue;
         }
         if (base)
-            WL_LOG(3, "update model %s info", record.model_name.c_str());
+            WL_LOG(LOG_LVL_INFO, "update model %s info", record.model_name.c_str());
         else
-            WL_LOG(3, "update rasp model %s info", record.model_name.c_str());
+            WL_LOG(LOG_LVL_INFO, "update rasp model %s info", record.model_name.c_str());
         if (!library || !library->initModel(&input)) {
             if (base)
-                WL_LOG(2, "update model %s info fail", record.model_name.c_str());
+                WL_LOG(LOG_LVL_WARN, "update model %s info fail", record.model_name.c_str());
             else
-                WL_LOG(2, "update rasp model %s info fail", record.model_name.c_str());
+                WL_LOG(LOG_LVL_WARN, "update rasp model %s info fail", record.model_name.c_str());
         }
         if (base) {
             mark_pids(input.processMap, false);

@@ -2,14 +2,16 @@
 #ifndef WL_WHITELIST_IMPL_H
 #define WL_WHITELIST_IMPL_H
 
+#include "kem_result.h"
+
 #include "whitelist.h"
 
 struct cJSON;
 
 // Result codes.
-#define WL_ERR_FAILED 0x84ce0001u
-#define WL_ERR_INVALID_PARAM 0x84ce0002u
-#define WL_ERR_NO_INTERFACE 0x84ce0012u
+#define WL_ERR_FAILED KEM_E_FAIL
+#define WL_ERR_INVALID_PARAM KEM_E_INVALIDARG
+#define WL_ERR_NO_INTERFACE KEM_E_NOINTERFACE
 
 // The origin-log directories are emptied when they exceed this many bytes.
 #define WL_ORIGIN_LOG_LIMIT 0xc800000LL

@@ -59,12 +59,12 @@ bool is_own_process(const char* process_path) {
 int entry_pid(const cJSON* entry) {
     const char* text = string_value(entry, "process_id");
     if (!text) {
-        WL_LOG(2, "invalid json data");
+        WL_LOG(LOG_LVL_WARN, "invalid json data");
         return 0;
     }
     int pid = (int)str2number(text);
     if (pid <= 0) {
-        WL_LOG(2, "invalid pid %d. str: %s", pid, text);
+        WL_LOG(LOG_LVL_WARN, "invalid pid %d. str: %s", pid, text);
         return 0;
     }
     return pid;
@@ -75,19 +75,19 @@ void add_process_type(cJSON* entry, const cJSON* processes) {
     if (pid == 0) return;
     const cJSON* list = cJSON_GetObjectItem(processes, "list");
     if (!cJSON_IsArray(list)) {
-        WL_LOG(1, "json msg invalid.");
+        WL_LOG(LOG_LVL_ERROR, "json msg invalid.");
         return;
     }
     const cJSON* process = nullptr;
     cJSON_ArrayForEach(process, list) {
         const char* text = cJSON_IsObject(process) ? string_value(process, "process_id") : nullptr;
         if (!text) {
-            WL_LOG(2, "invalid json data");
+            WL_LOG(LOG_LVL_WARN, "invalid json data");
             continue;
         }
         int process_pid = (int)str2number(text);
         if (process_pid <= 0) {
-            WL_LOG(4, "invalid pid %d. str: %s", process_pid, text);
+            WL_LOG(LOG_LVL_DETAIL, "invalid pid %d. str: %s", process_pid, text);
             continue;
         }
         if (process_pid != pid) continue;
@@ -96,7 +96,7 @@ void add_process_type(cJSON* entry, const cJSON* processes) {
             cJSON_AddItemToObject(entry, "type", cJSON_Duplicate(type, 1));
             return;
         }
-        WL_LOG(2, "invalid json data");
+        WL_LOG(LOG_LVL_WARN, "invalid json data");
     }
 }
 
@@ -105,33 +105,33 @@ void add_app_name(cJSON* entry, const openport_assets_st& assets) {
     if (pid == 0) return;
     if (whitelist_find_app_name(assets.apps.get(), entry, pid) != 0 &&
         whitelist_find_app_name(assets.more_apps.get(), entry, pid) != 0)
-        WL_LOG(4, "get app name fail");
+        WL_LOG(LOG_LVL_DETAIL, "get app name fail");
 }
 
 // A copy of one kind-5 entry for the report, or null when it is left out.
 cJSON* report_entry(const cJSON* item, const openport_assets_st& assets) {
     if (!cJSON_IsObject(item)) {
-        WL_LOG(2, "invalid json data");
+        WL_LOG(LOG_LVL_WARN, "invalid json data");
         return nullptr;
     }
     const cJSON* open = cJSON_GetObjectItem(item, "open");
     if (!cJSON_IsNumber(open)) {
-        WL_LOG(1, "invalid item");
+        WL_LOG(LOG_LVL_ERROR, "invalid item");
         return nullptr;
     }
     if (open->valueint != 0) return nullptr;
     if (const char* port = string_value(item, "port")) {
         int number = (int)str2number(port);
         if (port_is_filtered(number)) {
-            WL_LOG(4, "match filter port list %d", number);
+            WL_LOG(LOG_LVL_DETAIL, "match filter port list %d", number);
             return nullptr;
         }
     }
     const char* process_path = string_value(item, "process_path");
     if (!process_path) return nullptr;
-    WL_LOG(4, "process_path path is %s", process_path);
+    WL_LOG(LOG_LVL_DETAIL, "process_path path is %s", process_path);
     if (is_own_process(process_path)) {
-        WL_LOG(3, "filter process %s", process_path);
+        WL_LOG(LOG_LVL_INFO, "filter process %s", process_path);
         return nullptr;
     }
     cJSON* entry = cJSON_Duplicate(item, 1);
@@ -150,7 +150,7 @@ unsigned long long str2number(const char* text) { return text ? strtoull(text, n
 cJSON* whitelist_get_asset_info(int kind) {
     cJSON* tree = nullptr;
     if (get_asset_result_v2(kind, 86400, &tree, 0) != 0 || !tree) {
-        WL_LOG(3, "get open port process fail");
+        WL_LOG(LOG_LVL_INFO, "get open port process fail");
         return nullptr;
     }
     return tree;
@@ -159,7 +159,7 @@ cJSON* whitelist_get_asset_info(int kind) {
 int whitelist_find_app_name(cJSON* tree, cJSON* entry, int pid) {
     const cJSON* list = cJSON_GetObjectItem(tree, "list");
     if (!cJSON_IsArray(list)) {
-        WL_LOG(1, "json msg invalid.");
+        WL_LOG(LOG_LVL_ERROR, "json msg invalid.");
         return -1;
     }
     const cJSON* app = nullptr;
@@ -187,17 +187,17 @@ cJSON* get_openport_process_json(void) {
     assets.apps.reset(whitelist_get_asset_info(ASSET_KIND_APP));
     assets.more_apps.reset(whitelist_get_asset_info(ASSET_KIND_APP_EXTRA));
     if (!assets.ports || !assets.processes || !assets.apps || !assets.more_apps) {
-        WL_LOG(1, "get asset info fail");
+        WL_LOG(LOG_LVL_ERROR, "get asset info fail");
         return nullptr;
     }
     const cJSON* list = cJSON_GetObjectItem(assets.ports.get(), "list");
     if (!cJSON_IsArray(list)) {
-        WL_LOG(1, "json msg invalid.");
+        WL_LOG(LOG_LVL_ERROR, "json msg invalid.");
         return nullptr;
     }
     cJSON* report = cJSON_CreateArray();
     if (!report) {
-        WL_LOG(1, "create json array fail");
+        WL_LOG(LOG_LVL_ERROR, "create json array fail");
         return nullptr;
     }
     const cJSON* item = nullptr;
@@ -210,10 +210,10 @@ cJSON* get_openport_process_json(void) {
 void upload_openport_process(void) {
     JsonTree report(get_openport_process_json());
     if (!report) {
-        WL_LOG(2, "get_openport_process_json fail");
+        WL_LOG(LOG_LVL_WARN, "get_openport_process_json fail");
         return;
     }
-    WL_LOG(4, "get_openport_process_json end");
+    WL_LOG(LOG_LVL_DETAIL, "get_openport_process_json end");
     JsonText text(cJSON_PrintUnformatted(report.get()));
     if (text) whitelist_upload_data(text.get(), WL_REPORT_OPEN_PROC);
 }

@@ -23,15 +23,15 @@ int upload_directory(const char* directory, int kind) {
     dirutils_path_transform(directory, path, sizeof(path));
     std::unique_ptr<void, walk_deleter> walk(dirwalk_create(path, 0, 1));
     if (!walk) {
-        WL_LOG(1, "create walk dir handle failed.");
+        WL_LOG(LOG_LVL_ERROR, "create walk dir handle failed.");
         return (int)WL_ERR_FAILED;
     }
     int is_dir = 0;
     while (const char* entry = dirwalk_read(walk.get(), &is_dir)) {
-        WL_LOG(3, "start upload %sfile %s", kind == WL_UPLOAD_KIND_RASP_ORIGIN_LOG ? "rasp " : "", entry);
+        WL_LOG(LOG_LVL_INFO, "start upload %sfile %s", kind == WL_UPLOAD_KIND_RASP_ORIGIN_LOG ? "rasp " : "", entry);
         if (add_upload_file_fn add_upload_file = add_upload_file_symbol(g_add_upload_file)) add_upload_file(kind, entry);
     }
-    WL_LOG(4, "scan end");
+    WL_LOG(LOG_LVL_DETAIL, "scan end");
     return 0;
 }
 

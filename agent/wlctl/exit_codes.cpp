@@ -1,12 +1,14 @@
 #include "exit_codes.h"
 
+#include "kem_result.h"
+
 namespace wlctl {
 
 Exit exitForResult(uint32_t code) {
     switch (code) {
         case 0: return kExitOk;
-        case 0x84ce0001u: return kExitRefused;
-        case 0x84ce0002u: return kExitInvalidParameter;
+        case KEM_E_FAIL: return kExitRefused;
+        case KEM_E_INVALIDARG: return kExitInvalidParameter;
         default: return kExitAgentError;
     }
 }

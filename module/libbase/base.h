@@ -5,6 +5,8 @@
 #ifndef WL_BASE_H
 #define WL_BASE_H
 
+#include "kem_result.h"
+
 #include <atomic>
 #include <set>
 #include <string>
@@ -16,7 +18,7 @@
 #include "transformer.h"
 
 // Result of a failed engine start.
-#define WL_ENGINE_INIT_FAILED 0x84CE0001u
+#define WL_ENGINE_INIT_FAILED KEM_E_FAIL
 
 class BaseEngine {
 public:

@@ -46,7 +46,7 @@ bool Transformer::judgeAlarmEventType(std::string text, std::vector<_BASE_EVENTI
     rapidjson::Document doc;
     doc.Parse(text.c_str());
     if (!doc.IsArray()) {
-        WL_LOG(1, "originLog is not a array");
+        WL_LOG(LOG_LVL_ERROR, "originLog is not a array");
         return false;
     }
     auto record = std::make_unique<_BASE_EVENTINFO>();
@@ -62,7 +62,7 @@ bool Transformer::judgeAlarmEventType(std::string text, std::vector<_RASP_EVENTI
     rapidjson::Document doc;
     doc.Parse(text.c_str());
     if (!doc.IsArray()) {
-        WL_LOG(1, "originLog is not a array");
+        WL_LOG(LOG_LVL_ERROR, "originLog is not a array");
         return false;
     }
     for (rapidjson::Value& element : doc.GetArray()) {

@@ -9,7 +9,7 @@ namespace {
 bool isLocalAddress(const std::string& target, const std::set<std::string>& localIps) {
     for (const std::string& ip : localIps) {
         if (ip == target) {
-            WL_LOG(3, "match local Ip success, event has been filter, dstIp: %s", target.c_str());
+            WL_LOG(LOG_LVL_INFO, "match local Ip success, event has been filter, dstIp: %s", target.c_str());
             return true;
         }
     }

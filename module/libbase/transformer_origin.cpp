@@ -41,7 +41,7 @@ std::string wholeElements(const std::string& text) {
 bool Transformer::judgeEventType(std::string originLog, std::vector<_BASE_EVENTINFO>& events) {
     const std::string::size_type open = originLog.find('[');
     if (open == std::string::npos) {
-        WL_LOG(1, "originLog is not a array, not include '['");
+        WL_LOG(LOG_LVL_ERROR, "originLog is not a array, not include '['");
         return false;
     }
     originLog.erase(0, open);
@@ -53,13 +53,13 @@ bool Transformer::judgeEventType(std::string originLog, std::vector<_BASE_EVENTI
         const std::string salvaged = wholeElements(originLog);
         if (salvaged.empty()) {
             if (close == std::string::npos) {
-                WL_LOG(1, "originLog is not a array, not include ']'");
+                WL_LOG(LOG_LVL_ERROR, "originLog is not a array, not include ']'");
             } else {
-                WL_LOG(1, "originLog is not a array");
+                WL_LOG(LOG_LVL_ERROR, "originLog is not a array");
             }
             return false;
         }
-        WL_LOG(2, "originLog cut short, its whole elements are read");
+        WL_LOG(LOG_LVL_WARN, "originLog cut short, its whole elements are read");
         doc.Parse(salvaged.c_str());
     }
 

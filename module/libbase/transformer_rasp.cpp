@@ -45,7 +45,7 @@ bool Transformer::judgeEventType(std::string originLog, _RASP_EVENTINFO& event) 
     if (originLog.find('{') != 0) return false;
     const std::string::size_type close = originLog.rfind('}');
     if (close == std::string::npos) {
-        WL_LOG(1, "originLog is not a array, not include '}'");
+        WL_LOG(LOG_LVL_ERROR, "originLog is not a array, not include '}'");
         return false;
     }
     originLog.erase(close + 1);

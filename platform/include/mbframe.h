@@ -5,6 +5,8 @@
 #ifndef MBFRAME_H
 #define MBFRAME_H
 
+#include "kem_result.h"
+
 #include <stddef.h>
 #include <stdint.h>
 
@@ -12,10 +14,10 @@
 
 /* Result codes of the bus contract. */
 #define MB_S_OK 0
-#define MB_E_FAIL ((int)0x84ce0001u)
-#define MB_E_INVALIDARG ((int)0x84ce0002u)
-#define MB_E_QUEUE_FULL ((int)0x84ce0003u)
-#define MB_E_PLUGIN_NOINTERFACE ((int)0x84ce0012u)
+#define MB_E_FAIL ((int)KEM_E_FAIL)
+#define MB_E_INVALIDARG ((int)KEM_E_INVALIDARG)
+#define MB_E_QUEUE_FULL ((int)KEM_E_QUEUE_FULL)
+#define MB_E_PLUGIN_NOINTERFACE ((int)KEM_E_NOINTERFACE)
 #define MB_E_NOINTERFACE ((int)0x80004002u)
 #define MB_E_POINTER ((int)0x80004003u)
 
