@@ -26,10 +26,8 @@ target_include_directories(baseeng
   PUBLIC ${CMAKE_SOURCE_DIR}/module/libbase ${CMAKE_SOURCE_DIR}/platform/include
   PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/platform/include)
 target_link_libraries(baseeng PRIVATE wl_rapidjson Threads::Threads)
-if(TARGET kembase)
-  target_link_libraries(baseeng PRIVATE kembase)
-  target_compile_definitions(baseeng PRIVATE WL_ENGINE_HAS_LOG=1)
-endif()
+target_link_libraries(baseeng PRIVATE kembase)
+target_compile_definitions(baseeng PRIVATE WL_ENGINE_HAS_LOG=1)
 target_link_options(baseeng PRIVATE -Wl,--version-script=${CMAKE_CURRENT_SOURCE_DIR}/baseeng.map)
 # Sanitizer runtimes resolve in the executable, so only plain builds can
 # insist that the library names everything it uses.
