@@ -61,8 +61,7 @@ void BM_BaseTrackingPass(benchmark::State& state) {
         model.port = {(unsigned long long)(1000 + i)};
         g_model_array->push_back(model);
         if (i) list += ",";
-        list += R"({"port":")" + std::to_string(1000 + i) + R"(","process_id":")" + std::to_string(getpid()) +
-                R"("})";
+        list += R"({"port":")" + std::to_string(1000 + i) + R"(","process_id":")" + std::to_string(getpid()) + R"("})";
     }
     models_double::set_asset(5, list + "]}");
     g_base_open_process_called = true;

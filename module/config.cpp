@@ -138,8 +138,8 @@ void req_whitelist_conf_from_cfg(WhitelistContext* context) {
                          static_cast<unsigned int>(buffer.size()), whitelist_cfg_reply_fn, nullptr, kCfgReplyWait);
 }
 
-void whitelist_cfg_update(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, const void* data,
-                          unsigned int size, void* user) {
+void whitelist_cfg_update(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, const void* data, unsigned int size,
+                          void* user) {
     if (user == nullptr) {
         WL_LOG(LOG_LVL_ERROR, "user_data is NULL, cfg_update failed.");
         return;

@@ -8,8 +8,8 @@ extern "C" {
 int whitelist_load_config(WhitelistContext* context);
 void whitelist_unload_config(WhitelistContext* context);
 void req_whitelist_conf_from_cfg(WhitelistContext* context);
-void whitelist_cfg_update(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, const void* data,
-                          unsigned int size, void* user);
+void whitelist_cfg_update(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, const void* data, unsigned int size,
+                          void* user);
 void whitelist_cfg_reply_fn(int status, unsigned int cmd, const void* data, unsigned int size);
 
 // Debug and status IPC point "wl_dbg".

@@ -51,8 +51,8 @@ int parse_start_form(const cJSON* data, task_input_st* input) {
             }
         }
         input->models.push_back(record);
-        WL_LOG(LOG_LVL_INFO, "model_name %s, study_times %d, process_path %s", record.model_name.c_str(), record.study_times,
-               record.process_path.c_str());
+        WL_LOG(LOG_LVL_INFO, "model_name %s, study_times %d, process_path %s", record.model_name.c_str(),
+               record.study_times, record.process_path.c_str());
     }
     return 0;
 }
@@ -74,8 +74,8 @@ int parse_name_form(const cJSON* data, task_input_st* input) {
         input->model_names.insert(element->valuestring);
         WL_LOG(LOG_LVL_INFO, "add model name %s to set", element->valuestring);
     }
-    WL_LOG(LOG_LVL_INFO, "study_time %d, re_study %s, model_switch %s", input->study_time, input->re_study ? "true" : "false",
-           input->model_switch ? "true" : "false");
+    WL_LOG(LOG_LVL_INFO, "study_time %d, re_study %s, model_switch %s", input->study_time,
+           input->re_study ? "true" : "false", input->model_switch ? "true" : "false");
     return 0;
 }
 

@@ -18,8 +18,7 @@
 #include "libbase/wl_log.h"
 
 const model_catalogue_st g_base_catalogue = {"@/../var/base/base_model.cfg", "baseengine", false, &g_model_array};
-const model_catalogue_st g_rasp_catalogue = {"@/../var/base/rasp_model.cfg", "raspengine", true,
-                                             &g_rasp_model_array};
+const model_catalogue_st g_rasp_catalogue = {"@/../var/base/rasp_model.cfg", "raspengine", true, &g_rasp_model_array};
 
 namespace {
 
@@ -60,12 +59,9 @@ bool write_model(void* ini, int index, const base_init_st& record, const char* p
     std::string ports;
     port_set_to_string(record.port, ports);
     const char* const values[][2] = {
-        {"model_name", record.model_name.c_str()},
-        {"app_name", record.app_name.c_str()},
-        {"process_path", record.process_path.c_str()},
-        {"study_time", study_time},
-        {"alarm", record.alarm ? "1" : "0"},
-        {"port", ports.c_str()},
+        {"model_name", record.model_name.c_str()},     {"app_name", record.app_name.c_str()},
+        {"process_path", record.process_path.c_str()}, {"study_time", study_time},
+        {"alarm", record.alarm ? "1" : "0"},           {"port", ports.c_str()},
     };
     for (const auto& value : values) {
         if (ini_file_set(ini, section.c_str(), value[0], value[1]) != 0) {
@@ -78,7 +74,8 @@ bool write_model(void* ini, int index, const base_init_st& record, const char* p
 }
 
 void save_catalogue(void* ini, const std::string& path) {
-    if (ini_file_save(ini, path.c_str(), 1) != 0) WL_LOG(LOG_LVL_ERROR, "save %s failed: %s", path.c_str(), strerror(errno));
+    if (ini_file_save(ini, path.c_str(), 1) != 0)
+        WL_LOG(LOG_LVL_ERROR, "save %s failed: %s", path.c_str(), strerror(errno));
 }
 
 void set_count(void* ini, const char* head_section, int count) {
@@ -176,7 +173,8 @@ void whitelist_load_catalogue(const model_catalogue_st& catalogue) {
         std::string section = section_name(index);
         const char* port_text = nullptr;
         if (!read_model(ini.get(), section, record, port_text)) continue;
-        WL_LOG(LOG_LVL_INFO, "load %smodel. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s",
+        WL_LOG(LOG_LVL_INFO,
+               "load %smodel. model_name %s, app_name %s, process_path %s, study_times %d, alarm %s, port %s",
                catalogue.rasp ? "inner " : "", record.model_name.c_str(), record.app_name.c_str(),
                record.process_path.c_str(), record.study_times, record.alarm ? "true" : "false", port_text);
         (*catalogue.list)->push_back(record);

@@ -59,10 +59,8 @@ extern "C" int whitelist_base_task_feedback(int opr, cJSON* root) {
             continue;
         }
         // Copies, so that the command's tree stays as it was given.
-        if (source->valueint != ALARM_SOURCE_OUTER)
-            cJSON_AddItemToArray(inner.get(), cJSON_Duplicate(element, 1));
-        if (source->valueint != ALARM_SOURCE_INNER)
-            cJSON_AddItemToArray(outer.get(), cJSON_Duplicate(element, 1));
+        if (source->valueint != ALARM_SOURCE_OUTER) cJSON_AddItemToArray(inner.get(), cJSON_Duplicate(element, 1));
+        if (source->valueint != ALARM_SOURCE_INNER) cJSON_AddItemToArray(outer.get(), cJSON_Duplicate(element, 1));
     }
 
     int result = hand_over(outer.get(), true);

@@ -171,9 +171,7 @@ _USR_INPUT whitelist_build_interact_input(int opr, const std::string& name, cons
     _USR_INPUT usr_input;
     switch (opr) {
         case 2:
-        case 102:
-            usr_input.oprType = USR_OPR_QUERY;
-            break;
+        case 102: usr_input.oprType = USR_OPR_QUERY; break;
         case 3:
         case 103:
             usr_input.oprType = input.re_study ? USR_OPR_RELEARN : USR_OPR_STUDY_TIME;
@@ -185,12 +183,8 @@ _USR_INPUT whitelist_build_interact_input(int opr, const std::string& name, cons
             usr_input.switchValue = input.model_switch ? USR_SWITCH_ON : USR_SWITCH_OFF;
             break;
         case 6:
-        case 106:
-            usr_input.oprType = USR_OPR_DELETE;
-            break;
-        default:
-            WL_LOG(LOG_LVL_WARN, "invalid data");
-            return usr_input;
+        case 106: usr_input.oprType = USR_OPR_DELETE; break;
+        default: WL_LOG(LOG_LVL_WARN, "invalid data"); return usr_input;
     }
     usr_input.modelName = name;
     return usr_input;
@@ -206,5 +200,4 @@ int whitelist_base_task_interact(int opr, cJSON* root) { return task_interact(kB
 int whitelist_rasp_task_interact(int opr, cJSON* root) { return task_interact(kRaspSide, opr, root); }
 int whitelist_base_task_delete(int opr, cJSON* root) { return task_delete(kBaseSide, opr, root); }
 int whitelist_rasp_task_delete(int opr, cJSON* root) { return task_delete(kRaspSide, opr, root); }
-
 }

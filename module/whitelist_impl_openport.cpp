@@ -217,5 +217,4 @@ void upload_openport_process(void) {
     JsonText text(cJSON_PrintUnformatted(report.get()));
     if (text) whitelist_upload_data(text.get(), WL_REPORT_OPEN_PROC);
 }
-
 }

@@ -29,7 +29,8 @@ int upload_directory(const char* directory, int kind) {
     int is_dir = 0;
     while (const char* entry = dirwalk_read(walk.get(), &is_dir)) {
         WL_LOG(LOG_LVL_INFO, "start upload %sfile %s", kind == WL_UPLOAD_KIND_RASP_ORIGIN_LOG ? "rasp " : "", entry);
-        if (add_upload_file_fn add_upload_file = add_upload_file_symbol(g_add_upload_file)) add_upload_file(kind, entry);
+        if (add_upload_file_fn add_upload_file = add_upload_file_symbol(g_add_upload_file))
+            add_upload_file(kind, entry);
     }
     WL_LOG(LOG_LVL_DETAIL, "scan end");
     return 0;
@@ -46,5 +47,4 @@ int whitelist_upload_org_log(cJSON* root, int unused) {
 int whitelist_upload_rasp_org_log(cJSON* root, int unused) {
     return upload_directory("@/../var/base/raspOriginLog/", WL_UPLOAD_KIND_RASP_ORIGIN_LOG);
 }
-
 }

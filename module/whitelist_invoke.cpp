@@ -47,23 +47,12 @@ bool WhitelistInvoke::Initialize() {
     int code = 0;
     std::string path;
     switch (mb_attach(this, m_dll, m_frame, code, path)) {
-    case MB_ATTACH_DONE:
-        return true;
-    case MB_ATTACH_LITE:
-        WL_ORV_INFO("lite no tulmb path: %s, not load", path.c_str());
-        return true;
-    case MB_ATTACH_OPEN_FAILED:
-        WL_ORV_ERROR("mb dll open failed!0x%08x", code);
-        return false;
-    case MB_ATTACH_GET_ADDR_FAILED:
-        WL_ORV_ERROR("mb dll_get_addr failed!0x%08x", code);
-        return false;
-    case MB_ATTACH_GET_OBJECT_FAILED:
-        WL_ORV_ERROR("mb get object failed!0x%08x", code);
-        return false;
-    case MB_ATTACH_ADVISE_FAILED:
-        WL_ORV_ERROR("mb advise failed!0x%08x", code);
-        return false;
+        case MB_ATTACH_DONE: return true;
+        case MB_ATTACH_LITE: WL_ORV_INFO("lite no tulmb path: %s, not load", path.c_str()); return true;
+        case MB_ATTACH_OPEN_FAILED: WL_ORV_ERROR("mb dll open failed!0x%08x", code); return false;
+        case MB_ATTACH_GET_ADDR_FAILED: WL_ORV_ERROR("mb dll_get_addr failed!0x%08x", code); return false;
+        case MB_ATTACH_GET_OBJECT_FAILED: WL_ORV_ERROR("mb get object failed!0x%08x", code); return false;
+        case MB_ATTACH_ADVISE_FAILED: WL_ORV_ERROR("mb advise failed!0x%08x", code); return false;
     }
     return false;
 }
@@ -138,7 +127,9 @@ int WhitelistInvoke::QueryInterface(const _GUID&, void**) { return MB_E_PLUGIN_N
 int WhitelistInvoke::AddRef() { return 0; }
 int WhitelistInvoke::Release() { return 0; }
 
-int WhitelistInvoke::GetUniqueID(unsigned char (*id)[16]) const { return mb_copy_plugin_id(g_whitelistInvokePluginId, id); }
+int WhitelistInvoke::GetUniqueID(unsigned char (*id)[16]) const {
+    return mb_copy_plugin_id(g_whitelistInvokePluginId, id);
+}
 
 int WhitelistInvoke::GetVersion(unsigned int* version) const { return mb_plugin_version(version); }
 

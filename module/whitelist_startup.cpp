@@ -23,8 +23,7 @@ constexpr unsigned int kRetryPauseUs = 3000000;
 constexpr int kVrcclTries = 20;
 // The asset lists the open-port report reads: open ports, processes and the
 // two application lists.
-constexpr int kAwaitedAssetKinds[] = {ASSET_KIND_OPEN_PORT, ASSET_KIND_PROCESS, ASSET_KIND_APP_EXTRA,
-                                      ASSET_KIND_APP};
+constexpr int kAwaitedAssetKinds[] = {ASSET_KIND_OPEN_PORT, ASSET_KIND_PROCESS, ASSET_KIND_APP_EXTRA, ASSET_KIND_APP};
 
 // reg_ipc_handler keeps the pointer, so the table lives as long as the module.
 ipc_handler_table g_wl_dbg_handlers = {};

@@ -27,8 +27,8 @@ constexpr int kBadInput = 2;
 constexpr int kEnvelopeFailure = 3;
 constexpr int kUploadFailed = -1;
 
-const char* const kReportNames[] = {"model", "learn_status", "alarm", "rasp_model", "rasp_learn_status", "rasp_alarm",
-                                    "open_proc"};
+const char* const kReportNames[] = {"model",      "learn_status", "alarm", "rasp_model", "rasp_learn_status",
+                                    "rasp_alarm", "open_proc"};
 
 // The lock exists from start-up step 6 on; before it, no other thread of the
 // module runs, so an upload then goes unlocked rather than failing.

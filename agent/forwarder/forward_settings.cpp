@@ -11,10 +11,10 @@ bool tokenChar(char c) {
 }
 
 int facilityCode(const std::string& name) {
-    static const char* const kNames[] = {"kern",   "user",   "mail",   "daemon", "auth",   "syslog", "lpr",
-                                         "news",   "uucp",   "cron",   "authpriv", "ftp",  "ntp",    "security",
-                                         "console", "solaris-cron", "local0", "local1", "local2", "local3",
-                                         "local4", "local5", "local6", "local7"};
+    static const char* const kNames[] = {"kern",   "user",     "mail",    "daemon",       "auth",     "syslog",
+                                         "lpr",    "news",     "uucp",    "cron",         "authpriv", "ftp",
+                                         "ntp",    "security", "console", "solaris-cron", "local0",   "local1",
+                                         "local2", "local3",   "local4",  "local5",       "local6",   "local7"};
     for (int i = 0; i < 24; ++i) {
         if (name == kNames[i]) return i;
     }
@@ -67,8 +67,8 @@ ForwardSettings readForwardSettings(const wlagent::AgentConfig& c, const std::st
     ForwardSettings s;
     s.reports.maxFileBytes = static_cast<uint64_t>(
         c.getNumber("spool", "max_file_bytes", 4096, 64L << 20, static_cast<long>(s.reports.maxFileBytes), problems));
-    s.reports.maxTotalBytes = static_cast<uint64_t>(c.getNumber(
-        "spool", "max_total_bytes", 8192, 2047L << 20, static_cast<long>(s.reports.maxTotalBytes), problems));
+    s.reports.maxTotalBytes = static_cast<uint64_t>(c.getNumber("spool", "max_total_bytes", 8192, 2047L << 20,
+                                                                static_cast<long>(s.reports.maxTotalBytes), problems));
     if (s.reports.maxTotalBytes < 2 * s.reports.maxFileBytes) {
         problems.push_back("[spool] max_total_bytes must be at least twice max_file_bytes; taken as " +
                            std::to_string(2 * s.reports.maxFileBytes));
@@ -111,7 +111,8 @@ ForwardSettings readForwardSettings(const wlagent::AgentConfig& c, const std::st
     h.filesUrl = c.getText("http", "files_url", h.url);
     h.caFile = c.getText("http", "ca_file", "");
     h.insecure = c.getBool("http", "insecure", h.insecure, problems);
-    h.batchSize = static_cast<size_t>(c.getNumber("http", "batch_size", 1, 10000, static_cast<long>(h.batchSize), problems));
+    h.batchSize =
+        static_cast<size_t>(c.getNumber("http", "batch_size", 1, 10000, static_cast<long>(h.batchSize), problems));
     h.batchBytes = static_cast<size_t>(
         c.getNumber("http", "batch_bytes", 1024, 64L << 20, static_cast<long>(h.batchBytes), problems));
     h.timeoutMs = c.getNumber("http", "timeout_ms", 100, 600000, h.timeoutMs, problems);
@@ -128,15 +129,17 @@ ForwardSettings readForwardSettings(const wlagent::AgentConfig& c, const std::st
     n.url = c.getText("nats", "url", n.url);
     n.subjectPrefix = c.getText("nats", "subject_prefix", n.subjectPrefix);
     n.stream = c.getText("nats", "stream", n.stream);
-    n.batchSize = static_cast<size_t>(c.getNumber("nats", "batch_size", 1, 10000, static_cast<long>(n.batchSize), problems));
+    n.batchSize =
+        static_cast<size_t>(c.getNumber("nats", "batch_size", 1, 10000, static_cast<long>(n.batchSize), problems));
     n.timeoutMs = c.getNumber("nats", "timeout_ms", 100, 600000, n.timeoutMs, problems);
     n.retry = readRetry(c, "nats", problems);
     bool streamOk = !n.stream.empty() && n.stream.size() <= 64;
     for (char ch : n.stream) streamOk = streamOk && tokenChar(ch);
     if (n.enabled && (!validNatsUrl(n.url) || !validSubjectPrefix(n.subjectPrefix) || !streamOk)) {
-        problems.push_back("[nats] needs url = nats://HOST:PORT, a subject_prefix of dot-separated words and a stream "
-                           "name of letters, digits, '-' and '_' (have '" + n.url + "', '" + n.subjectPrefix + "', '" +
-                           n.stream + "'); the nats sink is off");
+        problems.push_back(
+            "[nats] needs url = nats://HOST:PORT, a subject_prefix of dot-separated words and a stream "
+            "name of letters, digits, '-' and '_' (have '" +
+            n.url + "', '" + n.subjectPrefix + "', '" + n.stream + "'); the nats sink is off");
         n.enabled = false;
     }
     return s;

@@ -114,8 +114,7 @@ int main(int argc, char** argv) {
     const wlspool::Stream uploads = wlspool::uploadStream(root);
     const std::string uploadsDir = root + "/var/spool/uploads";
     std::vector<Entry> entries;
-    auto add = [&](const char* name, bool enabled, std::unique_ptr<wlforward::Sink> sink,
-                   wlforward::RunnerLimits l) {
+    auto add = [&](const char* name, bool enabled, std::unique_ptr<wlforward::Sink> sink, wlforward::RunnerLimits l) {
         Entry e{name, enabled, nullptr, nullptr};
         if (enabled) {
             e.sink = std::move(sink);

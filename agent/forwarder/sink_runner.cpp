@@ -60,7 +60,8 @@ SinkRunner::Step SinkRunner::stepReports() {
     if (batch.lines.empty()) return Step::Idle;
     std::vector<Report> reports;
     reports.reserve(batch.lines.size());
-    for (const wlspool::Line& line : batch.lines) reports.push_back(Report{line.offset, &line.text, routeOf(line.text)});
+    for (const wlspool::Line& line : batch.lines)
+        reports.push_back(Report{line.offset, &line.text, routeOf(line.text)});
     SendResult result = m_sink.send(reports);
     size_t handled = std::min(result.delivered + result.rejected, batch.lines.size());
     if (handled > 0) {
@@ -97,7 +98,8 @@ SinkRunner::Step SinkRunner::stepUploads() {
     Upload upload;
     upload.offset = line.offset;
     if (!parseUploadEntry(line.text, upload.entry)) {
-        m_log(std::string(m_sink.name()) + ": skipping a manifest line that names no upload: " + line.text.substr(0, 200));
+        m_log(std::string(m_sink.name()) +
+              ": skipping a manifest line that names no upload: " + line.text.substr(0, 200));
         moveCursor(m_uploads.stream(), m_counters.uploadCursor, line.end);
         std::lock_guard<std::mutex> lock(m_mutex);
         ++m_counters.dropped;
@@ -143,14 +145,9 @@ SinkRunner::Step SinkRunner::step() {
 
 std::chrono::milliseconds SinkRunner::pauseAfter(Step step) {
     switch (step) {
-        case Step::Sent:
-            m_backoff.reset();
-            return std::chrono::milliseconds(0);
-        case Step::Idle:
-            m_backoff.reset();
-            return m_limits.idle;
-        case Step::Failed:
-            break;
+        case Step::Sent: m_backoff.reset(); return std::chrono::milliseconds(0);
+        case Step::Idle: m_backoff.reset(); return m_limits.idle;
+        case Step::Failed: break;
     }
     return m_backoff.next();
 }

@@ -28,9 +28,9 @@ struct RunnerLimits {
 
 struct SinkCounters {
     bool up = true;
-    uint64_t sent = 0;      // reports taken by the sink
-    uint64_t failed = 0;    // attempts that failed and will be retried
-    uint64_t dropped = 0;   // reports and files the sink refused for good
+    uint64_t sent = 0;     // reports taken by the sink
+    uint64_t failed = 0;   // attempts that failed and will be retried
+    uint64_t dropped = 0;  // reports and files the sink refused for good
     uint64_t filesSent = 0;
     uint64_t cursor = 0;        // in the reports spool
     uint64_t uploadCursor = 0;  // in the upload manifest

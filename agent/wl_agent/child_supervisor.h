@@ -17,7 +17,7 @@
 namespace wlagent {
 
 struct ChildSpec {
-    std::string name;  // in the log lines: "collector", "forwarder"
+    std::string name;               // in the log lines: "collector", "forwarder"
     std::vector<std::string> argv;  // argv[0]: the program's path
     std::string logFile;
     int cannotRunCode = 3;  // the exit status that means "not on this host"

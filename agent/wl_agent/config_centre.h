@@ -30,8 +30,8 @@ public:
     bool isOn() const { return m_on; }
 
 private:
-    static void onMessage(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, const void* data,
-                          unsigned int size, void* user);
+    static void onMessage(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, const void* data, unsigned int size,
+                          void* user);
     bool m_on;
     kem_ipc_t m_ipc = nullptr;
     kem_addr_t m_module = nullptr;

@@ -98,8 +98,8 @@ void ControlServer::serve(wl::UniqueFd fd) {
         }
         if (request.size() > m_limits.maxRequest) {
             ++m_badRequests;
-            reply(fd.get(), errorLine("too_large", "the request is larger than " +
-                                                       std::to_string(m_limits.maxRequest) + " bytes"));
+            reply(fd.get(), errorLine("too_large",
+                                      "the request is larger than " + std::to_string(m_limits.maxRequest) + " bytes"));
             return;
         }
         wlsock::IoResult ready = wlsock::wait_for(fd.get(), POLLIN, m_stop.get(), deadline);
@@ -117,7 +117,8 @@ void ControlServer::serve(wl::UniqueFd fd) {
     }
     if (!request.empty() && request.back() == '\r') request.pop_back();
     std::string answer = m_handler(request);
-    if (answer.find('\n') != std::string::npos) answer = errorLine("internal", "the agent made a reply of several lines");
+    if (answer.find('\n') != std::string::npos)
+        answer = errorLine("internal", "the agent made a reply of several lines");
     reply(fd.get(), answer);
 }
 

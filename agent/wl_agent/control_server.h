@@ -19,8 +19,8 @@ namespace wlagent {
 struct ControlServerLimits {
     size_t maxClients = 8;
     size_t maxRequest = 64 * 1024;
-    int idleMs = 5000;     // to send the whole request
-    int replyMs = 10000;   // to take the whole reply
+    int idleMs = 5000;    // to send the whole request
+    int replyMs = 10000;  // to take the whole reply
 };
 
 class ControlServer {

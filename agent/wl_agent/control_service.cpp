@@ -64,9 +64,10 @@ void addSummary(cJSON* view) {
         cJSON_AddNumberToObject(view, "progress", progress);
     }
     std::string period = wljson::text(status, "period");
-    cJSON_AddStringToObject(view, "period", period == "LEARN_PEROID"    ? "learning"
-                                            : period == "FILTER_PEROID" ? "filtering"
-                                                                        : "unknown");
+    cJSON_AddStringToObject(view, "period",
+                            period == "LEARN_PEROID"    ? "learning"
+                            : period == "FILTER_PEROID" ? "filtering"
+                                                        : "unknown");
     const cJSON* features = wljson::get(status, "feature_count");
     if (cJSON_IsNumber(features)) {
         cJSON_AddNumberToObject(view, "features", features->valuedouble);
@@ -244,13 +245,13 @@ std::string ControlService::handle(const std::string& line) {
     std::string problem = parseControlRequest(line, request);
     if (!problem.empty()) return errorReply("bad_request", problem);
     switch (request.kind) {
-        case ControlRequest::Kind::Status:
-            return okReply("status", status());
-        case ControlRequest::Kind::Models:
-            return okReply("models", models());
+        case ControlRequest::Kind::Status: return okReply("status", status());
+        case ControlRequest::Kind::Models: return okReply("models", models());
         case ControlRequest::Kind::Model: {
             cJSON* view = modelView(request.engine, request.name);
-            if (!view) return errorReply("not_found", "no model named \"" + request.name + "\" has been reported or catalogued");
+            if (!view)
+                return errorReply("not_found",
+                                  "no model named \"" + request.name + "\" has been reported or catalogued");
             return okReply("model", view);
         }
         case ControlRequest::Kind::Alarms: {

@@ -23,19 +23,19 @@ struct StatusSources {
     std::string configFile;
     std::time_t started = 0;
     std::function<bool()> moduleLoaded;
-    std::function<bool()> hostSwitch;         // g_ms_conf, the white-list module's word
-    std::function<bool()> centreSwitch;       // the config centre's answer
+    std::function<bool()> hostSwitch;                // g_ms_conf, the white-list module's word
+    std::function<bool()> centreSwitch;              // the config centre's answer
     std::function<std::string()> busCounters;        // JSON object text, "" unknown
     std::function<std::string()> telemetryCounters;  // JSON object text, "" unknown
     // The collector: its state word, and its own status JSON or an error.
     std::function<std::string()> collectorState;
     std::function<std::string(std::string& error)> collectorStatus;
-    std::function<std::string()> forwarderStatus;    // the status file's text, "" when absent
+    std::function<std::string()> forwarderStatus;  // the status file's text, "" when absent
     std::function<std::vector<CatalogueEntry>()> catalogue;
-    std::function<cJSON*()> serviceCounters;         // control socket and metrics counters
+    std::function<cJSON*()> serviceCounters;  // control socket and metrics counters
     // Sets the config centre's switch; "" when done, else why not.
     std::function<std::string(bool on)> setModule;
-    std::function<std::string()> metricsListen;      // "" when off
+    std::function<std::string()> metricsListen;  // "" when off
 };
 
 class ControlService {

@@ -8,9 +8,9 @@
 namespace wlagent {
 
 struct HostIdentity {
-    std::string uuid;     // /etc/machine-id, else the host name
-    std::string hostIp;   // first IPv4 address that isn't loopback, else 127.0.0.1
-    std::string ipList;   // all IPv4 addresses, comma-separated
+    std::string uuid;    // /etc/machine-id, else the host name
+    std::string hostIp;  // first IPv4 address that isn't loopback, else 127.0.0.1
+    std::string ipList;  // all IPv4 addresses, comma-separated
 };
 
 HostIdentity readHostIdentity();

@@ -38,15 +38,15 @@ struct Options {
     std::string root;
     int logLevel = 3;
     bool printReports = false;
-    bool moduleOff = false;    // host switch (g_ms_conf)
-    bool centreOn = true;      // config centre's answer
+    bool moduleOff = false;  // host switch (g_ms_conf)
+    bool centreOn = true;    // config centre's answer
     int assetInterval = 60;
-    int runSeconds = 0;        // 0: until a signal
+    int runSeconds = 0;  // 0: until a signal
     bool collector = true;
     std::string collectorBackend = "auto";
     bool discover = true;
     bool forward = true;  // run wl-forward for the sinks that are on
-    std::string config;  // default wlagent::agentConfigPath(root)
+    std::string config;   // default wlagent::agentConfigPath(root)
     std::string writeDefaultsTo;
 };
 
@@ -217,7 +217,8 @@ int main(int argc, char** argv) {
     wlforward::ForwardSettings forwarding;
     {
         std::vector<std::string> problems;
-        forwarding = wlforward::readForwardSettings(wlagent::AgentConfig::load(opt.config, problems), opt.root, problems);
+        forwarding =
+            wlforward::readForwardSettings(wlagent::AgentConfig::load(opt.config, problems), opt.root, problems);
         for (const std::string& line : problems) say(opt.config + ": " + line);
     }
     wlagent::ReportSpool spool(opt.root, opt.printReports, forwarding);
@@ -244,12 +245,14 @@ int main(int argc, char** argv) {
     cl_ev_current_loop();
     wlagent::ConfigCentre centre(opt.centreOn);
     problem = centre.start();
-    if (!problem.empty()) std::fprintf(stderr, "wl-agent: %s; the module keeps its timers as started\n", problem.c_str());
+    if (!problem.empty())
+        std::fprintf(stderr, "wl-agent: %s; the module keeps its timers as started\n", problem.c_str());
 
     // Started before the module, which gives the collector a minute to answer.
     wlagent::SystemProcessControl processes;
-    wlagent::CollectorSupervisor collector(wlagent::collectorOptions(opt.root, opt.collectorBackend), processes,
-                                           [] { return std::chrono::steady_clock::now(); }, say);
+    wlagent::CollectorSupervisor collector(
+        wlagent::collectorOptions(opt.root, opt.collectorBackend), processes,
+        [] { return std::chrono::steady_clock::now(); }, say);
     if (opt.collector) {
         collector.start();
     } else {
@@ -257,8 +260,8 @@ int main(int argc, char** argv) {
     }
 
     // wl-forward takes the spool to the sinks; the agent never waits for it.
-    wlagent::ChildSupervisor forwarder(wlagent::forwarderSpec(opt.root, opt.config), processes,
-                                       [] { return std::chrono::steady_clock::now(); }, say);
+    wlagent::ChildSupervisor forwarder(
+        wlagent::forwarderSpec(opt.root, opt.config), processes, [] { return std::chrono::steady_clock::now(); }, say);
     if (opt.forward && !wlforward::enabledSinks(forwarding).empty()) {
         forwarder.start();
     } else {

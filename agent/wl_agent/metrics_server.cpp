@@ -85,13 +85,10 @@ std::string MetricsServer::start(const ListenAddress& where) {
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL;
     if (where.ipv6) flags |= MHD_USE_IPv6;
     errno = 0;
-    m_daemon = MHD_start_daemon(flags, static_cast<uint16_t>(where.port), nullptr, nullptr,
-                                &handleRequest, this,
+    m_daemon = MHD_start_daemon(flags, static_cast<uint16_t>(where.port), nullptr, nullptr, &handleRequest, this,
                                 MHD_OPTION_SOCK_ADDR, reinterpret_cast<const sockaddr*>(&where.address),
-                                MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
-                                MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
-                                MHD_OPTION_CONNECTION_MEMORY_LIMIT, kHeaderMemory,
-                                MHD_OPTION_END);
+                                MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_CONNECTION_TIMEOUT,
+                                kIdleSeconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT, kHeaderMemory, MHD_OPTION_END);
     if (!m_daemon) {
         return "cannot serve metrics on " + where.text + (errno ? std::string(": ") + std::strerror(errno) : "");
     }
@@ -118,8 +115,8 @@ int MetricsServer::answer(MHD_Connection* connection, const std::string& url, co
         body = "not found: /healthz and /metrics are served\n";
     }
     (status == MHD_HTTP_OK || status == MHD_HTTP_SERVICE_UNAVAILABLE ? m_served : m_refused)++;
-    MHD_Response* response = MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()),
-                                                             MHD_RESPMEM_MUST_COPY);
+    MHD_Response* response =
+        MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()), MHD_RESPMEM_MUST_COPY);
     if (!response) return MHD_NO;
     MHD_add_response_header(response, "Content-Type", type);
     if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(response, "Allow", "GET, HEAD");

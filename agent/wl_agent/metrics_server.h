@@ -48,7 +48,6 @@ public:
     int answer(MHD_Connection* connection, const std::string& url, const std::string& method);
 
 private:
-
     Health m_health;
     Metrics m_metrics;
     MHD_Daemon* m_daemon = nullptr;

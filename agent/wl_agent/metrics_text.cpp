@@ -132,8 +132,8 @@ void reportMetrics(MetricsWriter& out, const cJSON* reports) {
         if (cJSON_IsNumber(last)) out.sample("wl_report_last_timestamp_seconds", {{"type", name}}, last->valuedouble);
     }
     out.family("wl_reports_unreadable_total", "counter", "Envelopes the agent could not read (not counted by type)");
-    out.sample("wl_reports_unreadable_total", {}, wljson::number(reports, "unreadable") +
-                                                      wljson::number(reports, "too_large"));
+    out.sample("wl_reports_unreadable_total", {},
+               wljson::number(reports, "unreadable") + wljson::number(reports, "too_large"));
     out.family("wl_alarms_evicted_total", "counter", "Alarms no longer kept for wlctl (the oldest go first)");
     out.sample("wl_alarms_evicted_total", {}, wljson::number(reports, "alarms_evicted"));
 }

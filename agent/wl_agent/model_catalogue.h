@@ -13,7 +13,7 @@ struct CatalogueEntry {
     std::string name;
     std::string app;
     std::string path;
-    std::string ports;   // as written: "80,443"
+    std::string ports;  // as written: "80,443"
     long studyTime = 0;
     bool alarm = false;
 };

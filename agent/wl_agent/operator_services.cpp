@@ -23,7 +23,7 @@
 namespace wlagent {
 namespace {
 
-constexpr std::time_t kHeartbeatLimit = 10;      // main loop silent this long: unhealthy
+constexpr std::time_t kHeartbeatLimit = 10;  // main loop silent this long: unhealthy
 constexpr std::time_t kCollectorCacheSeconds = 2;
 constexpr int kCollectorTimeoutMs = 1000;
 constexpr auto kSwitchWait = std::chrono::seconds(5);

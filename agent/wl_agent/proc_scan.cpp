@@ -80,7 +80,8 @@ std::vector<ListeningSocket> parseSocketTable(const std::string& text, const std
     while (std::getline(in, line)) {
         std::istringstream fields(line);
         std::string slot, local, remote, state, queues, timer, retr, uid, timeout, inode;
-        if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retr >> uid >> timeout >> inode)) continue;
+        if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retr >> uid >> timeout >> inode))
+            continue;
         // TCP: LISTEN (0A). UDP: unconnected (07) sockets are the bound ones.
         if ((tcp && state != "0A") || (!tcp && state != "07")) continue;
         auto colon = local.rfind(':');

@@ -13,7 +13,7 @@
 namespace wlagent {
 namespace {
 
-const char* const kKnownTypes[] = {"model", "learn_status", "alarm", "rasp_model", "rasp_learn_status",
+const char* const kKnownTypes[] = {"model",      "learn_status", "alarm", "rasp_model", "rasp_learn_status",
                                    "rasp_alarm", "open_proc"};
 
 std::string engineOf(const std::string& type) {
@@ -93,10 +93,10 @@ Line readLine(std::istream& in, std::string& line, size_t max) {
 std::string alarmKind(const std::string& reportType, const cJSON* payload) {
     if (reportType == "rasp_alarm") return lower(wljson::text(payload, "action", "unknown"));
     static const std::map<std::string, std::string> kHostKinds = {
-        {"PROCESS_CREATION", "process"},        {"FILE_CREATION", "file-create"},
-        {"FILE_MODIFICATION", "file-modify"},   {"FILE_DELETION", "file-delete"},
-        {"FILE_RENAMING", "file-rename"},       {"FILE_TIME_MODIFICATION", "file-time"},
-        {"NETWORK_CONNECTION", "connect"},      {"DNS_QUERY", "dns"},
+        {"PROCESS_CREATION", "process"},      {"FILE_CREATION", "file-create"},
+        {"FILE_MODIFICATION", "file-modify"}, {"FILE_DELETION", "file-delete"},
+        {"FILE_RENAMING", "file-rename"},     {"FILE_TIME_MODIFICATION", "file-time"},
+        {"NETWORK_CONNECTION", "connect"},    {"DNS_QUERY", "dns"},
         {"HOST_PORT_LISTENING", "listen"}};
     std::string id = wljson::text(payload, "event_id", "unknown");
     auto it = kHostKinds.find(id);

@@ -21,7 +21,7 @@ namespace wlagent {
 
 struct LedgerLimits {
     size_t maxAlarms = 5000;
-    size_t maxAlarmBytes = 16u << 20;      // alarm texts kept, all together
+    size_t maxAlarmBytes = 16u << 20;  // alarm texts kept, all together
     size_t maxModels = 4096;
     size_t maxModelDataBytes = 64u << 20;  // learned data kept, all models together
     size_t maxReportBytes = 16u << 20;     // a longer report is counted, not read
@@ -29,11 +29,11 @@ struct LedgerLimits {
 };
 
 struct AlarmFilter {
-    std::string model;       // exact name, empty for all
-    std::string kind;        // short kind or the report's own word, any case
-    std::time_t since = 0;   // alarms seen at or after this time
-    uint64_t after = 0;      // ordinals above this one (for following)
-    size_t limit = 1000;     // the newest that many
+    std::string model;      // exact name, empty for all
+    std::string kind;       // short kind or the report's own word, any case
+    std::time_t since = 0;  // alarms seen at or after this time
+    uint64_t after = 0;     // ordinals above this one (for following)
+    size_t limit = 1000;    // the newest that many
 };
 
 // "process", "file-create", ..., "connect", "dns", "listen" for host alarms;
@@ -81,7 +81,7 @@ private:
     struct ModelState {
         std::string status;  // compact JSON of the latest learn status
         std::time_t statusAt = 0;
-        std::string data;    // compact JSON of the latest model data
+        std::string data;  // compact JSON of the latest model data
         std::time_t dataAt = 0;
         uint64_t dataReports = 0;
         bool dataEvicted = false;

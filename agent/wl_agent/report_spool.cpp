@@ -66,8 +66,8 @@ std::vector<Stored> storedUploads(const std::string& dir) {
             if (e->d_name[0] == '.' || ::stat((sub + "/" + e->d_name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
                 continue;
             }
-            out.push_back(Stored{std::string(kind->d_name) + "/" + e->d_name, static_cast<uint64_t>(st.st_size),
-                                 st.st_mtime});
+            out.push_back(
+                Stored{std::string(kind->d_name) + "/" + e->d_name, static_cast<uint64_t>(st.st_size), st.st_mtime});
         }
     }
     std::sort(out.begin(), out.end(), [](const Stored& a, const Stored& b) { return a.mtime < b.mtime; });
@@ -172,7 +172,8 @@ int ReportSpool::addFile(int kind, const char* path) {
         return -1;
     }
     makeRoomForUpload(size);
-    if (dirutils_mkdir(dir.c_str(), 0750) != 0 || !wlspool::copyFileAtomic(path, m_root + "/var/spool/uploads/" + relative, size, error)) {
+    if (dirutils_mkdir(dir.c_str(), 0750) != 0 ||
+        !wlspool::copyFileAtomic(path, m_root + "/var/spool/uploads/" + relative, size, error)) {
         m_uploads.countDropped(1, size, error.empty() ? "cannot create " + dir : error);
         tell(m_uploads);
         return -1;
@@ -187,7 +188,8 @@ int ReportSpool::addFile(int kind, const char* path) {
     std::unique_ptr<char, decltype(&cJSON_free)> line(cJSON_PrintUnformatted(entry.get()), cJSON_free);
     bool named = line && m_uploads.append(line.get(), error);
     tell(m_uploads);
-    std::printf("wl-agent: file queued for upload (kind %d): %s%s\n", kind, path, named ? "" : (" NOT named: " + error).c_str());
+    std::printf("wl-agent: file queued for upload (kind %d): %s%s\n", kind, path,
+                named ? "" : (" NOT named: " + error).c_str());
     std::fflush(stdout);
     return named ? 0 : -1;
 }

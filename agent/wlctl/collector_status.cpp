@@ -53,8 +53,9 @@ bool formatCollectorStatus(const CollectorReply& reply, std::string& out) {
         out += row("event kind", {"received", "sent", "lost kernel", "lost queue", "lost socket"});
         const cJSON* kind = nullptr;
         cJSON_ArrayForEach(kind, kinds) {
-            out += row(kind->string, {text(kind, "received", "-"), text(kind, "sent", "-"), text(kind, "lost_kernel", "-"),
-                                      text(kind, "lost_queue", "-"), text(kind, "lost_socket", "-")});
+            out +=
+                row(kind->string, {text(kind, "received", "-"), text(kind, "sent", "-"), text(kind, "lost_kernel", "-"),
+                                   text(kind, "lost_queue", "-"), text(kind, "lost_socket", "-")});
         }
     }
     const cJSON* unsupported = cJSON_GetObjectItemCaseSensitive(root, "unsupported");

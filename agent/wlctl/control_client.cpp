@@ -29,7 +29,8 @@ ControlReply askAgent(const std::string& socketPath, const std::string& request,
     if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         int err = errno;
         if (err == EACCES || err == EPERM)
-            return fail(kExitForbidden, "no permission to reach " + socketPath + " (run as root or as the agent's user)");
+            return fail(kExitForbidden,
+                        "no permission to reach " + socketPath + " (run as root or as the agent's user)");
         return fail(kExitUnreachable, "no agent answers at " + socketPath + " (" + std::strerror(err) +
                                           "; is wl-agent running with this root?)");
     }
@@ -38,8 +39,8 @@ ControlReply askAgent(const std::string& socketPath, const std::string& request,
     if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
         return fail(kExitAgentError, "cannot read the agent's credentials");
     if (cred.uid != 0 && cred.uid != ::geteuid())
-        return fail(kExitForbidden, "refusing an agent socket run by uid " + std::to_string(cred.uid) +
-                                        " (neither root nor you)");
+        return fail(kExitForbidden,
+                    "refusing an agent socket run by uid " + std::to_string(cred.uid) + " (neither root nor you)");
 
     wlsock::Deadline deadline = wlsock::deadline_in(timeoutMs);
     std::string line = request + "\n";

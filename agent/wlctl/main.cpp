@@ -32,7 +32,8 @@ volatile std::sig_atomic_t g_stop = 0;
 void onStop(int) { g_stop = 1; }
 
 void usage(FILE* to) {
-    std::fprintf(to,
+    std::fprintf(
+        to,
         "usage: wlctl [--root DIR] [--rasp] [--json] [--no-color] COMMAND ...\n"
         "\n"
         "What the agent sees:\n"
@@ -129,8 +130,8 @@ void printJson(const cJSON* item) {
 int pushCommand(const Context& ctx, const std::string& verb, const std::string& json, bool quiet = false) {
     PushResult result = pushTask(ctx.taskSocket(), "WL_HDL", json, 30);
     if (!result.delivered) {
-        return refuse(kExitUnreachable, result.error.find("ERR") == 0 ? "the task channel refused: " + result.error
-                                                                     : result.error, ctx);
+        return refuse(kExitUnreachable,
+                      result.error.find("ERR") == 0 ? "the task channel refused: " + result.error : result.error, ctx);
     }
     Exit exit = exitForResult(result.code);
     if (ctx.json) {
@@ -201,8 +202,8 @@ int cmdShow(const Context& ctx, const std::vector<std::string>& args, bool engin
     PushResult pushed = pushTask(ctx.taskSocket(), "WL_HDL", queryCommand(rasp, {name}), 30);
     bool fresh = false;
     if (pushed.delivered && pushed.code == 0) {
-        std::string exact = "{\"cmd\":\"model\",\"name\":" + jsonQuote(name) + ",\"engine\":\"" +
-                            (rasp ? "app" : "host") + "\"}";
+        std::string exact =
+            "{\"cmd\":\"model\",\"name\":" + jsonQuote(name) + ",\"engine\":\"" + (rasp ? "app" : "host") + "\"}";
         for (int i = 0; i < 50 && !fresh; ++i) {
             Json again(nullptr, cJSON_Delete);
             if (ask(ctx, exact, again) != kExitOk) break;
@@ -306,7 +307,8 @@ int cmdFeedback(const Context& ctx, const std::vector<std::string>& args) {
     if (rc != kExitOk) return rc;
     const cJSON* entry = cJSON_GetObjectItemCaseSensitive(root.get(), "alarm");
     const cJSON* payload = cJSON_GetObjectItemCaseSensitive(entry, "alarm");
-    if (!cJSON_IsObject(payload)) return refuse(kExitAgentError, "the agent kept no readable text of alarm " + args[0], ctx);
+    if (!cJSON_IsObject(payload))
+        return refuse(kExitAgentError, "the agent kept no readable text of alarm " + args[0], ctx);
     char* text = cJSON_PrintUnformatted(payload);
     std::string alarm = text ? text : "";
     cJSON_free(text);
@@ -407,8 +409,8 @@ int main(int argc, char** argv) {
         }
     }
     const char* term = std::getenv("TERM");
-    ctx.style.colour = colourAllowed && ::isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") &&
-                       !(term && std::string(term) == "dumb");
+    ctx.style.colour =
+        colourAllowed && ::isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") && !(term && std::string(term) == "dumb");
     if (args.empty()) {
         usage(stderr);
         return kExitUsage;
@@ -436,7 +438,8 @@ int main(int argc, char** argv) {
     if (verb == "start") {
         std::vector<unsigned> ports;
         if (rest.size() != 4) return badUsage("start needs NAME PATH PORTS PERIOD");
-        if (!parsePorts(rest[2], ports)) return badUsage("PORTS must be ports 1 to 65535 separated by commas, e.g. 80,443");
+        if (!parsePorts(rest[2], ports))
+            return badUsage("PORTS must be ports 1 to 65535 separated by commas, e.g. 80,443");
         if (!parseStudyTime(rest[3], period)) return badUsage("PERIOD must be a whole number from 0 to 65535");
         return pushCommand(ctx, "start", startCommand(rasp, rest[0], rest[1], ports, period));
     }

@@ -149,7 +149,8 @@ std::string formatStatus(const cJSON* status, const Style& style) {
         std::string line;
         if (cJSON_IsObject(counters)) flatCounters(counters, "", line);
         out += style.bold(pad(part, 10)) + " " +
-               (cJSON_IsObject(counters) ? (line.empty() ? "no counters" : line) : style.dim("counters unknown")) + "\n";
+               (cJSON_IsObject(counters) ? (line.empty() ? "no counters" : line) : style.dim("counters unknown")) +
+               "\n";
     }
 
     const cJSON* collector = get(status, "collector");
@@ -188,7 +189,7 @@ std::string formatStatus(const cJSON* status, const Style& style) {
         const cJSON* sink = nullptr;
         cJSON_ArrayForEach(sink, get(forwarder, "sinks")) {
             bool enabled = !cJSON_IsFalse(get(sink, "enabled"));
-            std::string state = !enabled ? style.dim("disabled")
+            std::string state = !enabled                        ? style.dim("disabled")
                                 : cJSON_IsTrue(get(sink, "up")) ? style.good("up")
                                                                 : style.bad("down");
             std::string error = text(sink, "last_error");
@@ -211,7 +212,8 @@ std::string formatStatus(const cJSON* status, const Style& style) {
 std::string formatModels(const cJSON* models, const Style& style) {
     if (cJSON_GetArraySize(models) == 0) return "no models (start one with: wlctl start NAME PATH PORTS PERIOD)\n";
     std::string out = style.bold(pad("ENGINE", 6) + pad("MODEL", 22) + pad("PERIOD", 10) + pad("PROGRESS", 28) +
-                                 pad("FEATURES", 9) + pad("ALARMS", 7) + "LAST ALARM") + "\n";
+                                 pad("FEATURES", 9) + pad("ALARMS", 7) + "LAST ALARM") +
+                      "\n";
     const cJSON* model = nullptr;
     cJSON_ArrayForEach(model, models) {
         const cJSON* status = get(model, "status");
@@ -220,7 +222,8 @@ std::string formatModels(const cJSON* models, const Style& style) {
         const cJSON* def = get(model, "definition");
         if (learn.empty() && cJSON_IsObject(def)) learn = text(def, "study_time", "?");
         double alarms = number(model, "alarms");
-        std::string periodCell = periodWord(period, style) + std::string(period.size() < 9 ? 10 - period.size() : 1, ' ');
+        std::string periodCell =
+            periodWord(period, style) + std::string(period.size() < 9 ? 10 - period.size() : 1, ' ');
         out += pad(text(model, "engine"), 6) + pad(text(model, "name"), 22) + periodCell +
                pad(progressBar(number(model, "progress", -1), 20), 28) + pad(text(model, "features", "-"), 9) +
                (alarms > 0 ? style.bad(pad(count(alarms), 7)) : pad("0", 7)) +

@@ -46,8 +46,8 @@ std::string startCommand(bool rasp, const std::string& name, const std::string& 
     std::string portList = "[";
     for (size_t i = 0; i < ports.size(); ++i) portList += (i ? "," : "") + std::to_string(ports[i]);
     portList += "]";
-    return command(rasp ? 101 : 1, "{\"list\":[{\"model_name\":" + jsonQuote(name) + ",\"app_name\":" +
-                                       jsonQuote(name) + ",\"process_path\":" + jsonQuote(path) +
+    return command(rasp ? 101 : 1, "{\"list\":[{\"model_name\":" + jsonQuote(name) +
+                                       ",\"app_name\":" + jsonQuote(name) + ",\"process_path\":" + jsonQuote(path) +
                                        ",\"study_times\":" + std::to_string(studyTime) +
                                        ",\"alarm\":true,\"port\":" + portList + "}]}");
 }
@@ -62,8 +62,8 @@ std::string studyCommand(bool rasp, bool relearn, long studyTime, const std::vec
 }
 
 std::string switchCommand(bool rasp, bool on, const std::vector<std::string>& names) {
-    return command(rasp ? 104 : 4, std::string("{\"model_switch\":") + (on ? "true" : "false") +
-                                       ",\"list\":" + nameList(names) + "}");
+    return command(rasp ? 104 : 4,
+                   std::string("{\"model_switch\":") + (on ? "true" : "false") + ",\"list\":" + nameList(names) + "}");
 }
 
 std::string deleteCommand(bool rasp, const std::vector<std::string>& names) {

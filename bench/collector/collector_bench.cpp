@@ -198,9 +198,10 @@ int main(int argc, char** argv) {
     double busyStart = cpuSeconds(collector);
     double withCollector = unwatchedWorkload(work);
     double busyCpu = (cpuSeconds(collector) - busyStart) / withCollector;
-    std::printf("(a) unwatched: 100,000 file operations and 10,000 connections in %.2f s (%.2f s without the "
-                "collector); collector CPU %.3f%% of a core while busy, %.3f%% idle\n",
-                withCollector, baseline, busyCpu * 100, idleCpu * 100);
+    std::printf(
+        "(a) unwatched: 100,000 file operations and 10,000 connections in %.2f s (%.2f s without the "
+        "collector); collector CPU %.3f%% of a core while busy, %.3f%% idle\n",
+        withCollector, baseline, busyCpu * 100, idleCpu * 100);
 
     const int latencyCount = 2000;
     g_received.sentAt = static_cast<uint64_t*>(
@@ -215,7 +216,8 @@ int main(int argc, char** argv) {
     runWatched(work, "rate-", rateCount, 10000);
     uint64_t got = g_received.rateFiles.load();
     std::printf("(c) 10,000 events/s for 5 s: %llu of %d records arrived, %lld lost\n",
-                static_cast<unsigned long long>(got), rateCount, static_cast<long long>(rateCount) - static_cast<long long>(got));
+                static_cast<unsigned long long>(got), rateCount,
+                static_cast<long long>(rateCount) - static_cast<long long>(got));
 
     vrccl_action_free();
     ::kill(collector, SIGTERM);

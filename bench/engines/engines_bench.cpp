@@ -86,9 +86,8 @@ void BM_BaseWorkerPerEvent(benchmark::State& state) {
         state.PauseTiming();
         lib.reset();
         // 0: the event ends quietly; 1: it goes to the origin log.
-        lib.setDefaultVerdict(fake_model::Engine::Base,
-                              outcome == 0 ? fake_model::Verdict{0, 2, 1, "FILTER_PEROID"}
-                                           : fake_model::Verdict{1, 0, 1, "LEARN_PEROID"});
+        lib.setDefaultVerdict(fake_model::Engine::Base, outcome == 0 ? fake_model::Verdict{0, 2, 1, "FILTER_PEROID"}
+                                                                     : fake_model::Verdict{1, 0, 1, "LEARN_PEROID"});
         state.ResumeTiming();
         orv_mutex_lock(&g_baseDataLock);
         for (int i = 0; i < batch; ++i) {

@@ -21,7 +21,8 @@ struct Dir {
 };
 
 std::string envelope(size_t payload) {
-    return "{\"send_time\":\"2024-01-01 00:00:00\",\"host_uuid\":\"4c4c4544-0042\",\"host_ip\":\"10.0.0.1\",\"ip_list\":"
+    return "{\"send_time\":\"2024-01-01 "
+           "00:00:00\",\"host_uuid\":\"4c4c4544-0042\",\"host_ip\":\"10.0.0.1\",\"ip_list\":"
            "\"10.0.0.1\",\"seq_id\":\"1700000000000001\",\"type\":\"alarm\",\"alarm\":{\"data\":\"" +
            std::string(payload, 'a') + "\"}}";
 }
@@ -29,8 +30,8 @@ std::string envelope(size_t payload) {
 // Arg 0: payload bytes; arg 1: sync each line.
 void SpoolAppend(benchmark::State& state) {
     Dir dir;
-    wlspool::SpoolWriter w({dir.path, "reports.jsonl"},
-                           wlspool::SpoolLimits{4u << 20, 64u << 20, state.range(1) != 0}, [] { return uint64_t{0}; });
+    wlspool::SpoolWriter w({dir.path, "reports.jsonl"}, wlspool::SpoolLimits{4u << 20, 64u << 20, state.range(1) != 0},
+                           [] { return uint64_t{0}; });
     std::string error;
     if (!w.open(error)) state.SkipWithError(error.c_str());
     std::string line = envelope(static_cast<size_t>(state.range(0)));

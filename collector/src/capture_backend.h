@@ -22,8 +22,8 @@ public:
 };
 
 struct BackendCounters {
-    uint64_t lostInKernel = 0;  // ring buffer full, or the kernel's queue overflowed
-    uint64_t lostInBackend = 0; // seen but could not be decoded or read
+    uint64_t lostInKernel = 0;   // ring buffer full, or the kernel's queue overflowed
+    uint64_t lostInBackend = 0;  // seen but could not be decoded or read
     // The kernel's losses by kind, where the back-end can tell them apart.
     std::array<uint64_t, kEventKindCount> lostInKernelByKind{};
 };

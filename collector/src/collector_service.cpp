@@ -39,9 +39,7 @@ bool CollectorService::start(std::string& error) {
         m_queue.onEvent(std::move(lookAhead));
     };
     hooks.unwatch = [&backend](int32_t pid) { backend.unwatch(pid); };
-    hooks.status = [this](const std::vector<int32_t>& pids, std::size_t receivers) {
-        return status(pids, receivers);
-    };
+    hooks.status = [this](const std::vector<int32_t>& pids, std::size_t receivers) { return status(pids, receivers); };
     m_server = std::make_unique<SubscriberServer>(m_options.socketPath, backend.name(), hooks);
     if (!backend.start(m_queue, error)) return false;
     if (!m_server->start(error)) {
@@ -88,8 +86,7 @@ std::string CollectorService::status(const std::vector<int32_t>& pids, std::size
             kinds[i].lostSocket = m_server->lost(kind);
         }
     }
-    return statusJson(m_backend->name(), pids, receivers, kinds, m_backend->counters(),
-                      m_backend->unsupportedKinds());
+    return statusJson(m_backend->name(), pids, receivers, kinds, m_backend->counters(), m_backend->unsupportedKinds());
 }
 
 std::string statusJson(const std::string& backend, const std::vector<int32_t>& pids, std::size_t receivers,

@@ -218,7 +218,7 @@ public:
         auto lost = lostPerKind();
         {
             std::unique_lock<std::shared_mutex> lock(mapMutex_);
-            lostAtStop_ = lost;  // counters() still tell after stop()
+            lostAtStop_ = lost;             // counters() still tell after stop()
             collector_bpf__destroy(skel_);  // detaches the programs, frees the maps
             skel_ = nullptr;
         }
@@ -341,18 +341,18 @@ private:
         ev.ppid = h.ppid;
         ev.uid = h.uid;
         switch (h.kind) {
-        case WLC_K_FORK:
-        case WLC_K_EXIT:
-            return true;
-        case WLC_K_PROCESS_CREATION:
-            return size >= sizeof(wlc_proc_event) && decodeProcess(*reinterpret_cast<const wlc_proc_event*>(data), ev);
-        case WLC_K_CONNECTION:
-        case WLC_K_LISTENING:
-            return size >= sizeof(wlc_net_event) && decodeNet(*reinterpret_cast<const wlc_net_event*>(data), ev);
-        case WLC_K_DNS_QUERY:
-            return size >= sizeof(wlc_dns_event) && decodeDns(*reinterpret_cast<const wlc_dns_event*>(data), ev);
-        default:
-            return size >= sizeof(wlc_file_event) && decodeFile(*reinterpret_cast<const wlc_file_event*>(data), ev);
+            case WLC_K_FORK:
+            case WLC_K_EXIT: return true;
+            case WLC_K_PROCESS_CREATION:
+                return size >= sizeof(wlc_proc_event) &&
+                       decodeProcess(*reinterpret_cast<const wlc_proc_event*>(data), ev);
+            case WLC_K_CONNECTION:
+            case WLC_K_LISTENING:
+                return size >= sizeof(wlc_net_event) && decodeNet(*reinterpret_cast<const wlc_net_event*>(data), ev);
+            case WLC_K_DNS_QUERY:
+                return size >= sizeof(wlc_dns_event) && decodeDns(*reinterpret_cast<const wlc_dns_event*>(data), ev);
+            default:
+                return size >= sizeof(wlc_file_event) && decodeFile(*reinterpret_cast<const wlc_file_event*>(data), ev);
         }
     }
 
@@ -404,7 +404,7 @@ private:
         return true;
     }
 
-    std::mutex lifecycle_;               // start() against stop()
+    std::mutex lifecycle_;                // start() against stop()
     mutable std::shared_mutex mapMutex_;  // skel_ (the maps) against their users
     collector_bpf* skel_ = nullptr;
     ring_buffer* rb_ = nullptr;
@@ -420,6 +420,5 @@ private:
 }  // namespace
 
 std::unique_ptr<CaptureBackend> makeEbpfBackend() { return std::make_unique<EbpfBackend>(); }
-
 
 }  // namespace wlc

@@ -32,12 +32,9 @@ std::string octalMode(mode_t mode) {
 
 const char* protocolName(uint8_t protocol) {
     switch (protocol) {
-    case IPPROTO_TCP:
-        return "tcp";
-    case IPPROTO_UDP:
-        return "udp";
-    default:
-        return "";
+        case IPPROTO_TCP: return "tcp";
+        case IPPROTO_UDP: return "udp";
+        default: return "";
     }
 }
 
@@ -111,14 +108,9 @@ void Enricher::fillNet(const HostEvent& event, ActionRecord& record) {
 
 std::optional<ActionRecord> Enricher::enrich(const HostEvent& event) {
     switch (event.kind) {
-    case EventKind::Fork:
-        m_processes.onFork(event.pid, event.ppid);
-        return std::nullopt;
-    case EventKind::Exit:
-        m_processes.onExit(event.pid);
-        return std::nullopt;
-    default:
-        break;
+        case EventKind::Fork: m_processes.onFork(event.pid, event.ppid); return std::nullopt;
+        case EventKind::Exit: m_processes.onExit(event.pid); return std::nullopt;
+        default: break;
     }
 
     ActionRecord record;

@@ -14,7 +14,7 @@
 namespace wlc {
 
 struct FileHashes {
-    std::string md5;     // lower-case hex, empty when the file could not be read
+    std::string md5;  // lower-case hex, empty when the file could not be read
     std::string sha256;
 };
 

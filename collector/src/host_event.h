@@ -36,9 +36,9 @@ const char* eventKindName(EventKind kind);
 
 struct HostEvent {
     EventKind kind = EventKind::Exit;
-    uint64_t timeNs = 0;  // CLOCK_REALTIME
-    int32_t pid = 0;      // the acting process (thread group id)
-    int32_t ppid = 0;     // ProcessCreation and Fork: the parent
+    uint64_t timeNs = 0;        // CLOCK_REALTIME
+    int32_t pid = 0;            // the acting process (thread group id)
+    int32_t ppid = 0;           // ProcessCreation and Fork: the parent
     uint32_t uid = UINT32_MAX;  // real uid of the actor; UINT32_MAX: unknown
 
     // Files: the path as the process named it. When it is relative, dirFd

@@ -64,7 +64,8 @@ ProbeReport probeKernel() {
     if (!root) error = "not root";
     // A tp_btf program needs a BTF target to load at all, so the real program
     // is the probe of it.
-    report.items.push_back(check("tp_btf programs", ebpfRuns || libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_TRACING, nullptr) == 1));
+    report.items.push_back(
+        check("tp_btf programs", ebpfRuns || libbpf_probe_bpf_prog_type(BPF_PROG_TYPE_TRACING, nullptr) == 1));
     report.items.push_back(check("eBPF program loads and attaches", ebpfRuns, error));
     report.items.push_back(procConnector());
     report.items.push_back(fanotify());

@@ -124,8 +124,9 @@ void startSignalWatcher() {
 
 int runLive(const Options& o) {
     if (::geteuid() != 0) {
-        wlc::logLine("must run as root to watch processes (eBPF, netlink and fanotify need it); "
-                     "the agent goes on without host events");
+        wlc::logLine(
+            "must run as root to watch processes (eBPF, netlink and fanotify need it); "
+            "the agent goes on without host events");
         return kExitCannotRunHere;
     }
     wlc::ServiceOptions service{o.socketPath, o.recordPath};

@@ -97,40 +97,38 @@ std::string recordToJson(const ActionRecord& r) {
     w.Uint64(r.time);
     writeProcess(w, "process", r.process);
     switch (shapeOf(r.kind)) {
-    case RecordShape::Process:
-        writeProcess(w, "parent", r.parent);
-        break;
-    case RecordShape::File:
-        w.Key("file");
-        w.StartObject();
-        field(w, "path", r.file.path);
-        field(w, "old_path", r.file.oldPath);
-        field(w, "owner", r.file.owner);
-        field(w, "group", r.file.group);
-        field(w, "permissions", r.file.permissions);
-        w.EndObject();
-        break;
-    case RecordShape::Net:
-        if (r.kind == EventKind::DnsQuery) {
-            w.Key("dns");
+        case RecordShape::Process: writeProcess(w, "parent", r.parent); break;
+        case RecordShape::File:
+            w.Key("file");
             w.StartObject();
-            field(w, "name", r.dns.name);
-            w.Key("status");
-            w.Uint(r.dns.status);
-            field(w, "result", r.dns.result);
-        } else {
-            w.Key("net");
-            w.StartObject();
-            field(w, "protocol", r.net.protocol);
-            field(w, "src_ip", r.net.srcIp);
-            w.Key("src_port");
-            w.Uint(r.net.srcPort);
-            field(w, "dst_ip", r.net.dstIp);
-            w.Key("dst_port");
-            w.Uint(r.net.dstPort);
-        }
-        w.EndObject();
-        break;
+            field(w, "path", r.file.path);
+            field(w, "old_path", r.file.oldPath);
+            field(w, "owner", r.file.owner);
+            field(w, "group", r.file.group);
+            field(w, "permissions", r.file.permissions);
+            w.EndObject();
+            break;
+        case RecordShape::Net:
+            if (r.kind == EventKind::DnsQuery) {
+                w.Key("dns");
+                w.StartObject();
+                field(w, "name", r.dns.name);
+                w.Key("status");
+                w.Uint(r.dns.status);
+                field(w, "result", r.dns.result);
+            } else {
+                w.Key("net");
+                w.StartObject();
+                field(w, "protocol", r.net.protocol);
+                field(w, "src_ip", r.net.srcIp);
+                w.Key("src_port");
+                w.Uint(r.net.srcPort);
+                field(w, "dst_ip", r.net.dstIp);
+                w.Key("dst_port");
+                w.Uint(r.net.dstPort);
+            }
+            w.EndObject();
+            break;
     }
     w.EndObject();
     return std::string(buffer.GetString(), buffer.GetSize());
@@ -166,24 +164,23 @@ bool recordFromJson(const std::string& line, ActionRecord& r, std::string& error
     }
     if (!read.number(doc, "time", r.time, 0, INT64_MAX) || !read.process(doc, "process", r.process)) return false;
     switch (shapeOf(r.kind)) {
-    case RecordShape::Process:
-        return read.process(doc, "parent", r.parent);
-    case RecordShape::File: {
-        const rapidjson::Value* f = read.object(doc, "file");
-        return f && read.text(*f, "path", r.file.path) && read.text(*f, "old_path", r.file.oldPath) &&
-               read.text(*f, "owner", r.file.owner) && read.text(*f, "group", r.file.group) &&
-               read.text(*f, "permissions", r.file.permissions);
-    }
-    case RecordShape::Net:
-        if (r.kind == EventKind::DnsQuery) {
-            const rapidjson::Value* d = read.object(doc, "dns");
-            return d && read.text(*d, "name", r.dns.name) && read.number(*d, "status", r.dns.status, 0, UINT32_MAX) &&
-                   read.text(*d, "result", r.dns.result);
+        case RecordShape::Process: return read.process(doc, "parent", r.parent);
+        case RecordShape::File: {
+            const rapidjson::Value* f = read.object(doc, "file");
+            return f && read.text(*f, "path", r.file.path) && read.text(*f, "old_path", r.file.oldPath) &&
+                   read.text(*f, "owner", r.file.owner) && read.text(*f, "group", r.file.group) &&
+                   read.text(*f, "permissions", r.file.permissions);
         }
-        const rapidjson::Value* n = read.object(doc, "net");
-        return n && read.text(*n, "protocol", r.net.protocol) && read.text(*n, "src_ip", r.net.srcIp) &&
-               read.number(*n, "src_port", r.net.srcPort, 0, 65535) && read.text(*n, "dst_ip", r.net.dstIp) &&
-               read.number(*n, "dst_port", r.net.dstPort, 0, 65535);
+        case RecordShape::Net:
+            if (r.kind == EventKind::DnsQuery) {
+                const rapidjson::Value* d = read.object(doc, "dns");
+                return d && read.text(*d, "name", r.dns.name) &&
+                       read.number(*d, "status", r.dns.status, 0, UINT32_MAX) && read.text(*d, "result", r.dns.result);
+            }
+            const rapidjson::Value* n = read.object(doc, "net");
+            return n && read.text(*n, "protocol", r.net.protocol) && read.text(*n, "src_ip", r.net.srcIp) &&
+                   read.number(*n, "src_port", r.net.srcPort, 0, 65535) && read.text(*n, "dst_ip", r.net.dstIp) &&
+                   read.number(*n, "dst_port", r.net.dstPort, 0, 65535);
     }
     return true;
 }

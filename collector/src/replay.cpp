@@ -80,7 +80,8 @@ int runReplay(const ReplayOptions& options, const std::atomic<bool>& stop) {
     Clock::time_point begin = Clock::now();
     for (std::size_t i = 0; i < records.size() && !stop; ++i) {
         if (options.rate > 0) {
-            auto due = begin + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(i / options.rate));
+            auto due =
+                begin + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(i / options.rate));
             std::this_thread::sleep_until(due);
         }
         if (!waitFor(stop, [&] { return server.largestQueue() < highWater; })) break;

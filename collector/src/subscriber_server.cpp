@@ -255,26 +255,24 @@ bool SubscriberServer::readFrom(Connection& c) {
 
 bool SubscriberServer::handleFrame(Connection& c, uint16_t kind, const uint8_t* body, uint32_t length) {
     switch (kind) {
-    case VRCCL_SUBSCRIBE: {
-        if (length != sizeof(vrccl_subscribe)) return false;
-        vrccl_subscribe request;
-        std::memcpy(&request, body, sizeof request);
-        subscribe(c, request.action, request.pid);
-        return true;
-    }
-    case VRCCL_STATUS_REQ: {
-        std::vector<int32_t> pids;
-        std::size_t receivers = 0;
-        for (const auto& entry : m_pidUsers) pids.push_back(entry.first);
-        for (const auto& other : m_connections) receivers += other->receiver ? 1 : 0;
-        std::string text = m_hooks.status ? m_hooks.status(pids, receivers) : "{}";
-        if (text.size() > VRCCL_MAX_BODY) text = "{}";
-        queueFrame(c, VRCCL_STATUS, text.data(), text.size());
-        return true;
-    }
-    default:
-        logLine("closed a connection that sent frame kind %u", kind);
-        return false;
+        case VRCCL_SUBSCRIBE: {
+            if (length != sizeof(vrccl_subscribe)) return false;
+            vrccl_subscribe request;
+            std::memcpy(&request, body, sizeof request);
+            subscribe(c, request.action, request.pid);
+            return true;
+        }
+        case VRCCL_STATUS_REQ: {
+            std::vector<int32_t> pids;
+            std::size_t receivers = 0;
+            for (const auto& entry : m_pidUsers) pids.push_back(entry.first);
+            for (const auto& other : m_connections) receivers += other->receiver ? 1 : 0;
+            std::string text = m_hooks.status ? m_hooks.status(pids, receivers) : "{}";
+            if (text.size() > VRCCL_MAX_BODY) text = "{}";
+            queueFrame(c, VRCCL_STATUS, text.data(), text.size());
+            return true;
+        }
+        default: logLine("closed a connection that sent frame kind %u", kind); return false;
     }
 }
 

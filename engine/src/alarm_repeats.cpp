@@ -35,8 +35,7 @@ std::string summaryText(const std::string& alarm, unsigned long long count, unsi
 
 void AlarmRepeats::close(Window& window) {
     if (window.count > 0) {
-        m_due.push_back(Summary{window.model, window.count,
-                                summaryText(window.latest, window.count, m_windowSeconds)});
+        m_due.push_back(Summary{window.model, window.count, summaryText(window.latest, window.count, m_windowSeconds)});
     }
 }
 

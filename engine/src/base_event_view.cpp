@@ -20,9 +20,7 @@ enum {
     kListening = 17,
 };
 
-bool isFileEvent(unsigned type) {
-    return type >= kFileFirst && type <= kFileLast;
-}
+bool isFileEvent(unsigned type) { return type >= kFileFirst && type <= kFileLast; }
 
 // A literal IPv6 address is kept in brackets in alarms, so that the feedback
 // conversion, which cuts a port after the last colon, gives it back whole.
@@ -82,26 +80,22 @@ void putHead(JsonWriter& writer, const _BASE_EVENTINFO& event) {
 
 const char* baseEventName(unsigned eventType) {
     switch (eventType) {
-    case kProcessCreation: return "PROCESS_CREATION";
-    case 6: return "FILE_CREATION";
-    case 7: return "FILE_MODIFICATION";
-    case 8: return "FILE_DELETION";
-    case 9: return "FILE_RENAMING";
-    case 10: return "FILE_TIME_MODIFICATION";
-    case kConnection: return "NETWORK_CONNECTION";
-    case kDnsQuery: return "DNS_QUERY";
-    case kListening: return "HOST_PORT_LISTENING";
-    default: return nullptr;
+        case kProcessCreation: return "PROCESS_CREATION";
+        case 6: return "FILE_CREATION";
+        case 7: return "FILE_MODIFICATION";
+        case 8: return "FILE_DELETION";
+        case 9: return "FILE_RENAMING";
+        case 10: return "FILE_TIME_MODIFICATION";
+        case kConnection: return "NETWORK_CONNECTION";
+        case kDnsQuery: return "DNS_QUERY";
+        case kListening: return "HOST_PORT_LISTENING";
+        default: return nullptr;
     }
 }
 
-unsigned long long actingProcessId(const _BASE_EVENTINFO& event) {
-    return event.process_info.process_id;
-}
+unsigned long long actingProcessId(const _BASE_EVENTINFO& event) { return event.process_info.process_id; }
 
-std::string actingProcessPath(const _BASE_EVENTINFO& event) {
-    return narrowText(event.process_info.process_path);
-}
+std::string actingProcessPath(const _BASE_EVENTINFO& event) { return narrowText(event.process_info.process_path); }
 
 std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory) {
     const auto& detail = event.detail;
@@ -140,23 +134,22 @@ std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory) {
         return feature;
     }
     switch (type) {
-    case kConnection: {
-        // By the name the application looked up, which outlives its addresses;
-        // the source port is the system's choice and no part of the behaviour.
-        std::string address = bareHost(narrowText(detail.connect.dst_ip));
-        const std::string* name = memory.addressNames.nameOf(address);
-        return "connect:" + (name != nullptr ? *name : address) + "|" + std::to_string(detail.connect.dst_port) +
-               "|" + narrowText(detail.connect.protocol);
-    }
-    case kDnsQuery: {
-        std::string name = narrowText(detail.dns.query_name);
-        memory.addressNames.rememberAnswer(name, narrowText(detail.dns.query_result));
-        return "dns:" + name;
-    }
-    case kListening:
-        return "listen:" + std::to_string(detail.listen.port) + "|" + narrowText(detail.listen.protocol);
-    default:
-        return std::string();
+        case kConnection: {
+            // By the name the application looked up, which outlives its addresses;
+            // the source port is the system's choice and no part of the behaviour.
+            std::string address = bareHost(narrowText(detail.connect.dst_ip));
+            const std::string* name = memory.addressNames.nameOf(address);
+            return "connect:" + (name != nullptr ? *name : address) + "|" + std::to_string(detail.connect.dst_port) +
+                   "|" + narrowText(detail.connect.protocol);
+        }
+        case kDnsQuery: {
+            std::string name = narrowText(detail.dns.query_name);
+            memory.addressNames.rememberAnswer(name, narrowText(detail.dns.query_result));
+            return "dns:" + name;
+        }
+        case kListening:
+            return "listen:" + std::to_string(detail.listen.port) + "|" + narrowText(detail.listen.protocol);
+        default: return std::string();
     }
 }
 

@@ -51,13 +51,13 @@ struct BehaviourModel {
     unsigned long long learnedSeconds = 0;
     bool switchOn = true;
     bool running = true;
-    std::set<std::string> processPaths;  // the application's executables
-    std::set<unsigned long long> pids;   // processes whose events are the model's
+    std::set<std::string> processPaths;        // the application's executables
+    std::set<unsigned long long> pids;         // processes whose events are the model's
     std::unordered_set<std::string> features;  // "kind:subject", subjects normalised
     ModelMemory memory;
     LearningProgress progress;
-    unsigned long long droppedFeatures = 0;    // not learned: the model was full
-    bool changed = true;                       // data differs from what was last published
+    unsigned long long droppedFeatures = 0;  // not learned: the model was full
+    bool changed = true;                     // data differs from what was last published
 
     bool learning(unsigned unitSeconds) const {
         return learnedSeconds < static_cast<unsigned long long>(learnTime) * unitSeconds;

@@ -5,10 +5,9 @@
 
 #if defined(WL_ENGINE_HAS_LOG)
 #include "orv_log.h"
-#define ENGINE_LOG(level, ...)                                    \
-    do {                                                          \
-        if (error_output_check(level))                            \
-            error_output(level, "baseeng", __LINE__, __VA_ARGS__); \
+#define ENGINE_LOG(level, ...)                                                                \
+    do {                                                                                      \
+        if (error_output_check(level)) error_output(level, "baseeng", __LINE__, __VA_ARGS__); \
     } while (0)
 #else
 inline void engine_log_discard(int, const char*, ...) __attribute__((format(printf, 2, 3)));

@@ -20,8 +20,7 @@ std::string trimmed(const std::string& text) {
 }
 
 // Whole decimal number within [low, high], or false.
-bool parseBounded(const std::string& text, unsigned long long low, unsigned long long high,
-                  unsigned long long& value) {
+bool parseBounded(const std::string& text, unsigned long long low, unsigned long long high, unsigned long long& value) {
     if (text.empty() || text[0] == '-' || text[0] == '+') {
         return false;
     }

@@ -5,10 +5,6 @@
 #include "base_model_engine.h"
 #include "rasp_model_engine.h"
 
-BaseInterface* BaseFactory::getBaseInterface() {
-    return std::make_unique<baseeng::BaseModelEngine>().release();
-}
+BaseInterface* BaseFactory::getBaseInterface() { return std::make_unique<baseeng::BaseModelEngine>().release(); }
 
-RaspInterface* RaspFactory::getRaspInterface() {
-    return std::make_unique<baseeng::RaspModelEngine>().release();
-}
+RaspInterface* RaspFactory::getRaspInterface() { return std::make_unique<baseeng::RaspModelEngine>().release(); }

@@ -16,18 +16,13 @@ void collectPids(const path_pid_map& map, std::set<unsigned long long>& pids) {
 // Applies switchValue 0 (off), 1 (on) or 2 (application not running).
 bool applySwitch(BehaviourModel& model, unsigned short switchValue) {
     switch (switchValue) {
-    case USR_SWITCH_OFF:
-        model.switchOn = false;
-        break;
-    case USR_SWITCH_ON:
-        model.switchOn = true;
-        break;
-    case USR_SWITCH_NOT_RUNNING:
-        model.running = false;
-        model.pids.clear();
-        break;
-    default:
-        return false;
+        case USR_SWITCH_OFF: model.switchOn = false; break;
+        case USR_SWITCH_ON: model.switchOn = true; break;
+        case USR_SWITCH_NOT_RUNNING:
+            model.running = false;
+            model.pids.clear();
+            break;
+        default: return false;
     }
     model.changed = true;
     return true;
@@ -98,22 +93,19 @@ int ModelBook::interact(const _USR_INPUT& input) {
     }
     BehaviourModel& model = found->second;
     switch (input.oprType) {
-    case USR_OPR_RELEARN:
-        clearFeatures(model);
-        model.learnedSeconds = 0;
-        model.learnTime = input.learnTime;
-        model.changed = true;
-        return BOOK_OK;
-    case USR_OPR_QUERY:
-        return BOOK_OK;
-    case USR_OPR_STUDY_TIME:
-        model.learnTime = input.learnTime;
-        model.changed = true;
-        return BOOK_OK;
-    case USR_OPR_SWITCH:
-        return applySwitch(model, input.switchValue) ? BOOK_OK : BOOK_FAILED;
-    default:
-        return BOOK_FAILED;
+        case USR_OPR_RELEARN:
+            clearFeatures(model);
+            model.learnedSeconds = 0;
+            model.learnTime = input.learnTime;
+            model.changed = true;
+            return BOOK_OK;
+        case USR_OPR_QUERY: return BOOK_OK;
+        case USR_OPR_STUDY_TIME:
+            model.learnTime = input.learnTime;
+            model.changed = true;
+            return BOOK_OK;
+        case USR_OPR_SWITCH: return applySwitch(model, input.switchValue) ? BOOK_OK : BOOK_FAILED;
+        default: return BOOK_FAILED;
     }
 }
 

@@ -22,10 +22,10 @@ namespace baseeng {
 struct Sighting {
     bool matched = false;  // some model owns the acting process
     std::string modelName;
-    bool active = false;    // switched on and its application running
+    bool active = false;  // switched on and its application running
     bool learning = false;
-    bool known = false;     // the feature is in the model (possibly just learned)
-    std::string feature;    // as the model sees it
+    bool known = false;   // the feature is in the model (possibly just learned)
+    std::string feature;  // as the model sees it
 };
 
 // The feature of an event in the terms of the model that sees it; it may

@@ -86,7 +86,8 @@ Words splitWords(const char* line, std::size_t size, bool script) {
                 if (c == '\'') {
                     quoted = true;
                     const void* close = std::memchr(line + i, '\'', size - i);
-                    std::size_t end = close != nullptr ? static_cast<std::size_t>(static_cast<const char*>(close) - line) : size;
+                    std::size_t end =
+                        close != nullptr ? static_cast<std::size_t>(static_cast<const char*>(close) - line) : size;
                     words.letters.append(line + i, end - i);
                     i = end + (end < size);
                 } else if (c == '"') {
@@ -164,7 +165,8 @@ void appendValue(std::string& out, const char* value, std::size_t size, const Le
     }
     std::size_t dot = out.rfind('.');
     char extension[10];
-    std::size_t extensionSize = dot != std::string::npos && dot > slash && out.size() - dot <= 10 ? out.size() - dot : 0;
+    std::size_t extensionSize =
+        dot != std::string::npos && dot > slash && out.size() - dot <= 10 ? out.size() - dot : 0;
     std::memcpy(extension, out.data() + out.size() - extensionSize, extensionSize);
     out.resize(slash + 1);
     out += '*';
@@ -192,8 +194,8 @@ void appendScript(std::string& out, const char* script, std::size_t size, const 
 
 // Appends the arguments of one command from words.list[i], up to a control
 // word when in a script; returns the index after them.
-std::size_t appendArguments(std::string& out, bool shell, const Words& words, std::size_t i,
-                            const Learned& learned, int depth) {
+std::size_t appendArguments(std::string& out, bool shell, const Words& words, std::size_t i, const Learned& learned,
+                            int depth) {
     std::size_t previousStart = std::string::npos;
     std::size_t previousSize = 0;
     while (i < words.list.size() && !words.list[i].control) {
@@ -270,9 +272,8 @@ void appendScript(std::string& out, const char* script, std::size_t size, const 
 
 }  // namespace
 
-void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize,
-                             const char* line, std::size_t lineSize, const DirectorySet* directories,
-                             FeatureMemo* memo) {
+void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize, const char* line,
+                             std::size_t lineSize, const DirectorySet* directories, FeatureMemo* memo) {
     const Learned learned{directories, memo};
     Words words = splitWords(line, lineSize, false);
     if (executableSize == 0 && !words.list.empty()) {
@@ -287,8 +288,7 @@ void appendNormalisedCommand(std::string& out, const char* executable, std::size
 std::string normaliseCommand(const std::string& executable, const std::string& commandLine,
                              const DirectorySet* learned) {
     std::string out;
-    appendNormalisedCommand(out, executable.data(), executable.size(), commandLine.data(), commandLine.size(),
-                            learned);
+    appendNormalisedCommand(out, executable.data(), executable.size(), commandLine.data(), commandLine.size(), learned);
     return out;
 }
 

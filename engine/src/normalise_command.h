@@ -18,9 +18,8 @@ using DirectorySet = std::unordered_set<std::string>;
 // executable: the program run, exact; when empty, the first word of the
 // command line. The first word of the command line is its name as invoked
 // and is otherwise skipped. learned and memo (folded directories) may be null.
-void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize,
-                             const char* line, std::size_t lineSize, const DirectorySet* learned,
-                             FeatureMemo* memo = nullptr);
+void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize, const char* line,
+                             std::size_t lineSize, const DirectorySet* learned, FeatureMemo* memo = nullptr);
 std::string normaliseCommand(const std::string& executable, const std::string& commandLine,
                              const DirectorySet* learned);
 

@@ -89,29 +89,30 @@ enum class Role { Plain, ExpectsValue, Is, Not, Literal };
 // (after which NULL and the truth values are syntax), and those literals.
 Role roleOf(const char* w, std::size_t size) {
     switch (size) {
-    case 2:
-        if (is(w, "is")) return Role::Is;
-        return is(w, "or") || is(w, "by") || is(w, "in") || is(w, "on") ? Role::ExpectsValue : Role::Plain;
-    case 3:
-        if (is(w, "not")) return Role::Not;
-        return is(w, "and") || is(w, "set") || is(w, "top") || is(w, "any") || is(w, "all") ? Role::ExpectsValue
-                                                                                           : Role::Plain;
-    case 4:
-        if (is(w, "null") || is(w, "true")) return Role::Literal;
-        return is(w, "then") || is(w, "else") || is(w, "when") || is(w, "case") || is(w, "like") ? Role::ExpectsValue
-                                                                                               : Role::Plain;
-    case 5:
-        if (is(w, "false")) return Role::Literal;
-        return is(w, "where") || is(w, "limit") ? Role::ExpectsValue : Role::Plain;
-    case 6:
-        return is(w, "select") || is(w, "values") || is(w, "offset") || is(w, "return") || is(w, "having") ||
-                       is(w, "escape") || is(w, "exists")
-                   ? Role::ExpectsValue
-                   : Role::Plain;
-    case 7: return is(w, "between") ? Role::ExpectsValue : Role::Plain;
-    case 8: return is(w, "interval") ? Role::ExpectsValue : Role::Plain;
-    case 9: return is(w, "returning") ? Role::ExpectsValue : Role::Plain;
-    default: return Role::Plain;
+        case 2:
+            if (is(w, "is")) return Role::Is;
+            return is(w, "or") || is(w, "by") || is(w, "in") || is(w, "on") ? Role::ExpectsValue : Role::Plain;
+        case 3:
+            if (is(w, "not")) return Role::Not;
+            return is(w, "and") || is(w, "set") || is(w, "top") || is(w, "any") || is(w, "all") ? Role::ExpectsValue
+                                                                                                : Role::Plain;
+        case 4:
+            if (is(w, "null") || is(w, "true")) return Role::Literal;
+            return is(w, "then") || is(w, "else") || is(w, "when") || is(w, "case") || is(w, "like")
+                       ? Role::ExpectsValue
+                       : Role::Plain;
+        case 5:
+            if (is(w, "false")) return Role::Literal;
+            return is(w, "where") || is(w, "limit") ? Role::ExpectsValue : Role::Plain;
+        case 6:
+            return is(w, "select") || is(w, "values") || is(w, "offset") || is(w, "return") || is(w, "having") ||
+                           is(w, "escape") || is(w, "exists")
+                       ? Role::ExpectsValue
+                       : Role::Plain;
+        case 7: return is(w, "between") ? Role::ExpectsValue : Role::Plain;
+        case 8: return is(w, "interval") ? Role::ExpectsValue : Role::Plain;
+        case 9: return is(w, "returning") ? Role::ExpectsValue : Role::Plain;
+        default: return Role::Plain;
     }
 }
 
@@ -240,7 +241,8 @@ private:
         std::size_t i = from + 1;
         while (i < m_size) {
             const void* found = std::memchr(m_text + i, quote, m_size - i);
-            std::size_t close = found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - m_text) : m_size;
+            std::size_t close =
+                found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - m_text) : m_size;
             if (backslashes) {
                 const void* escape = std::memchr(m_text + i, '\\', close - i);
                 if (escape != nullptr) {
@@ -262,8 +264,11 @@ private:
     // Oracle's q'[...]' with any delimiter; from is the quote.
     std::size_t alternativeQuoteEnd(std::size_t from) const {
         char delimiter = at(from + 1);
-        char closing = delimiter == '[' ? ']' : delimiter == '{' ? '}' : delimiter == '(' ? ')' :
-                       delimiter == '<' ? '>' : delimiter;
+        char closing = delimiter == '['   ? ']'
+                       : delimiter == '{' ? '}'
+                       : delimiter == '(' ? ')'
+                       : delimiter == '<' ? '>'
+                                          : delimiter;
         for (std::size_t i = from + 2; i + 1 < m_size; ++i) {
             if (m_text[i] == closing && m_text[i + 1] == '\'') {
                 return i + 2;
@@ -438,114 +443,111 @@ private:
             return;
         }
         switch (c) {
-        case '\'':
-            m_at = quotedEnd(m_at, '\'', mysql());
-            emitLiteral();
-            return;
-        case '"':
-            if (mysql()) {
-                m_at = quotedEnd(m_at, '"', true);
+            case '\'':
+                m_at = quotedEnd(m_at, '\'', mysql());
                 emitLiteral();
-            } else {
-                verbatim(quotedEnd(m_at, '"', false));
-            }
-            return;
-        case '`':
-            verbatim(quotedEnd(m_at, '`', false));
-            return;
-        case '[':
-            if (m_dialect == SqlDialect::SqlServer) {
-                std::size_t end = m_at;
-                while (end < m_size && m_text[end] != ']') {
-                    ++end;
+                return;
+            case '"':
+                if (mysql()) {
+                    m_at = quotedEnd(m_at, '"', true);
+                    emitLiteral();
+                } else {
+                    verbatim(quotedEnd(m_at, '"', false));
                 }
-                verbatim(end < m_size ? end + 1 : m_size);
                 return;
-            }
-            break;
-        case '?':
-            ++m_at;
-            emitLiteral();
-            return;
-        case '(':
-            ++m_at;
-            open();
-            return;
-        case ')':
-            ++m_at;
-            close();
-            return;
-        case ',':
-            ++m_at;
-            comma();
-            return;
-        case '.':
-            emit(".", 1, Kind::Dot);
-            ++m_at;
-            return;
-        case ';':
-            emit(";", 1, Kind::Semicolon);
-            ++m_at;
-            return;
-        case '-':
-        case '+':
-            if (signOfNumber()) {
-                m_at = numberEnd(m_at + 1);
+            case '`': verbatim(quotedEnd(m_at, '`', false)); return;
+            case '[':
+                if (m_dialect == SqlDialect::SqlServer) {
+                    std::size_t end = m_at;
+                    while (end < m_size && m_text[end] != ']') {
+                        ++end;
+                    }
+                    verbatim(end < m_size ? end + 1 : m_size);
+                    return;
+                }
+                break;
+            case '?':
+                ++m_at;
                 emitLiteral();
                 return;
-            }
-            break;
-        case '$':
-            if (isDigit(at(m_at + 1))) {
-                m_at = numberEnd(m_at + 1);
-                emitLiteral();
+            case '(':
+                ++m_at;
+                open();
                 return;
-            }
-            if (m_dialect == SqlDialect::Postgres) {
-                if (std::size_t end = dollarQuoteEnd()) {
-                    m_at = end;
+            case ')':
+                ++m_at;
+                close();
+                return;
+            case ',':
+                ++m_at;
+                comma();
+                return;
+            case '.':
+                emit(".", 1, Kind::Dot);
+                ++m_at;
+                return;
+            case ';':
+                emit(";", 1, Kind::Semicolon);
+                ++m_at;
+                return;
+            case '-':
+            case '+':
+                if (signOfNumber()) {
+                    m_at = numberEnd(m_at + 1);
                     emitLiteral();
                     return;
                 }
-            }
-            break;
-        case ':':
-            if (isWordStart(at(m_at + 1)) && (m_at == 0 || m_text[m_at - 1] != ':')) {
-                ++m_at;  // a named parameter
-                while (m_at < m_size && isWordPart(m_text[m_at])) {
+                break;
+            case '$':
+                if (isDigit(at(m_at + 1))) {
+                    m_at = numberEnd(m_at + 1);
+                    emitLiteral();
+                    return;
+                }
+                if (m_dialect == SqlDialect::Postgres) {
+                    if (std::size_t end = dollarQuoteEnd()) {
+                        m_at = end;
+                        emitLiteral();
+                        return;
+                    }
+                }
+                break;
+            case ':':
+                if (isWordStart(at(m_at + 1)) && (m_at == 0 || m_text[m_at - 1] != ':')) {
+                    ++m_at;  // a named parameter
+                    while (m_at < m_size && isWordPart(m_text[m_at])) {
+                        ++m_at;
+                    }
+                    emitLiteral();
+                    return;
+                }
+                break;
+            case '@':
+                if (at(m_at + 1) != '@' && isWordStart(at(m_at + 1)) && m_dialect == SqlDialect::SqlServer) {
                     ++m_at;
+                    while (m_at < m_size && isWordPart(m_text[m_at])) {
+                        ++m_at;
+                    }
+                    emitLiteral();
+                    return;
                 }
-                emitLiteral();
-                return;
-            }
-            break;
-        case '@':
-            if (at(m_at + 1) != '@' && isWordStart(at(m_at + 1)) && m_dialect == SqlDialect::SqlServer) {
-                ++m_at;
-                while (m_at < m_size && isWordPart(m_text[m_at])) {
-                    ++m_at;
+                if (isWordStart(at(m_at + 1)) || at(m_at + 1) == '@') {
+                    std::size_t end = m_at + 1;
+                    while (end < m_size && (isWordPart(m_text[end]) || m_text[end] == '@')) {
+                        ++end;
+                    }
+                    space(Kind::Value);
+                    for (std::size_t i = m_at; i < end; ++i) {
+                        put(lowered(m_text[i]));
+                    }
+                    m_previous = Kind::Value;
+                    m_isContext = false;
+                    spoilGroup();
+                    m_at = end;
+                    return;
                 }
-                emitLiteral();
-                return;
-            }
-            if (isWordStart(at(m_at + 1)) || at(m_at + 1) == '@') {
-                std::size_t end = m_at + 1;
-                while (end < m_size && (isWordPart(m_text[end]) || m_text[end] == '@')) {
-                    ++end;
-                }
-                space(Kind::Value);
-                for (std::size_t i = m_at; i < end; ++i) {
-                    put(lowered(m_text[i]));
-                }
-                m_previous = Kind::Value;
-                m_isContext = false;
-                spoilGroup();
-                m_at = end;
-                return;
-            }
-            break;
-        default:
-            break;
+                break;
+            default: break;
         }
         operatorToken();
     }

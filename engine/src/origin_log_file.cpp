@@ -59,8 +59,7 @@ int startFile(const std::string& path, const std::string& element) {
 
 }  // namespace
 
-int appendOriginLog(const std::string& dir, const std::string& stem, const std::string& element,
-                    std::size_t maxBytes) {
+int appendOriginLog(const std::string& dir, const std::string& stem, const std::string& element, std::size_t maxBytes) {
     std::string path = dir + "/" + stem + ".origin.json";
     struct stat info;
     if (stat(path.c_str(), &info) != 0) {
@@ -87,8 +86,7 @@ int appendOriginLog(const std::string& dir, const std::string& stem, const std::
         file.reset();
         return moveAside(dir, stem, path) ? startFile(path, element) : -1;
     }
-    if (std::fseek(file.get(), -closingLength, SEEK_END) != 0 ||
-        !writeAll(file.get(), "\n,\n" + element + kClosing)) {
+    if (std::fseek(file.get(), -closingLength, SEEK_END) != 0 || !writeAll(file.get(), "\n,\n" + element + kClosing)) {
         return -1;
     }
     return std::fclose(file.release()) == 0 ? 0 : -1;

@@ -12,8 +12,7 @@ namespace baseeng {
 // Appends one array element (JSON text). A file that reached maxBytes, or
 // whose end is not the array's, is moved aside to "<stem>.origin.<n>.json"
 // and a new file begun. 0, or -1 when the directory can't be written.
-int appendOriginLog(const std::string& dir, const std::string& stem, const std::string& element,
-                    std::size_t maxBytes);
+int appendOriginLog(const std::string& dir, const std::string& stem, const std::string& element, std::size_t maxBytes);
 
 }  // namespace baseeng
 

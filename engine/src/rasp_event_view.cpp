@@ -48,9 +48,7 @@ std::string portText(const std::string& text) {
     return number == 0 ? std::string() : std::to_string(number);
 }
 
-const std::string& addressHost(const _RASP_EVENTINFO& event) {
-    return firstFilled(event.hostName, event.dst_ip);
-}
+const std::string& addressHost(const _RASP_EVENTINFO& event) { return firstFilled(event.hostName, event.dst_ip); }
 
 // The host of a destination the probe may give as a URL
 // (scheme://user@host:port/path), an address or a bracketed IPv6 address.
@@ -109,9 +107,7 @@ void putJsonText(JsonWriter& writer, const char* key, const std::string& text) {
 
 }  // namespace
 
-const char* raspActionName(unsigned actionType) {
-    return actionType <= kSqlLast ? kActionNames[actionType] : nullptr;
-}
+const char* raspActionName(unsigned actionType) { return actionType <= kSqlLast ? kActionNames[actionType] : nullptr; }
 
 std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
     unsigned type = event.action_type;
@@ -133,10 +129,10 @@ std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
     } else {
         // Commands and statements: the costly folds, often of the same text.
         bool command = type == kExecute;
-        const std::string& text = command ? firstFilled(event.action_data, event.appCmd)
-                                          : firstFilled(event.sql_text, event.action_data);
-        FeatureMemo::Key memoKey = FeatureMemo::keyOf(
-            text.data(), text.size(), type | (command ? memory.directoriesGeneration() << 8 : 0));
+        const std::string& text =
+            command ? firstFilled(event.action_data, event.appCmd) : firstFilled(event.sql_text, event.action_data);
+        FeatureMemo::Key memoKey =
+            FeatureMemo::keyOf(text.data(), text.size(), type | (command ? memory.directoriesGeneration() << 8 : 0));
         if (const std::string* known = memory.memo.find(memoKey)) {
             return *known;
         }

@@ -10,8 +10,8 @@ enum { kWhite = 1, kBlack = 0 };
 
 int RaspModelEngine::processEvent(_RASP_EVENTINFO& event) {
     // The probe's events carry no executable path: only process ids name a model.
-    Sighting sighting = m_book.observe(event.pid, nullptr,
-                                       [&event](ModelMemory& memory) { return raspFeature(event, memory); });
+    Sighting sighting =
+        m_book.observe(event.pid, nullptr, [&event](ModelMemory& memory) { return raspFeature(event, memory); });
     bool carrier = judge(event, sighting);
     if (m_book.offerSummary(&event, carrier)) {
         event.match_verdict = kBlack;
@@ -55,13 +55,11 @@ std::string RaspModelEngine::getBlackLog(_RASP_EVENTINFO& event, int) {
 }
 
 int RaspModelEngine::saveOriginLog(_RASP_EVENTINFO& event, const char* logDir) {
-    return m_originLog.append(logDir, event.model_name, raspOriginElement(event),
-                              m_book.settings().originLogMaxBytes);
+    return m_originLog.append(logDir, event.model_name, raspOriginElement(event), m_book.settings().originLogMaxBytes);
 }
 
 int RaspModelEngine::feedbackAlarm(_RASP_EVENTINFO& event) {
-    return m_book.feedback(event.model_name,
-                           [&event](ModelMemory& memory) { return raspFeature(event, memory); });
+    return m_book.feedback(event.model_name, [&event](ModelMemory& memory) { return raspFeature(event, memory); });
 }
 
 }  // namespace baseeng

@@ -275,8 +275,8 @@ bool isTemporaryDirectory(const char* text, std::size_t size) {
     if (size == 3) {
         return std::memcmp(text, "tmp", 3) == 0 || std::memcmp(text, "shm", 3) == 0;
     }
-    return size == 4 && (lowered(text[0]) == 't' && lowered(text[1]) == 'e' && lowered(text[2]) == 'm' &&
-                         lowered(text[3]) == 'p');
+    return size == 4 &&
+           (lowered(text[0]) == 't' && lowered(text[1]) == 'e' && lowered(text[2]) == 'm' && lowered(text[3]) == 'p');
 }
 
 void appendFoldedSegment(std::string& out, const char* text, std::size_t size, bool temporaryPlace) {

@@ -15,8 +15,7 @@ using fuzz_module::g_counts;
 
 extern "C" {
 
-int kem_ipc_make_request(kem_ipc_t, kem_addr_t, unsigned int, const void*, unsigned int, kem_ipc_reply_fn, void*,
-                         int) {
+int kem_ipc_make_request(kem_ipc_t, kem_addr_t, unsigned int, const void*, unsigned int, kem_ipc_reply_fn, void*, int) {
     ++g_counts.requests;
     return 0;
 }
@@ -32,5 +31,4 @@ int whitelist_engine_switch(void) {
     ++g_counts.engine_switches;
     return 0;
 }
-
 }

@@ -4,9 +4,9 @@
 
 #include <cstdlib>
 
-#define FUZZ_CHECK(condition)             \
-    do {                                  \
-        if (!(condition)) std::abort();   \
+#define FUZZ_CHECK(condition)           \
+    do {                                \
+        if (!(condition)) std::abort(); \
     } while (0)
 
 #endif

@@ -90,11 +90,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bool dropped = false;
     {
         vrccl::ConnectionSettings settings;
-        auto connection = vrccl::CollectorConnection::open(collector().path, settings, counters, [&](const std::string&) {
-            std::lock_guard<std::mutex> guard(lock);
-            dropped = true;
-            ended.notify_all();
-        });
+        auto connection =
+            vrccl::CollectorConnection::open(collector().path, settings, counters, [&](const std::string&) {
+                std::lock_guard<std::mutex> guard(lock);
+                dropped = true;
+                ended.notify_all();
+            });
         FUZZ_CHECK(connection != nullptr);
         // The stream always ends, so the connection must notice by itself.
         std::unique_lock<std::mutex> guard(lock);

@@ -10,8 +10,8 @@
 inline void silenceLogs() { error_output_set_level(0); }
 
 // A broken invariant is a finding.
-#define FUZZ_CHECK(condition) \
-    do {                      \
+#define FUZZ_CHECK(condition)           \
+    do {                                \
         if (!(condition)) std::abort(); \
     } while (0)
 

@@ -56,9 +56,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto event = std::make_unique<_BASE_EVENTINFO>();
     bool converted = false;
     switch (kind) {
-        case 0: converted = transformer.TransformProcessMsg(*reinterpret_cast<const process_event_info*>(native.data()), *event); break;
-        case 1: converted = transformer.TransformFileMsg(*reinterpret_cast<const file_event_info*>(native.data()), *event); break;
-        default: converted = transformer.TransformNetEvent(*reinterpret_cast<const net_event_info*>(native.data()), *event); break;
+        case 0:
+            converted =
+                transformer.TransformProcessMsg(*reinterpret_cast<const process_event_info*>(native.data()), *event);
+            break;
+        case 1:
+            converted = transformer.TransformFileMsg(*reinterpret_cast<const file_event_info*>(native.data()), *event);
+            break;
+        default:
+            converted = transformer.TransformNetEvent(*reinterpret_cast<const net_event_info*>(native.data()), *event);
+            break;
     }
     if (nameChoice < names.size()) FUZZ_CHECK(converted);
     if (!converted) FUZZ_CHECK(isZero(*event));

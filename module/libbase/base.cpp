@@ -95,7 +95,8 @@ unsigned int BaseEngine::BaseInit() {
         return WL_ENGINE_INIT_FAILED;
     }
 
-    if (!engine_prepare_library(WL_LOG_SOURCE, m_baseEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath, m_logSavePath)) {
+    if (!engine_prepare_library(WL_LOG_SOURCE, m_baseEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath,
+                                m_logSavePath)) {
         BaseUninit();
         return WL_ENGINE_INIT_FAILED;
     }

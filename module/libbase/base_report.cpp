@@ -19,7 +19,8 @@ bool period_is(const _BASE_EVENTINFO& event, const wchar_t* period) {
 }  // namespace
 
 int BaseEngine::parseInput(_USR_INPUT* input) {
-    return engine_parse_input(WL_LOG_SOURCE, m_baseEngine, &m_engineLock, input, WL_REPORT_MODEL, WL_REPORT_LEARN_STATUS);
+    return engine_parse_input(WL_LOG_SOURCE, m_baseEngine, &m_engineLock, input, WL_REPORT_MODEL,
+                              WL_REPORT_LEARN_STATUS);
 }
 
 bool BaseEngine::isNeedSendReport(_BASE_EVENTINFO& event) {

@@ -168,8 +168,8 @@ void engine_time_count(const char* source, Library* library, orv_mutex_t* engine
 // into the record and changes nothing in the library. The library pointer is
 // read under the lock: a stop clears it while holding that lock.
 template <class Library>
-int engine_parse_input(const char* source, Library* const& library, orv_mutex_t* engineLock, _USR_INPUT* input, int modelReport,
-                       int statusReport) {
+int engine_parse_input(const char* source, Library* const& library, orv_mutex_t* engineLock, _USR_INPUT* input,
+                       int modelReport, int statusReport) {
     if (input == nullptr) {
         return 0;
     }
@@ -196,9 +196,9 @@ template bool engine_prepare_library(const char*, BaseInterface*, const char*, c
                                      std::string&);
 template bool engine_prepare_library(const char*, RaspInterface*, const char*, const char*, const char*, std::string&,
                                      std::string&);
-template void engine_time_count(const char*, BaseInterface*, orv_mutex_t*, const std::atomic<bool>&,
-                                const std::string&, int, int);
-template void engine_time_count(const char*, RaspInterface*, orv_mutex_t*, const std::atomic<bool>&,
-                                const std::string&, int, int);
+template void engine_time_count(const char*, BaseInterface*, orv_mutex_t*, const std::atomic<bool>&, const std::string&,
+                                int, int);
+template void engine_time_count(const char*, RaspInterface*, orv_mutex_t*, const std::atomic<bool>&, const std::string&,
+                                int, int);
 template int engine_parse_input(const char*, BaseInterface* const&, orv_mutex_t*, _USR_INPUT*, int, int);
 template int engine_parse_input(const char*, RaspInterface* const&, orv_mutex_t*, _USR_INPUT*, int, int);

@@ -41,9 +41,8 @@ bool engine_prepare_library(const char* source, Library* library, const char* co
 
 // The timing loop of either engine, until running turns false.
 template <class Library>
-void engine_time_count(const char* source, Library* library, orv_mutex_t* engineLock,
-                       const std::atomic<bool>& running, const std::string& modelSavePath, int modelReport,
-                       int statusReport);
+void engine_time_count(const char* source, Library* library, orv_mutex_t* engineLock, const std::atomic<bool>& running,
+                       const std::string& modelSavePath, int modelReport, int statusReport);
 
 // Tells the manager where a model stands after a command; 1 when the library
 // was asked. The pointer is read under engineLock, as a stop clears it there.

@@ -30,14 +30,12 @@ int mb_plugin_version(unsigned int* version);
 inline void mb_set_event_id(_RESPONSE_APP_REQUEST_INFO& native, unsigned int id) {
     native.event_id = static_cast<uint16_t>((native.event_id & ~MB_EVENT_ID_MASK) | (id & MB_EVENT_ID_MASK));
 }
-inline unsigned int mb_event_id(const _RESPONSE_APP_REQUEST_INFO& native) {
-    return native.event_id & MB_EVENT_ID_MASK;
-}
+inline unsigned int mb_event_id(const _RESPONSE_APP_REQUEST_INFO& native) { return native.event_id & MB_EVENT_ID_MASK; }
 
 // Which step of attaching stopped; each plug-in logs it in its own form.
 enum mb_attach_result {
-    MB_ATTACH_DONE,         // attached now, or already
-    MB_ATTACH_LITE,         // no bus library installed: stays unattached
+    MB_ATTACH_DONE,  // attached now, or already
+    MB_ATTACH_LITE,  // no bus library installed: stays unattached
     MB_ATTACH_OPEN_FAILED,
     MB_ATTACH_GET_ADDR_FAILED,
     MB_ATTACH_GET_OBJECT_FAILED,

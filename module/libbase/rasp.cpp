@@ -93,7 +93,8 @@ unsigned int RaspEngine::RaspInit() {
         return WL_ENGINE_INIT_FAILED;
     }
 
-    if (!engine_prepare_library(WL_LOG_SOURCE, m_raspEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath, m_logSavePath)) {
+    if (!engine_prepare_library(WL_LOG_SOURCE, m_raspEngine, kConfigFile, kModelDir, kOriginLogDir, m_modelSavePath,
+                                m_logSavePath)) {
         RaspUninit();
         return WL_ENGINE_INIT_FAILED;
     }

@@ -45,23 +45,12 @@ bool Register::registerInit() {
     int code = 0;
     std::string path;
     switch (mb_attach(this, m_dll, m_frame, code, path)) {
-    case MB_ATTACH_DONE:
-        return true;
-    case MB_ATTACH_LITE:
-        WL_LOG(LOG_LVL_INFO, "lite no tulmb path: %s, not load", path.c_str());
-        return true;
-    case MB_ATTACH_OPEN_FAILED:
-        WL_LOG(LOG_LVL_ERROR, "mb dll open failed!0x%08x", code);
-        return false;
-    case MB_ATTACH_GET_ADDR_FAILED:
-        WL_LOG(LOG_LVL_ERROR, "mb dll_get_addr failed!0x%08x", code);
-        return false;
-    case MB_ATTACH_GET_OBJECT_FAILED:
-        WL_LOG(LOG_LVL_ERROR, "mb get object failed!0x%08x", code);
-        return false;
-    case MB_ATTACH_ADVISE_FAILED:
-        WL_LOG(LOG_LVL_ERROR, "mb advise failed!0x%08x", code);
-        return false;
+        case MB_ATTACH_DONE: return true;
+        case MB_ATTACH_LITE: WL_LOG(LOG_LVL_INFO, "lite no tulmb path: %s, not load", path.c_str()); return true;
+        case MB_ATTACH_OPEN_FAILED: WL_LOG(LOG_LVL_ERROR, "mb dll open failed!0x%08x", code); return false;
+        case MB_ATTACH_GET_ADDR_FAILED: WL_LOG(LOG_LVL_ERROR, "mb dll_get_addr failed!0x%08x", code); return false;
+        case MB_ATTACH_GET_OBJECT_FAILED: WL_LOG(LOG_LVL_ERROR, "mb get object failed!0x%08x", code); return false;
+        case MB_ATTACH_ADVISE_FAILED: WL_LOG(LOG_LVL_ERROR, "mb advise failed!0x%08x", code); return false;
     }
     return false;
 }

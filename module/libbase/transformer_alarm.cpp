@@ -126,8 +126,7 @@ bool Transformer::TransformAlarmEvent(rapidjson::Value* alarm, _BASE_EVENTINFO& 
             putText(alarm, "protocol", listen.protocol, 4);
             return true;
         }
-        default:
-            return true;
+        default: return true;
     }
 }
 

@@ -105,6 +105,7 @@ void Transformer::TransRaspCommonMsg(rapidjson::Document* doc, _RASP_EVENTINFO& 
     if (jsonHas(request, "body")) getJsonValue(event.body, textOf(request, "body"));
     if (jsonHas(request, "method")) getJsonValue(event.method, textOf(request, "method"));
     if (jsonHas(request, "appCmd")) getJsonValue(event.appCmd, textOf(request, "appCmd"));
-    if (const rapidjson::Value* headers = jsonMember(request, "headers")) getJsonValue(event.headers, jsonToString(*headers));
+    if (const rapidjson::Value* headers = jsonMember(request, "headers"))
+        getJsonValue(event.headers, jsonToString(*headers));
     if (const rapidjson::Value* param = jsonMember(request, "param")) getJsonValue(event.param, jsonToString(*param));
 }

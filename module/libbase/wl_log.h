@@ -7,17 +7,17 @@
 #include "orv_log.h"
 
 // error_output, under the name of the source file (without its extension).
-#define WL_LOG_AS(source, level, ...)                            \
-    do {                                                         \
-        if (error_output_check(level)) {                         \
+#define WL_LOG_AS(source, level, ...)                               \
+    do {                                                            \
+        if (error_output_check(level)) {                            \
             error_output((level), (source), __LINE__, __VA_ARGS__); \
-        }                                                        \
+        }                                                           \
     } while (0)
 
 #define WL_LOG(level, ...) WL_LOG_AS(WL_LOG_SOURCE, level, __VA_ARGS__)
 
 // orv_log_output with the agent's prefix and the "[TUL]" tag.
-#define WL_ORV_LOG_AT(orv_level, word, fmt, ...)                                                       \
+#define WL_ORV_LOG_AT(orv_level, word, fmt, ...)                                                         \
     orv_log_output((orv_level), "[PID:%-5ld]\t[" word "]\t%-10s [%s(%d)] " fmt, (long)getpid(), "[TUL]", \
                    WL_LOG_SOURCE, __LINE__, ##__VA_ARGS__)
 

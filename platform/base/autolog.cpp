@@ -89,9 +89,7 @@ extern "C" int autolog_init(const char* dir, int flags) {
     return 0;
 }
 
-extern "C" void autolog_deinit(void) {
-    kembase::t_binding.reset();
-}
+extern "C" void autolog_deinit(void) { kembase::t_binding.reset(); }
 
 extern "C" void autolog_set_max_size(long bytes) {
     if (bytes > 0) kembase::g_maxSize.store(bytes);

@@ -59,9 +59,7 @@ bool readFrame(const std::string& path, WalkFrame& frame) {
     return true;
 }
 
-DirWalk* from(dirwalk_t walk) {
-    return static_cast<DirWalk*>(walk);
-}
+DirWalk* from(dirwalk_t walk) { return static_cast<DirWalk*>(walk); }
 
 }  // namespace
 
@@ -100,6 +98,4 @@ extern "C" const char* dirwalk_read(dirwalk_t handle, int* is_dir) {
     return nullptr;
 }
 
-extern "C" void dirwalk_destroy(dirwalk_t walk) {
-    std::unique_ptr<DirWalk> owned(from(walk));
-}
+extern "C" void dirwalk_destroy(dirwalk_t walk) { std::unique_ptr<DirWalk> owned(from(walk)); }

@@ -106,9 +106,7 @@ bool readsBackAs(const char* text, bool needsText) {
     return !isBlank(text[0]) && !isBlank(text[length - 1]);
 }
 
-IniDocument* from(ini_handle_t ini) {
-    return static_cast<IniDocument*>(ini);
-}
+IniDocument* from(ini_handle_t ini) { return static_cast<IniDocument*>(ini); }
 
 }  // namespace
 
@@ -155,8 +153,8 @@ extern "C" int ini_file_set(ini_handle_t ini, const char* section, const char* k
     }
     // Each of these would change meaning when the file is read again.
     const std::string cleanSection = section, cleanKey = key;
-    if (cleanSection.find(']') != std::string::npos || cleanKey.find('=') != std::string::npos ||
-        cleanKey[0] == ';' || cleanKey[0] == '#' || cleanKey[0] == '[') {
+    if (cleanSection.find(']') != std::string::npos || cleanKey.find('=') != std::string::npos || cleanKey[0] == ';' ||
+        cleanKey[0] == '#' || cleanKey[0] == '[') {
         errno = EINVAL;
         return -1;
     }
@@ -182,6 +180,4 @@ extern "C" int ini_file_save(ini_handle_t ini, const char* path, int flags) {
     return file_write_atomic(path, text.data(), text.size(), 0640) == 0 ? 0 : -1;
 }
 
-extern "C" void ini_file_free(ini_handle_t ini) {
-    std::unique_ptr<IniDocument> owned(from(ini));
-}
+extern "C" void ini_file_free(ini_handle_t ini) { std::unique_ptr<IniDocument> owned(from(ini)); }

@@ -43,7 +43,8 @@ std::shared_ptr<LogFile> LogFile::open(const std::string& path) {
     return std::make_shared<LogFile>(path, std::move(fd), size);
 }
 
-LogFile::LogFile(std::string path, wl::UniqueFd fd, long size) : m_path(std::move(path)), m_fd(std::move(fd)), m_size(size) {}
+LogFile::LogFile(std::string path, wl::UniqueFd fd, long size)
+    : m_path(std::move(path)), m_fd(std::move(fd)), m_size(size) {}
 
 void LogFile::write(const char* data, size_t len, long maxSize) {
     std::lock_guard<std::mutex> guard(m_lock);

@@ -90,9 +90,7 @@ void deliver(int level, const char* source, const std::string& text, std::string
 
 }  // namespace
 
-extern "C" int error_output_check(int level) {
-    return level <= threshold().load(std::memory_order_relaxed) ? 1 : 0;
-}
+extern "C" int error_output_check(int level) { return level <= threshold().load(std::memory_order_relaxed) ? 1 : 0; }
 
 extern "C" void error_output(int level, const char* source, int line, const char* fmt, ...) {
     level = clampLevel(level);
@@ -124,13 +122,9 @@ extern "C" void orv_log_output(int level, const char* fmt, ...) {
     deliver(mapped, "", text, text);
 }
 
-extern "C" void error_output_set_level(int level) {
-    threshold().store(level < 0 ? 0 : level > 4 ? 4 : level);
-}
+extern "C" void error_output_set_level(int level) { threshold().store(level < 0 ? 0 : level > 4 ? 4 : level); }
 
-extern "C" int error_output_get_level(void) {
-    return threshold().load();
-}
+extern "C" int error_output_get_level(void) { return threshold().load(); }
 
 extern "C" void log_set_sink(log_sink_fn sink, void* user) {
     SinkSlot& slot = sinkSlot();
@@ -140,6 +134,4 @@ extern "C" void log_set_sink(log_sink_fn sink, void* user) {
     slot.present.store(sink != nullptr, std::memory_order_release);
 }
 
-extern "C" void log_set_stderr(int on) {
-    g_toStderr.store(on ? 1 : 0);
-}
+extern "C" void log_set_stderr(int on) { g_toStderr.store(on ? 1 : 0); }

@@ -25,6 +25,4 @@ extern "C" int orv_dll_close(void* handle) {
     return dlclose(handle) == 0 ? 0 : -1;
 }
 
-extern "C" int orv_path_is_exist_u(const char* path) {
-    return path && access(path, F_OK) == 0 ? 1 : 0;
-}
+extern "C" int orv_path_is_exist_u(const char* path) { return path && access(path, F_OK) == 0 ? 1 : 0; }

@@ -17,9 +17,7 @@ struct OrvEvent {
     bool manualReset = true;
 };
 
-OrvEvent* from(orv_event_t event) {
-    return static_cast<OrvEvent*>(event);
-}
+OrvEvent* from(orv_event_t event) { return static_cast<OrvEvent*>(event); }
 
 }  // namespace
 

@@ -42,10 +42,6 @@ extern "C" int orv_thread_start(orv_thread_t* thread, orv_thread_fn fn, void* ar
     return 0;
 }
 
-extern "C" int orv_thread_join(orv_thread_t thread) {
-    return pthread_join(static_cast<pthread_t>(thread), nullptr);
-}
+extern "C" int orv_thread_join(orv_thread_t thread) { return pthread_join(static_cast<pthread_t>(thread), nullptr); }
 
-extern "C" void orv_thread_exit(void* result) {
-    pthread_exit(result);
-}
+extern "C" void orv_thread_exit(void* result) { pthread_exit(result); }

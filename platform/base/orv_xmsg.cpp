@@ -21,9 +21,7 @@ struct XMsg {
     std::vector<std::pair<std::string, std::string>> fields;
 };
 
-XMsg* from(orv_xmsg_t msg) {
-    return static_cast<XMsg*>(msg);
-}
+XMsg* from(orv_xmsg_t msg) { return static_cast<XMsg*>(msg); }
 
 // Size of the packed form, or 0 when it can't be expressed in an int.
 size_t packedSize(const XMsg& msg) {
@@ -175,6 +173,4 @@ extern "C" const void* orv_xmsg_get(orv_xmsg_t handle, const char* key, size_t* 
     return nullptr;
 }
 
-extern "C" void orv_xmsg_release(orv_xmsg_t msg) {
-    std::unique_ptr<XMsg> owned(from(msg));
-}
+extern "C" void orv_xmsg_release(orv_xmsg_t msg) { std::unique_ptr<XMsg> owned(from(msg)); }

@@ -12,7 +12,6 @@
 #include "event_loop.h"
 #include "loop_registry.h"
 
-
 using clev::LoopRegistry;
 
 namespace {

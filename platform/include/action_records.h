@@ -129,7 +129,6 @@ static_assert(offsetof(net_event_info, tail.connect.dst_port) == 9652, "net dst 
 static_assert(offsetof(net_event_info, tail.dns.query_status) == 9680, "dns status");
 static_assert(offsetof(net_event_info, tail.dns.query_result) == 9684, "dns result");
 
-
 // The collector's action types (the bus's sub_type), by record kind.
 enum action_sub_type {
     ACTION_FILE_CREATION = 1026,

@@ -87,16 +87,16 @@ enum _UNADVISE_REASON {
  * object through its virtual destructor. */
 class IUnknown {
 public:
-    virtual int QueryInterface(const _GUID& iid, void** out) = 0;                           /* 1 */
-    virtual int AddRef() { return orv_atomic32_add_and_fetch(&m_refCount, 1); }            /* 2 */
-    virtual int Release() {                                                                /* 3 */
+    virtual int QueryInterface(const _GUID& iid, void** out) = 0;               /* 1 */
+    virtual int AddRef() { return orv_atomic32_add_and_fetch(&m_refCount, 1); } /* 2 */
+    virtual int Release() {                                                     /* 3 */
         int count = orv_atomic32_sub_and_fetch(&m_refCount, 1);
         if (count == 0) {
             delete this;
         }
         return count;
     }
-    virtual ~IUnknown() {}                                                                 /* 4, 5 */
+    virtual ~IUnknown() {} /* 4, 5 */
 
 protected:
     volatile int m_refCount = 0;
@@ -108,17 +108,17 @@ class IEvent : public IUnknown {
 public:
     static const _GUID* IEvent_ID;
 
-    virtual unsigned int GetUniqueID() const = 0;               /* 6: low 10 bits of event_id */
-    virtual bool AsyncDroppable() const = 0;                    /* 7 */
-    virtual _RESPONSE_APP_REQUEST_INFO* GetNativeEvent() = 0;   /* 8 */
+    virtual unsigned int GetUniqueID() const = 0;             /* 6: low 10 bits of event_id */
+    virtual bool AsyncDroppable() const = 0;                  /* 7 */
+    virtual _RESPONSE_APP_REQUEST_INFO* GetNativeEvent() = 0; /* 8 */
 };
 
 /* Not counted: owned by the frame for as long as the plug-in is advised. */
 class IPluginSetting {
 public:
-    virtual int GetPluginID(unsigned char (*id)[16]) const = 0;                              /* 1 */
-    virtual int UnregisterEvents(const event_subscription* table, unsigned int count) = 0;  /* 2 */
-    virtual int RegisterEvents(const event_subscription* table, unsigned int count) = 0;    /* 3 */
+    virtual int GetPluginID(unsigned char (*id)[16]) const = 0;                            /* 1 */
+    virtual int UnregisterEvents(const event_subscription* table, unsigned int count) = 0; /* 2 */
+    virtual int RegisterEvents(const event_subscription* table, unsigned int count) = 0;   /* 3 */
 
 protected:
     ~IPluginSetting() {}
@@ -128,7 +128,7 @@ protected:
  * subscribed to the event's ID; negative on failure. */
 class IDispatch {
 public:
-    virtual int Invoke(IEvent* event) = 0;  /* 1 */
+    virtual int Invoke(IEvent* event) = 0; /* 1 */
 
 protected:
     ~IDispatch() {}
@@ -136,21 +136,21 @@ protected:
 
 class IPlugin : public IUnknown {
 public:
-    virtual int GetUniqueID(unsigned char (*id)[16]) const = 0;                  /* 6 */
-    virtual int GetVersion(unsigned int* version) const = 0;                     /* 7 */
-    virtual int OnAdvised(IPluginSetting* setting, IDispatch* dispatch) = 0;     /* 8 */
-    virtual int OnUnadvised(_UNADVISE_REASON reason) = 0;                        /* 9 */
-    virtual int OnEvent(IEvent* event, _RESPONSE_STATUS* status) = 0;            /* 10 */
+    virtual int GetUniqueID(unsigned char (*id)[16]) const = 0;              /* 6 */
+    virtual int GetVersion(unsigned int* version) const = 0;                 /* 7 */
+    virtual int OnAdvised(IPluginSetting* setting, IDispatch* dispatch) = 0; /* 8 */
+    virtual int OnUnadvised(_UNADVISE_REASON reason) = 0;                    /* 9 */
+    virtual int OnEvent(IEvent* event, _RESPONSE_STATUS* status) = 0;        /* 10 */
 };
 
 class IRtmFrame : public IUnknown {
 public:
     static const _GUID* IRtmFrame_ID;
 
-    virtual int GetVersion(unsigned int* version) const = 0;             /* 6 */
-    virtual unsigned int GetPluginCount() const = 0;                     /* 7 */
-    virtual int Advise(IPlugin* plugin, int flag) = 0;                   /* 8 */
-    virtual int Unadvise(const unsigned char* plugin_id) = 0;            /* 9: the plug-in's 16 bytes */
+    virtual int GetVersion(unsigned int* version) const = 0;  /* 6 */
+    virtual unsigned int GetPluginCount() const = 0;          /* 7 */
+    virtual int Advise(IPlugin* plugin, int flag) = 0;        /* 8 */
+    virtual int Unadvise(const unsigned char* plugin_id) = 0; /* 9: the plug-in's 16 bytes */
 };
 
 }  // namespace MbFrame

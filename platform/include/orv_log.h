@@ -14,8 +14,7 @@ enum { ORV_LOG_ERROR = 0, ORV_LOG_WARN = 1, ORV_LOG_INFO = 2, ORV_LOG_DEBUG = 3 
 
 /* Non-zero when a message of this level (1..4) would be written. */
 int error_output_check(int level);
-void error_output(int level, const char* source, int line, const char* fmt, ...)
-    __attribute__((format(printf, 4, 5)));
+void error_output(int level, const char* source, int line, const char* fmt, ...) __attribute__((format(printf, 4, 5)));
 
 /* The format carries its own prefix, "[PID:%-5ld]\t[LEVEL]\t%-10s [%s(%d)] ",
  * fed by the pid, tag, source and line arguments that follow it. */

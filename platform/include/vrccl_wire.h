@@ -32,7 +32,7 @@ enum vrccl_frame_kind {
 struct vrccl_frame_head {
     uint32_t magic;
     uint16_t kind;
-    uint16_t flags; /* zero */
+    uint16_t flags;  /* zero */
     uint32_t length; /* bytes of body that follow */
 };
 

@@ -8,7 +8,7 @@ namespace {
 // Answers are small and the socket buffer holds them: a peer whose buffer
 // stays full this long has stopped reading.
 constexpr int kSendTimeoutMs = 2000;
-}
+}  // namespace
 
 int Connection::send(std::uint32_t cmd, std::uint32_t request_id, const void* data, std::uint32_t size) {
     std::string frame = encode_frame(cmd, request_id, data, size);

@@ -95,7 +95,9 @@ EndpointLimits EndpointLimits::fromEnvironment() {
     return limits;
 }
 
-std::string endpoint_path(const std::string& name) { return wlsock::resolve_path("@/../var/run/ipc/" + name + ".sock"); }
+std::string endpoint_path(const std::string& name) {
+    return wlsock::resolve_path("@/../var/run/ipc/" + name + ".sock");
+}
 
 std::unique_ptr<Endpoint> Endpoint::create(const std::string& name, int* err) {
     auto endpoint = std::make_unique<Endpoint>();
@@ -165,7 +167,8 @@ void Endpoint::acceptOne() {
     std::uint64_t held_back = 0;
     if (!wlsock::trusted_peer(fd.get(), &peer)) {
         if (m_refusalLog.allow(&held_back)) {
-            IPC_LOG(LOG_LVL_WARN, "ipc endpoint %s: refused pid %d uid %u, not root or the agent's user (%llu more refused unlogged)",
+            IPC_LOG(LOG_LVL_WARN,
+                    "ipc endpoint %s: refused pid %d uid %u, not root or the agent's user (%llu more refused unlogged)",
                     m_path.c_str(), static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
                     static_cast<unsigned long long>(held_back));
         }
@@ -217,7 +220,8 @@ void Endpoint::readFrom(const std::shared_ptr<Connection>& connection) {
     if (m_buffered + static_cast<size_t>(n) > m_limits.buffered_bytes) {
         std::uint64_t held_back = 0;
         if (m_overloadLog.allow(&held_back)) {
-            IPC_LOG(LOG_LVL_WARN, "ipc endpoint %s: %zu bytes of partial messages buffered, connection dropped (%llu more unlogged)",
+            IPC_LOG(LOG_LVL_WARN,
+                    "ipc endpoint %s: %zu bytes of partial messages buffered, connection dropped (%llu more unlogged)",
                     m_path.c_str(), m_buffered, static_cast<unsigned long long>(held_back));
         }
         drop(connection->id());
@@ -252,7 +256,8 @@ void Endpoint::deliver(unsigned long connection, Frame frame) {
         m_backlog->bytes.load() + frame.data.size() > m_limits.backlog_bytes) {
         std::uint64_t held_back = 0;
         if (m_overloadLog.allow(&held_back)) {
-            IPC_LOG(LOG_LVL_WARN, "ipc endpoint %s: %zu messages wait for the owner, command %u dropped (%llu more unlogged)",
+            IPC_LOG(LOG_LVL_WARN,
+                    "ipc endpoint %s: %zu messages wait for the owner, command %u dropped (%llu more unlogged)",
                     m_path.c_str(), m_backlog->messages.load(), frame.cmd, static_cast<unsigned long long>(held_back));
         }
         return;
@@ -284,8 +289,8 @@ int Endpoint::request(const std::string& path, std::uint32_t cmd, const void* da
     auto finished = std::make_shared<std::atomic<bool>>(false);
     int stop = m_stop.get();
     auto work = [path, cmd, payload, reply, timeout_ms, caller, stop, finished]() {
-        ExchangeResult result = exchange(path, cmd, payload.data(), static_cast<std::uint32_t>(payload.size()),
-                                         timeout_ms, stop);
+        ExchangeResult result =
+            exchange(path, cmd, payload.data(), static_cast<std::uint32_t>(payload.size()), timeout_ms, stop);
         if (!result.stopped && reply) {
             auto task = std::make_unique<Reply>(Reply{reply, std::move(result), cmd});
             cl_ev_post_owned(caller, run_reply, discard_reply, task.release());

@@ -39,7 +39,7 @@ struct Backlog {
 
 struct EndpointLimits {
     std::size_t connections;
-    std::size_t per_peer;  // connections of one process
+    std::size_t per_peer;        // connections of one process
     std::size_t buffered_bytes;  // partial frames of all connections together
     std::size_t backlog_messages;
     std::size_t backlog_bytes;

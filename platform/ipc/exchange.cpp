@@ -24,18 +24,13 @@ ExchangeResult failed(int status) {
 ExchangeResult from_io(wlsock::IoResult io) {
     ExchangeResult result;
     switch (io) {
-        case wlsock::IoResult::Timeout:
-            result.status = -ETIMEDOUT;
-            break;
+        case wlsock::IoResult::Timeout: result.status = -ETIMEDOUT; break;
         case wlsock::IoResult::Stopped:
             result.status = -ECANCELED;
             result.stopped = true;
             break;
-        case wlsock::IoResult::Closed:
-            result.status = -ECONNRESET;
-            break;
-        default:
-            result.status = -EIO;
+        case wlsock::IoResult::Closed: result.status = -ECONNRESET; break;
+        default: result.status = -EIO;
     }
     return result;
 }

@@ -8,7 +8,7 @@
 namespace kemipc {
 
 struct ExchangeResult {
-    int status = 0;  // 0 answered; a negative errno value otherwise
+    int status = 0;        // 0 answered; a negative errno value otherwise
     bool stopped = false;  // the stop descriptor fired: nobody wants the answer
     std::uint32_t cmd = 0;
     std::string data;

@@ -12,12 +12,12 @@ namespace orv_rasp {
 constexpr int kMaxLineDepth = 256;
 
 enum class LineShape {
-    Ok,        // an object with exactly one top-level "pid", a non-negative integer
-    NotJson,   // not one JSON value, or not an object
-    TooDeep,   // nested beyond kMaxLineDepth
+    Ok,       // an object with exactly one top-level "pid", a non-negative integer
+    NotJson,  // not one JSON value, or not an object
+    TooDeep,  // nested beyond kMaxLineDepth
     NoPid,
-    BadPid,    // not a non-negative integer (a string, a real, an object...)
-    TwoPids,   // readers disagree on which one counts
+    BadPid,   // not a non-negative integer (a string, a real, an object...)
+    TwoPids,  // readers disagree on which one counts
 };
 
 struct LineClaim {

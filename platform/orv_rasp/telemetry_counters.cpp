@@ -4,11 +4,16 @@ namespace orv_rasp {
 
 std::string TelemetryCounters::toJson() const {
     const std::pair<const char*, const std::atomic<std::uint64_t>*> fields[] = {
-        {"connections", &connections},     {"active", &active},
-        {"refused_peers", &refused_peers}, {"refused_busy", &refused_busy},
-        {"refused_pid", &refused_pid},     {"lines", &lines},
-        {"dropped_lines", &dropped_lines}, {"oversize_lines", &oversize_lines},
-        {"idle_closed", &idle_closed},     {"overflow_closed", &overflow_closed},
+        {"connections", &connections},
+        {"active", &active},
+        {"refused_peers", &refused_peers},
+        {"refused_busy", &refused_busy},
+        {"refused_pid", &refused_pid},
+        {"lines", &lines},
+        {"dropped_lines", &dropped_lines},
+        {"oversize_lines", &oversize_lines},
+        {"idle_closed", &idle_closed},
+        {"overflow_closed", &overflow_closed},
         {"errors", &errors},
     };
     std::string out = "{";

@@ -234,8 +234,10 @@ TelemetryServer::ReadResult TelemetryServer::readFrom(Connection& connection) {
         ++m_counters.overflow_closed;
         std::uint64_t held_back = 0;
         if (m_limitLog.allow(&held_back)) {
-            RASP_LOG(LOG_LVL_WARN, "telemetry: %zu bytes of partial lines buffered, connection of pid %d closed "
-                     "(%llu more unlogged)", m_buffered, static_cast<int>(connection.peer.pid), as_ull(held_back));
+            RASP_LOG(LOG_LVL_WARN,
+                     "telemetry: %zu bytes of partial lines buffered, connection of pid %d closed "
+                     "(%llu more unlogged)",
+                     m_buffered, static_cast<int>(connection.peer.pid), as_ull(held_back));
         }
         return ReadResult::Overflowed;
     }
@@ -276,8 +278,7 @@ void TelemetryServer::close(Connections::iterator it, bool keep_last_line) {
     --m_counters.active;
 }
 
-void TelemetryServer::refuseLine(const Connection& connection, const char* why,
-                                 std::atomic<std::uint64_t>& counter) {
+void TelemetryServer::refuseLine(const Connection& connection, const char* why, std::atomic<std::uint64_t>& counter) {
     ++counter;
     std::uint64_t held_back = 0;
     if (m_lineLog.allow(&held_back)) {

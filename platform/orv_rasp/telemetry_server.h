@@ -29,10 +29,10 @@ class TelemetryServer {
 public:
     struct Limits {
         std::size_t connections;
-        std::size_t per_peer;  // per user; root's processes count one by one
+        std::size_t per_peer;        // per user; root's processes count one by one
         std::size_t buffered_bytes;  // partial lines of all connections together
-        int idle_ms;  // the longest a line may stall half-sent
-        bool any_group_member;  // let in every peer the socket's group admits
+        int idle_ms;                 // the longest a line may stall half-sent
+        bool any_group_member;       // let in every peer the socket's group admits
         static Limits fromEnvironment();
     };
 

@@ -8,7 +8,6 @@
 
 #include "handler_registry.h"
 
-
 #include "dirutils.h"
 
 using taskpush::HandlerRegistry;

@@ -93,7 +93,8 @@ void TaskSocketServer::acceptOne() {
     std::uint64_t held_back = 0;
     if (!wlsock::trusted_peer(client.get(), &peer)) {
         if (m_refusalLog.allow(&held_back)) {
-            TASK_LOG(LOG_LVL_WARN, "task push: refused pid %d uid %u, not root or the agent's user (%llu more unlogged)",
+            TASK_LOG(LOG_LVL_WARN,
+                     "task push: refused pid %d uid %u, not root or the agent's user (%llu more unlogged)",
                      static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
                      static_cast<unsigned long long>(held_back));
         }
@@ -162,14 +163,9 @@ void TaskSocketServer::serveRequest(int fd) {
     std::string name;
     unsigned long length = 0;
     switch (parse_request_line(line, &name, &length)) {
-        case LineResult::Malformed:
-            reply(fd, "ERR malformed request\n");
-            return;
-        case LineResult::TooLarge:
-            reply(fd, "ERR too large\n");
-            return;
-        case LineResult::Ok:
-            break;
+        case LineResult::Malformed: reply(fd, "ERR malformed request\n"); return;
+        case LineResult::TooLarge: reply(fd, "ERR too large\n"); return;
+        case LineResult::Ok: break;
     }
     if (!m_registry.exists(name)) {
         reply(fd, "ERR unknown handler\n");
@@ -178,7 +174,8 @@ void TaskSocketServer::serveRequest(int fd) {
     if (!reserve(m_buffered, length, m_limits.buffered_bytes)) {
         std::uint64_t held_back = 0;
         if (m_overloadLog.allow(&held_back)) {
-            TASK_LOG(LOG_LVL_WARN, "task push: busy, %zu bytes of requests held, one of %lu bytes refused (%llu more unlogged)",
+            TASK_LOG(LOG_LVL_WARN,
+                     "task push: busy, %zu bytes of requests held, one of %lu bytes refused (%llu more unlogged)",
                      m_buffered.load(), length, static_cast<unsigned long long>(held_back));
         }
         reply(fd, "ERR busy\n");

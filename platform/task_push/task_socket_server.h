@@ -38,10 +38,10 @@ private:
 
     struct Limits {
         std::size_t connections;
-        std::size_t per_peer;  // connections of one process
+        std::size_t per_peer;        // connections of one process
         std::size_t buffered_bytes;  // request bodies held, all clients together
-        int idle_ms;  // the longest silence inside a request
-        int request_ms;  // the longest a request may take to arrive
+        int idle_ms;                 // the longest silence inside a request
+        int request_ms;              // the longest a request may take to arrive
         static Limits fromEnvironment();
     };
 

@@ -13,7 +13,7 @@
 #include "text_out.h"
 
 extern "C" __attribute__((visibility("default"))) int DllGetClassObject(const _GUID& clsid, const _GUID& iid,
-                                                                         void** out) {
+                                                                        void** out) {
     if (out == nullptr) {
         return MB_E_POINTER;
     }

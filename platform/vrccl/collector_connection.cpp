@@ -34,10 +34,14 @@ wl::UniqueFd connectWithin(const std::string& path, int timeoutMs, std::string& 
     ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
     if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         int err = errno;
-        if (err == ENOENT) problem = "no collector socket";
-        else if (err == ECONNREFUSED) problem = "nobody listens on the socket";
-        else if (err == EAGAIN || err == EINPROGRESS) problem = "the collector accepts no connection (timed out)";
-        else problem = "connect: " + errnoText(err);
+        if (err == ENOENT)
+            problem = "no collector socket";
+        else if (err == ECONNREFUSED)
+            problem = "nobody listens on the socket";
+        else if (err == EAGAIN || err == EINPROGRESS)
+            problem = "the collector accepts no connection (timed out)";
+        else
+            problem = "connect: " + errnoText(err);
         return wl::UniqueFd();
     }
     return fd;
@@ -75,8 +79,8 @@ std::string readHello(int fd, int timeoutMs, vrccl_hello& hello) {
 }  // namespace
 
 std::unique_ptr<CollectorConnection> CollectorConnection::open(const std::string& path,
-                                                               const ConnectionSettings& settings,
-                                                               Counters& counters, DropHandler onDrop) {
+                                                               const ConnectionSettings& settings, Counters& counters,
+                                                               DropHandler onDrop) {
     std::string problem;
     wl::UniqueFd fd = connectWithin(path, settings.connectMs, problem);
     vrccl_hello hello;
@@ -92,13 +96,14 @@ std::unique_ptr<CollectorConnection> CollectorConnection::open(const std::string
         VRCCL_LOG(LOG_LVL_WARN, "no collector at %s: %s", path.c_str(), problem.c_str());
         return nullptr;
     }
-    auto connection = std::make_unique<CollectorConnection>(Key{}, std::move(fd), settings, counters, std::move(onDrop));
+    auto connection =
+        std::make_unique<CollectorConnection>(Key{}, std::move(fd), settings, counters, std::move(onDrop));
     if (!connection->m_stop.valid()) {
         VRCCL_LOG(LOG_LVL_ERROR, "no eventfd for the collector connection: %s", std::strerror(errno));
         return nullptr;
     }
-    VRCCL_LOG(LOG_LVL_INFO, "connected to the collector at %s (pid %u, back-end %s)", path.c_str(),
-              hello.collector_pid, hello.backend);
+    VRCCL_LOG(LOG_LVL_INFO, "connected to the collector at %s (pid %u, back-end %s)", path.c_str(), hello.collector_pid,
+              hello.backend);
     connection->m_reader = std::thread([raw = connection.get()] { raw->readLoop(); });
     return connection;
 }

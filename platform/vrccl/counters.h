@@ -13,7 +13,7 @@ struct Counters {
     std::atomic<uint64_t> undeliverable{0};  // no transmit_action_data in the process
     std::atomic<uint64_t> lost{0};           // sequence numbers that never arrived
     std::atomic<uint64_t> protocolErrors{0};
-    std::atomic<uint64_t> drops{0};          // connections that ended unexpectedly
+    std::atomic<uint64_t> drops{0};  // connections that ended unexpectedly
     std::atomic<uint64_t> offlinePublished{0};
 
     void reset() {

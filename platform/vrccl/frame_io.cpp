@@ -17,7 +17,8 @@ using Clock = std::chrono::steady_clock;
 
 class Deadline {
 public:
-    explicit Deadline(int timeoutMs) : m_forever(timeoutMs < 0), m_end(Clock::now() + std::chrono::milliseconds(timeoutMs)) {}
+    explicit Deadline(int timeoutMs)
+        : m_forever(timeoutMs < 0), m_end(Clock::now() + std::chrono::milliseconds(timeoutMs)) {}
     // Milliseconds for poll: -1 without a deadline, 0 once it passed.
     int left() const {
         if (m_forever) return -1;

@@ -60,8 +60,10 @@ bool OfflineNotice::attach() {
     std::string path = wlsock::resolve_path(kBusLibrary);
     void* library = ::dlopen(path.c_str(), RTLD_NOW);
     if (library == nullptr) {
-        VRCCL_LOG(LOG_LVL_ERROR, "cannot load the bus library %s (%s): the module will not hear when the collector "
-                  "goes away", path.c_str(), ::dlerror());
+        VRCCL_LOG(LOG_LVL_ERROR,
+                  "cannot load the bus library %s (%s): the module will not hear when the collector "
+                  "goes away",
+                  path.c_str(), ::dlerror());
         return false;
     }
     auto entry = reinterpret_cast<DllGetClassObject_fn>(::dlsym(library, "DllGetClassObject"));
@@ -76,8 +78,10 @@ bool OfflineNotice::attach() {
     auto* frame = static_cast<MbFrame::IRtmFrame*>(object);
     rc = frame->Advise(&m_plugin, kAdviseFlag);
     if (rc != 0) {
-        VRCCL_LOG(LOG_LVL_ERROR, "the bus refused the collector client's plug-in (0x%08x): offline notices cannot "
-                  "be sent", static_cast<unsigned>(rc));
+        VRCCL_LOG(LOG_LVL_ERROR,
+                  "the bus refused the collector client's plug-in (0x%08x): offline notices cannot "
+                  "be sent",
+                  static_cast<unsigned>(rc));
         frame->Release();
         ::dlclose(library);
         return false;
@@ -112,7 +116,8 @@ bool OfflineNotice::publish() {
     int rc = m_plugin.invoke(event);
     event->Release();
     if (rc < 0) {
-        VRCCL_LOG(LOG_LVL_ERROR, "the bus did not take the collector-offline event (0x%08x)", static_cast<unsigned>(rc));
+        VRCCL_LOG(LOG_LVL_ERROR, "the bus did not take the collector-offline event (0x%08x)",
+                  static_cast<unsigned>(rc));
         return false;
     }
     VRCCL_LOG(LOG_LVL_INFO, "published collector offline (event %u)", kEventCollectorOffline);

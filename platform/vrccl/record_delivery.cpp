@@ -18,8 +18,7 @@ RecordDelivery::RecordDelivery(Counters& counters, const std::string& symbol) : 
     // The module defines it and is loaded before it connects us.
     m_receiver = reinterpret_cast<Receiver>(::dlsym(RTLD_DEFAULT, symbol.c_str()));
     if (m_receiver == nullptr) {
-        VRCCL_LOG(LOG_LVL_ERROR, "no %s in this process: collector records will be counted as dropped",
-                  symbol.c_str());
+        VRCCL_LOG(LOG_LVL_ERROR, "no %s in this process: collector records will be counted as dropped", symbol.c_str());
     }
 }
 

@@ -48,8 +48,8 @@ int vrccl_action_init(void) {
     if (c.connection && c.connection->alive()) return 0;
     c.connection.reset();
     std::string path = wlsock::resolve_path(VRCCL_SOCKET_PATTERN);
-    c.connection = vrccl::CollectorConnection::open(path, c.settings, c.counters,
-                                                    [&c](const std::string& why) { c.onDrop(why); });
+    c.connection =
+        vrccl::CollectorConnection::open(path, c.settings, c.counters, [&c](const std::string& why) { c.onDrop(why); });
     if (!c.connection) return -1;
     c.notice.attach();  // a failure is logged; records still flow
     return 0;

@@ -67,9 +67,8 @@ TEST(AssetLists, PortsCarryOwnerAndAppsGroupByExecutable) {
                                       {11, 10, 33, "nginx", "/usr/sbin/nginx"},
                                       {12, 1, 1000, "app", "/home/u/app"},
                                       {2, 0, 0, "kthreadd", ""}};
-    std::vector<ListeningSocket> socks = {{"tcp", "0.0.0.0", 80, 100},
-                                          {"tcp6", "::", 443, 101},
-                                          {"tcp", "127.0.0.1", 9000, 999}};  // owner unknown
+    std::vector<ListeningSocket> socks = {
+        {"tcp", "0.0.0.0", 80, 100}, {"tcp6", "::", 443, 101}, {"tcp", "127.0.0.1", 9000, 999}};  // owner unknown
     std::map<unsigned long, int> owners = {{100, 10}, {101, 11}};
     AssetLists lists = buildAssetLists(procs, socks, owners);
 

@@ -194,8 +194,9 @@ TEST(SupervisorProcesses, ScriptOutputGoesToTheLogAndExitThreeStopsRestarts) {
     root.writeCollector("echo \"args: $*\"\necho 'wl-collector: no capture back-end on this kernel' >&2\nexit 3");
     SystemProcessControl processes;
     Lines lines;
-    CollectorSupervisor s(collectorOptions(root.path(), "ebpf"), processes, [] { return std::chrono::steady_clock::now(); },
-                          [&](const std::string& l) { lines.all.push_back(l); });
+    CollectorSupervisor s(
+        collectorOptions(root.path(), "ebpf"), processes, [] { return std::chrono::steady_clock::now(); },
+        [&](const std::string& l) { lines.all.push_back(l); });
     s.start();
     ASSERT_TRUE(waitUntil([&] {
         s.poll();

@@ -64,10 +64,11 @@ TEST(Discovery, OneProposalPerListeningExecutable) {
 TEST(Discovery, SettingsFromTheAgentConfiguration) {
     std::vector<std::string> problems;
     auto load = [&](const std::string& path) { return AgentConfig::load(path, problems); };
-    DiscoverySettings settings = readDiscoverySettings(
-        load(writeTemp("agent-good.conf", "[discovery]\nenabled = no\nlearn_minutes = 90\n"
-                                     "exclude_paths = /opt/x, /usr/local/\nexclude_ports = 22,25\n")),
-        problems);
+    DiscoverySettings settings =
+        readDiscoverySettings(load(writeTemp("agent-good.conf",
+                                             "[discovery]\nenabled = no\nlearn_minutes = 90\n"
+                                             "exclude_paths = /opt/x, /usr/local/\nexclude_ports = 22,25\n")),
+                              problems);
     EXPECT_TRUE(problems.empty());
     EXPECT_FALSE(settings.enabled);
     EXPECT_EQ(settings.learnMinutes, 90);
@@ -75,7 +76,8 @@ TEST(Discovery, SettingsFromTheAgentConfiguration) {
     EXPECT_EQ(settings.excludePorts, (std::set<unsigned>{22, 25}));
 
     settings = readDiscoverySettings(
-        load(writeTemp("agent-bad.conf", "[discovery]\nenabled = perhaps\nlearn_minutes = 0\nexclude_ports = 22,http\n")),
+        load(writeTemp("agent-bad.conf",
+                       "[discovery]\nenabled = perhaps\nlearn_minutes = 0\nexclude_ports = 22,http\n")),
         problems);
     EXPECT_TRUE(settings.enabled) << "a bad value keeps the default";
     EXPECT_EQ(settings.learnMinutes, 1440);

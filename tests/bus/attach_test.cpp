@@ -98,8 +98,7 @@ TEST_F(BusAttachTest, EachFailingStepLogsItsCodeCleansUpAndALaterAttachWorks) {
     const Plugin plugins[] = {
         {"Register", [] { return Register::GetInstance()->registerInit(); },
          [] { Register::GetInstance()->registerUninit(); }, kRegisterId},
-        {"WhitelistInvoke", [] { return whitelist_msgbus_init() == 1; }, [] { whitelist_msgbus_uninit(); },
-         kInvokeId},
+        {"WhitelistInvoke", [] { return whitelist_msgbus_init() == 1; }, [] { whitelist_msgbus_uninit(); }, kInvokeId},
     };
     for (const Plugin& plugin : plugins) {
         const std::string advise = "Advise " + plugin.id;

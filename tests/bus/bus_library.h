@@ -35,9 +35,15 @@ public:
     int AddRef() override { return 1; }
     int Release() override { return 1; }
     int GetUniqueID(unsigned char (*id)[16]) const override;
-    int GetVersion(unsigned int* version) const override { *version = 1; return 0; }
+    int GetVersion(unsigned int* version) const override {
+        *version = 1;
+        return 0;
+    }
     int OnAdvised(MbFrame::IPluginSetting* setting, MbFrame::IDispatch* dispatch) override;
-    int OnUnadvised(_UNADVISE_REASON) override { ++m_unadvised; return 0; }
+    int OnUnadvised(_UNADVISE_REASON) override {
+        ++m_unadvised;
+        return 0;
+    }
     int OnEvent(MbFrame::IEvent* event, _RESPONSE_STATUS* status) override;
 
     const unsigned char* id() const { return m_id; }

@@ -67,8 +67,10 @@ TEST(BusPlugins, IdentityVersionAndNullArguments) {
         MbFrame::IPlugin* plugin;
         unsigned char id[16];
     } cases[] = {
-        {Register::GetInstance(), {0x3b, 0xc4, 0x56, 0x48, 0xdd, 0xc4, 0x87, 0x41, 0x21, 0x9b, 0x41, 0xab, 0xad, 0x56, 0x87, 0xa9}},
-        {WhitelistInvoke::GetInstance(), {0x9d, 0x67, 0xe2, 0x11, 0x5d, 0x66, 0x80, 0x77, 0xe2, 0x8e, 0xe9, 0xdd, 0x3e, 0xe6, 0xf9, 0x86}},
+        {Register::GetInstance(),
+         {0x3b, 0xc4, 0x56, 0x48, 0xdd, 0xc4, 0x87, 0x41, 0x21, 0x9b, 0x41, 0xab, 0xad, 0x56, 0x87, 0xa9}},
+        {WhitelistInvoke::GetInstance(),
+         {0x9d, 0x67, 0xe2, 0x11, 0x5d, 0x66, 0x80, 0x77, 0xe2, 0x8e, 0xe9, 0xdd, 0x3e, 0xe6, 0xf9, 0x86}},
     };
     for (const auto& c : cases) {
         unsigned char id[16] = {};
@@ -86,7 +88,8 @@ TEST(BusQueryInterface, PluginsAnswerWithoutWritingAndEventsHandOutOnlyIEvent) {
     const _GUID other = {0x04dccc54u, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1}};
     void* untouched = &untouched;
     EXPECT_EQ(Register::GetInstance()->QueryInterface(*MbFrame::IEvent::IEvent_ID, &untouched), 0);
-    EXPECT_EQ(static_cast<unsigned int>(WhitelistInvoke::GetInstance()->QueryInterface(*MbFrame::IEvent::IEvent_ID, &untouched)),
+    EXPECT_EQ(static_cast<unsigned int>(
+                  WhitelistInvoke::GetInstance()->QueryInterface(*MbFrame::IEvent::IEvent_ID, &untouched)),
               0x84ce0012u);
     EXPECT_EQ(untouched, &untouched);
 

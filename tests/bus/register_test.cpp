@@ -91,10 +91,12 @@ _BASE_EVENTINFO converted(Conversion conversion, const std::vector<unsigned char
     Transformer transformer;
     const void* data = bytes.data();
     switch (conversion) {
-    case Conversion::File: transformer.TransformFileMsg(*static_cast<const file_event_info*>(data), event); break;
-    case Conversion::Process: transformer.TransformProcessMsg(*static_cast<const process_event_info*>(data), event); break;
-    case Conversion::Net: transformer.TransformNetEvent(*static_cast<const net_event_info*>(data), event); break;
-    case Conversion::None: break;
+        case Conversion::File: transformer.TransformFileMsg(*static_cast<const file_event_info*>(data), event); break;
+        case Conversion::Process:
+            transformer.TransformProcessMsg(*static_cast<const process_event_info*>(data), event);
+            break;
+        case Conversion::Net: transformer.TransformNetEvent(*static_cast<const net_event_info*>(data), event); break;
+        case Conversion::None: break;
     }
     return event;
 }

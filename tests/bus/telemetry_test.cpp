@@ -81,7 +81,8 @@ TEST_F(BusTelemetryTest, LinesOnTheSocketReachTheRaspQueueAndBadOnesAreRefused) 
     ASSERT_TRUE(waitUntil([] { return raspQueued() == 3; })) << m_log.dump();
     close(fd);
     ASSERT_TRUE(waitUntil([] { return raspQueued() == 4; })) << "the last line counts at close";
-    EXPECT_TRUE(raspTexts() == (std::vector<std::string>{"one", atLimit, "two", "tail"})) << "in order, the line at the limit kept";
+    EXPECT_TRUE(raspTexts() == (std::vector<std::string>{"one", atLimit, "two", "tail"}))
+        << "in order, the line at the limit kept";
     void* library = dlopen(WL_TEST_PLUGIN_DIR "/liborv_rasp.50.so", RTLD_NOW);
     auto counters = reinterpret_cast<int (*)(char*, int)>(dlsym(library, "orv_rasp_counters_json"));
     ASSERT_NE(counters, nullptr);

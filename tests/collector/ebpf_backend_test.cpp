@@ -213,138 +213,131 @@ int udpConnected() {
 
 int32_t runOp(Op op, const WorkerConfig& c) {
     switch (op) {
-    case Op::ForkExecTrue: {
-        pid_t child = fork();
-        if (child == 0) {
-            char* const argv[] = {const_cast<char*>("/bin/true"), const_cast<char*>("wlc-marker"), nullptr};
-            char* const envp[] = {nullptr};
-            execve("/bin/true", argv, envp);
-            _exit(127);
-        }
-        if (child < 0) return failed();
-        waitpid(child, nullptr, 0);  // SIGCHLD is ignored: waits, then ECHILD
-        return child;
-    }
-    case Op::Create: {
-        int fd = open(c.a, O_CREAT | O_EXCL | O_WRONLY, 0644);
-        return fd < 0 ? failed() : close(fd);
-    }
-    case Op::CreateAt: {
-        int dirFd = open(c.dir, O_RDONLY | O_DIRECTORY);
-        int fd = openat(dirFd, c.rel, O_CREAT | O_WRONLY, 0644);
-        if (fd < 0) return failed();
-        close(fd);
-        unlinkat(dirFd, c.rel, 0);
-        close(dirFd);
-        return dirFd;
-    }
-    case Op::Modify: {
-        int fd = open(c.a, O_WRONLY);
-        return fd < 0 ? failed() : close(fd);
-    }
-    case Op::ColdPath: {
-        // The name is read from a mapped page no one has touched yet: the
-        // back-end cannot read it at syscall entry, only at exit.
-        int src = open(c.coldSrc, O_RDONLY);
-        void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, src, 0);
-        close(src);
-        if (page == MAP_FAILED) return failed();
-        int fd = open(static_cast<const char*>(page), O_CREAT | O_WRONLY, 0644);
-        int32_t r = fd < 0 ? failed() : close(fd);
-        munmap(page, 4096);
-        return r;
-    }
-    case Op::DevNull: {
-        int fd = open("/dev/null", O_WRONLY);
-        return fd < 0 ? failed() : close(fd);
-    }
-    case Op::ReadOnly: {
-        int fd = open(c.c, O_RDONLY);
-        return fd < 0 ? failed() : close(fd);
-    }
-    case Op::Truncate:
-        return truncate(c.a, 0) == 0 ? 0 : failed();
-    case Op::Rename:
-        return rename(c.a, c.b) == 0 ? 0 : failed();
-    case Op::TouchTimes:
-        return utimensat(AT_FDCWD, c.b, nullptr, 0) == 0 ? 0 : failed();
-    case Op::Unlink:
-        return unlink(c.b) == 0 ? 0 : failed();
-    case Op::RemoveDir:
-        return mkdir(c.d, 0755) == 0 && unlinkat(AT_FDCWD, c.d, AT_REMOVEDIR) == 0 ? 0 : failed();
-    case Op::ConnectV4:
-        return tcpConnect(AF_INET, v4(c.v4Port));
-    case Op::ConnectV6:
-        return tcpConnect(AF_INET6, v6(c.v6Port));
-    case Op::Listen: {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in at = v4(0);
-        if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0 || listen(fd, 4) != 0)
-            return failed();
-        int32_t port = localPort(fd);
-        close(fd);
-        return port;
-    }
-    case Op::DnsSendto:
-    case Op::DnsSendtoV6: {
-        bool six = op == Op::DnsSendtoV6;
-        const DnsMessage& q = c.queries[six ? kQSendtoV6 : kQSendto];
-        int fd = socket(six ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in to4 = v4(53);
-        sockaddr_in6 to6 = v6(53);
-        ssize_t n = six ? sendto(fd, q.bytes, q.size, 0, reinterpret_cast<sockaddr*>(&to6), sizeof to6)
-                        : sendto(fd, q.bytes, q.size, 0, reinterpret_cast<sockaddr*>(&to4), sizeof to4);
-        int32_t r = n < 0 ? failed() : 0;
-        close(fd);
-        return r;
-    }
-    case Op::DnsConnected:
-    case Op::DnsSendmsg:
-    case Op::DnsSendmmsg: {
-        int fd = udpConnected();
-        if (fd < 0) return failed();
-        ssize_t n;
-        if (op == Op::DnsConnected) {
-            n = send(fd, c.queries[kQConnected].bytes, c.queries[kQConnected].size, 0);
-        } else if (op == Op::DnsSendmsg) {
-            iovec iov{const_cast<uint8_t*>(c.queries[kQSendmsg].bytes), c.queries[kQSendmsg].size};
-            msghdr msg{};
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
-            n = sendmsg(fd, &msg, 0);
-        } else {
-            iovec iov[2] = {{const_cast<uint8_t*>(c.queries[kQSendmmsg].bytes), c.queries[kQSendmmsg].size},
-                            {const_cast<uint8_t*>(c.queries[kQSendto].bytes), c.queries[kQSendto].size}};
-            mmsghdr msgs[2]{};
-            for (int i = 0; i < 2; ++i) {
-                msgs[i].msg_hdr.msg_iov = &iov[i];
-                msgs[i].msg_hdr.msg_iovlen = 1;
+        case Op::ForkExecTrue: {
+            pid_t child = fork();
+            if (child == 0) {
+                char* const argv[] = {const_cast<char*>("/bin/true"), const_cast<char*>("wlc-marker"), nullptr};
+                char* const envp[] = {nullptr};
+                execve("/bin/true", argv, envp);
+                _exit(127);
             }
-            n = sendmmsg(fd, msgs, 2, 0);
+            if (child < 0) return failed();
+            waitpid(child, nullptr, 0);  // SIGCHLD is ignored: waits, then ECHILD
+            return child;
         }
-        int32_t r = n < 0 ? failed() : 0;
-        close(fd);
-        return r;
-    }
-    case Op::ForkGrandchild: {
-        pid_t child = fork();
-        if (child == 0) {
-            char go;
-            if (read(c.gcRead, &go, 1) >= 0) {
-                int fd = open(c.gc, O_CREAT | O_WRONLY, 0644);
-                if (fd >= 0) close(fd);
-            }
-            _exit(0);
+        case Op::Create: {
+            int fd = open(c.a, O_CREAT | O_EXCL | O_WRONLY, 0644);
+            return fd < 0 ? failed() : close(fd);
         }
-        return child < 0 ? failed() : child;
-    }
-    case Op::Burst:
-        for (int i = 0; i < c.burst; ++i) {
-            int fd = open(c.a, O_WRONLY);
+        case Op::CreateAt: {
+            int dirFd = open(c.dir, O_RDONLY | O_DIRECTORY);
+            int fd = openat(dirFd, c.rel, O_CREAT | O_WRONLY, 0644);
             if (fd < 0) return failed();
             close(fd);
+            unlinkat(dirFd, c.rel, 0);
+            close(dirFd);
+            return dirFd;
         }
-        return c.burst;
+        case Op::Modify: {
+            int fd = open(c.a, O_WRONLY);
+            return fd < 0 ? failed() : close(fd);
+        }
+        case Op::ColdPath: {
+            // The name is read from a mapped page no one has touched yet: the
+            // back-end cannot read it at syscall entry, only at exit.
+            int src = open(c.coldSrc, O_RDONLY);
+            void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, src, 0);
+            close(src);
+            if (page == MAP_FAILED) return failed();
+            int fd = open(static_cast<const char*>(page), O_CREAT | O_WRONLY, 0644);
+            int32_t r = fd < 0 ? failed() : close(fd);
+            munmap(page, 4096);
+            return r;
+        }
+        case Op::DevNull: {
+            int fd = open("/dev/null", O_WRONLY);
+            return fd < 0 ? failed() : close(fd);
+        }
+        case Op::ReadOnly: {
+            int fd = open(c.c, O_RDONLY);
+            return fd < 0 ? failed() : close(fd);
+        }
+        case Op::Truncate: return truncate(c.a, 0) == 0 ? 0 : failed();
+        case Op::Rename: return rename(c.a, c.b) == 0 ? 0 : failed();
+        case Op::TouchTimes: return utimensat(AT_FDCWD, c.b, nullptr, 0) == 0 ? 0 : failed();
+        case Op::Unlink: return unlink(c.b) == 0 ? 0 : failed();
+        case Op::RemoveDir: return mkdir(c.d, 0755) == 0 && unlinkat(AT_FDCWD, c.d, AT_REMOVEDIR) == 0 ? 0 : failed();
+        case Op::ConnectV4: return tcpConnect(AF_INET, v4(c.v4Port));
+        case Op::ConnectV6: return tcpConnect(AF_INET6, v6(c.v6Port));
+        case Op::Listen: {
+            int fd = socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in at = v4(0);
+            if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0 || listen(fd, 4) != 0)
+                return failed();
+            int32_t port = localPort(fd);
+            close(fd);
+            return port;
+        }
+        case Op::DnsSendto:
+        case Op::DnsSendtoV6: {
+            bool six = op == Op::DnsSendtoV6;
+            const DnsMessage& q = c.queries[six ? kQSendtoV6 : kQSendto];
+            int fd = socket(six ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
+            sockaddr_in to4 = v4(53);
+            sockaddr_in6 to6 = v6(53);
+            ssize_t n = six ? sendto(fd, q.bytes, q.size, 0, reinterpret_cast<sockaddr*>(&to6), sizeof to6)
+                            : sendto(fd, q.bytes, q.size, 0, reinterpret_cast<sockaddr*>(&to4), sizeof to4);
+            int32_t r = n < 0 ? failed() : 0;
+            close(fd);
+            return r;
+        }
+        case Op::DnsConnected:
+        case Op::DnsSendmsg:
+        case Op::DnsSendmmsg: {
+            int fd = udpConnected();
+            if (fd < 0) return failed();
+            ssize_t n;
+            if (op == Op::DnsConnected) {
+                n = send(fd, c.queries[kQConnected].bytes, c.queries[kQConnected].size, 0);
+            } else if (op == Op::DnsSendmsg) {
+                iovec iov{const_cast<uint8_t*>(c.queries[kQSendmsg].bytes), c.queries[kQSendmsg].size};
+                msghdr msg{};
+                msg.msg_iov = &iov;
+                msg.msg_iovlen = 1;
+                n = sendmsg(fd, &msg, 0);
+            } else {
+                iovec iov[2] = {{const_cast<uint8_t*>(c.queries[kQSendmmsg].bytes), c.queries[kQSendmmsg].size},
+                                {const_cast<uint8_t*>(c.queries[kQSendto].bytes), c.queries[kQSendto].size}};
+                mmsghdr msgs[2]{};
+                for (int i = 0; i < 2; ++i) {
+                    msgs[i].msg_hdr.msg_iov = &iov[i];
+                    msgs[i].msg_hdr.msg_iovlen = 1;
+                }
+                n = sendmmsg(fd, msgs, 2, 0);
+            }
+            int32_t r = n < 0 ? failed() : 0;
+            close(fd);
+            return r;
+        }
+        case Op::ForkGrandchild: {
+            pid_t child = fork();
+            if (child == 0) {
+                char go;
+                if (read(c.gcRead, &go, 1) >= 0) {
+                    int fd = open(c.gc, O_CREAT | O_WRONLY, 0644);
+                    if (fd >= 0) close(fd);
+                }
+                _exit(0);
+            }
+            return child < 0 ? failed() : child;
+        }
+        case Op::Burst:
+            for (int i = 0; i < c.burst; ++i) {
+                int fd = open(c.a, O_WRONLY);
+                if (fd < 0) return failed();
+                close(fd);
+            }
+            return c.burst;
     }
     return -EINVAL;
 }
@@ -475,8 +468,9 @@ protected:
         int fd = socket(family, SOCK_STREAM, 0);
         sockaddr_in a4 = v4(0);
         sockaddr_in6 a6 = v6(0);
-        bool ok = fd >= 0 && (family == AF_INET ? bind(fd, reinterpret_cast<sockaddr*>(&a4), sizeof a4)
-                                                : bind(fd, reinterpret_cast<sockaddr*>(&a6), sizeof a6)) == 0 &&
+        bool ok = fd >= 0 &&
+                  (family == AF_INET ? bind(fd, reinterpret_cast<sockaddr*>(&a4), sizeof a4)
+                                     : bind(fd, reinterpret_cast<sockaddr*>(&a6), sizeof a6)) == 0 &&
                   listen(fd, 64) == 0;
         if (!ok) {
             if (fd >= 0) close(fd);
@@ -548,23 +542,21 @@ const std::vector<Case>& cases() {
          Op::ForkExecTrue,
          {{EventKind::Fork, [](const HostEvent&, C, int32_t) { return true; }, true},
           {EventKind::ProcessCreation,
-           [](const HostEvent& e, C, int32_t) {
-               return e.path == "/bin/true" && e.cmdline == "/bin/true wlc-marker";
-           },
+           [](const HostEvent& e, C, int32_t) { return e.path == "/bin/true" && e.cmdline == "/bin/true wlc-marker"; },
            true},
           {EventKind::Exit, [](const HostEvent&, C, int32_t) { return true; }, true}}},
         {"create",
          Op::Create,
-         {{EventKind::FileCreation, [](const HostEvent& e, C c, int32_t) {
+         {{EventKind::FileCreation,
+           [](const HostEvent& e, C c, int32_t) {
                auto now = std::chrono::system_clock::now().time_since_epoch();
                int64_t skew = int64_t(e.timeNs) - std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
                return e.path == c.a && e.dirFd == AT_FDCWD && e.uid == getuid() && skew < 0 && skew > -10'000'000'000;
            }}}},
         {"create relative to a directory fd",
          Op::CreateAt,
-         {{EventKind::FileCreation, [](const HostEvent& e, C c, int32_t dirFd) {
-               return e.path == c.rel && e.dirFd == dirFd;
-           }}}},
+         {{EventKind::FileCreation,
+           [](const HostEvent& e, C c, int32_t dirFd) { return e.path == c.rel && e.dirFd == dirFd; }}}},
         {"open existing to write",
          Op::Modify,
          {{EventKind::FileModification, [](const HostEvent& e, C c, int32_t) { return e.path == c.a; }}}},
@@ -578,8 +570,7 @@ const std::vector<Case>& cases() {
          {{EventKind::FileModification, [](const HostEvent& e, C c, int32_t) { return e.path == c.a; }}}},
         {"rename",
          Op::Rename,
-         {{EventKind::FileRenaming,
-           [](const HostEvent& e, C c, int32_t) { return e.path == c.a && e.path2 == c.b; }}}},
+         {{EventKind::FileRenaming, [](const HostEvent& e, C c, int32_t) { return e.path == c.a && e.path2 == c.b; }}}},
         {"utimensat",
          Op::TouchTimes,
          {{EventKind::FileTimeChange, [](const HostEvent& e, C c, int32_t) { return e.path == c.b; }}}},
@@ -589,22 +580,24 @@ const std::vector<Case>& cases() {
         {"rmdir: nothing", Op::RemoveDir, {}},
         {"connect IPv4",
          Op::ConnectV4,
-         {{EventKind::Connection, [](const HostEvent& e, C c, int32_t port) {
+         {{EventKind::Connection,
+           [](const HostEvent& e, C c, int32_t port) {
                return isTcp4(e) && e.dstPort == c.v4Port && e.srcPort == port && port != 0 &&
                       e.dstAddr == addr(AF_INET, "127.0.0.1") && e.srcAddr == addr(AF_INET, "127.0.0.1");
            }}}},
         {"connect IPv6",
          Op::ConnectV6,
-         {{EventKind::Connection, [](const HostEvent& e, C c, int32_t port) {
-               return e.family == AF_INET6 && e.protocol == IPPROTO_TCP && e.dstPort == c.v6Port &&
-                      e.srcPort == port && port != 0 && e.dstAddr == addr(AF_INET6, "::1") &&
-                      e.srcAddr == addr(AF_INET6, "::1");
+         {{EventKind::Connection,
+           [](const HostEvent& e, C c, int32_t port) {
+               return e.family == AF_INET6 && e.protocol == IPPROTO_TCP && e.dstPort == c.v6Port && e.srcPort == port &&
+                      port != 0 && e.dstAddr == addr(AF_INET6, "::1") && e.srcAddr == addr(AF_INET6, "::1");
            }}}},
         {"listen",
          Op::Listen,
-         {{EventKind::Listening, [](const HostEvent& e, C, int32_t port) {
-               return isTcp4(e) && e.srcPort == port && e.srcAddr == addr(AF_INET, "127.0.0.1") &&
-                      e.dstPort == 0 && e.dstAddr == std::array<uint8_t, 16>{};
+         {{EventKind::Listening,
+           [](const HostEvent& e, C, int32_t port) {
+               return isTcp4(e) && e.srcPort == port && e.srcAddr == addr(AF_INET, "127.0.0.1") && e.dstPort == 0 &&
+                      e.dstAddr == std::array<uint8_t, 16>{};
            }}}},
         {"DNS by sendto",
          Op::DnsSendto,
@@ -674,9 +667,9 @@ TEST_F(EbpfBackendTest, ReportsWhatAWatchedProcessDoesAndNothingOfOthers) {
     // Nothing from the sibling and its child, nothing for a read or a directory.
     const WorkerConfig& wc = worker.config();
     EXPECT_EQ(sink_->count(start, [&](const HostEvent& e) { return siblingPids.count(e.pid) != 0; }), 0u);
-    EXPECT_EQ(sink_->count(start, [&](const HostEvent& e) {
-        return e.path == wc.c || e.path == wc.d || e.path == "/dev/null";
-    }), 0u);
+    EXPECT_EQ(sink_->count(
+                  start, [&](const HostEvent& e) { return e.path == wc.c || e.path == wc.d || e.path == "/dev/null"; }),
+              0u);
     EXPECT_EQ(backend_->counters().lostInKernel, 0u);
     EXPECT_EQ(backend_->counters().lostInBackend, 0u);
     backend_->unwatch(worker.pid());
@@ -742,8 +735,8 @@ TEST_F(EbpfBackendTest, ABurstArrivesOrIsCountedAsLost) {
     size_t got = sink_->waitCount(from, size_t(n) - lost(), match, 10s);
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     EXPECT_EQ(got + lost(), size_t(n));
-    std::cout << "[   INFO   ] " << got << " events in " << seconds << " s (" << int(got / seconds)
-              << " events/s), " << lost() << " lost in the kernel\n";
+    std::cout << "[   INFO   ] " << got << " events in " << seconds << " s (" << int(got / seconds) << " events/s), "
+              << lost() << " lost in the kernel\n";
     backend_->unwatch(worker.pid());
 }
 

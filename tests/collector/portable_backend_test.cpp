@@ -76,7 +76,9 @@ TEST(PortableWatchSet, FollowsForksExitsAndSubscriptions) {
         {"unwatch of an exited root still reaches its children",
          {{Watch, 10, 0}, {Fork, 10, 11}, {Exit, 10, 0}, {Unwatch, 10, 0}},
          {}},
-        {"unwatch leaves other subscriptions", {{Watch, 10, 0}, {Watch, 20, 0}, {Fork, 20, 21}, {Unwatch, 10, 0}}, {20, 21}},
+        {"unwatch leaves other subscriptions",
+         {{Watch, 10, 0}, {Watch, 20, 0}, {Fork, 20, 21}, {Unwatch, 10, 0}},
+         {20, 21}},
         {"a subscribed descendant stays with its own children",
          {{Watch, 10, 0}, {Fork, 10, 11}, {Watch, 11, 0}, {Fork, 11, 12}, {Fork, 10, 13}, {Unwatch, 10, 0}},
          {11, 12}},
@@ -136,8 +138,8 @@ TEST(PortableProcText, ParsesWhatTheBackendReads) {
         const char* text;
         uint64_t inode;  // 0: not a socket
     };
-    const Link links[] = {{"socket:[12345]", 12345}, {"socket:[]", 0},   {"socket:[12a]", 0}, {"socket:[1", 0},
-                          {"pipe:[12345]", 0},       {"/dev/null", 0},  {"socket:[+1]", 0}, {"socket:[ 1]", 0}};
+    const Link links[] = {{"socket:[12345]", 12345}, {"socket:[]", 0}, {"socket:[12a]", 0}, {"socket:[1", 0},
+                          {"pipe:[12345]", 0},       {"/dev/null", 0}, {"socket:[+1]", 0},  {"socket:[ 1]", 0}};
     for (const Link& link : links) {
         EXPECT_EQ(parseSocketInode(link.text).value_or(0), link.inode) << link.text;
     }
@@ -230,7 +232,7 @@ TEST(PortableProcConnector, AppliesEventsToTheWatchSet) {
     const int32_t child = 0x7ffffff0;
     std::vector<HostEvent> out;
     std::vector<int32_t> pending;
-    applyProcEvent(event(ProcEvent::Type::Fork, 101, 100, 100), set, out, pending);    // a thread
+    applyProcEvent(event(ProcEvent::Type::Fork, 101, 100, 100), set, out, pending);      // a thread
     applyProcEvent(event(ProcEvent::Type::Fork, child, child, 200), set, out, pending);  // unwatched parent
     EXPECT_TRUE(out.empty());
     EXPECT_FALSE(set.isWatched(child));
@@ -299,15 +301,17 @@ TEST(PortableFanotify, DecodesOnlyWantedEvents) {
     appendFanEvent(bytes, FAN_CREATE, 7, {{FAN_EVENT_INFO_TYPE_DFID_NAME, 3, 0xaa, "a.txt"}});
     appendFanEvent(bytes, FAN_CREATE, 8, {{FAN_EVENT_INFO_TYPE_DFID_NAME, 3, 0xaa, "b.txt"}});
     appendFanEvent(bytes, FAN_Q_OVERFLOW, -1, {});
-    appendFanEvent(bytes, FAN_RENAME, 7,
-                   {{FAN_EVENT_INFO_TYPE_OLD_DFID_NAME, 3, 0xaa, "old"}, {FAN_EVENT_INFO_TYPE_NEW_DFID_NAME, 3, 0xbb, "new"}});
+    appendFanEvent(
+        bytes, FAN_RENAME, 7,
+        {{FAN_EVENT_INFO_TYPE_OLD_DFID_NAME, 3, 0xaa, "old"}, {FAN_EVENT_INFO_TYPE_NEW_DFID_NAME, 3, 0xbb, "new"}});
     std::vector<uint8_t> broken;
     appendFanEvent(broken, FAN_DELETE, 7, {{FAN_EVENT_INFO_TYPE_DFID_NAME, 3, 0xaa, "x"}});
     broken[sizeof(fanotify_event_metadata) + 2] = 200;  // a record longer than its event
     bytes.insert(bytes.end(), broken.begin(), broken.end());
 
     FanotifyBatch batch;
-    decodeFanotifyBuffer(bytes.data(), bytes.size(), [](int32_t pid) { return pid == 7; }, batch);
+    decodeFanotifyBuffer(
+        bytes.data(), bytes.size(), [](int32_t pid) { return pid == 7; }, batch);
     ASSERT_EQ(batch.events.size(), 2u);
     EXPECT_EQ(batch.overflows, 1u);
     EXPECT_EQ(batch.malformed, 1u);
@@ -322,7 +326,8 @@ TEST(PortableFanotify, DecodesOnlyWantedEvents) {
     EXPECT_EQ(batch.events[1].records[1].name, "new");
 
     FanotifyBatch cut;
-    decodeFanotifyBuffer(bytes.data(), 10, [](int32_t) { return true; }, cut);
+    decodeFanotifyBuffer(
+        bytes.data(), 10, [](int32_t) { return true; }, cut);
     EXPECT_TRUE(cut.events.empty());
     EXPECT_EQ(cut.malformed, 1u);
 }
@@ -393,26 +398,49 @@ TEST(PortableFanotify, ShapesFileEvents) {
         uint64_t expireAtMs;
     };
     const Case cases[] = {
-        {"each kind", {{FAN_CREATE, {a}, 1}, {FAN_ATTRIB, {b}, 1}, {FAN_DELETE, {a}, 1}},
+        {"each kind",
+         {{FAN_CREATE, {a}, 1}, {FAN_ATTRIB, {b}, 1}, {FAN_DELETE, {a}, 1}},
          {line(EventKind::FileCreation, "/srv/a"), line(EventKind::FileTimeChange, "/srv/sub/b"),
-          line(EventKind::FileDeletion, "/srv/a")}, 0, 0},
-        {"writes collapse within a second", {{FAN_MODIFY, {a}, 1}, {FAN_MODIFY, {a}, 500}, {FAN_MODIFY, {a}, 1001}},
-         {line(EventKind::FileModification, "/srv/a"), line(EventKind::FileModification, "/srv/a")}, 0, 0},
-        {"different files do not collapse", {{FAN_MODIFY, {a}, 1}, {FAN_MODIFY, {b}, 2}},
-         {line(EventKind::FileModification, "/srv/a"), line(EventKind::FileModification, "/srv/sub/b")}, 0, 0},
-        {"writing a new file is part of creating it", {{FAN_CREATE | FAN_MODIFY, {a}, 1}, {FAN_MODIFY, {a}, 300}},
-         {line(EventKind::FileCreation, "/srv/a")}, 0, 0},
-        {"merged bits come in order", {{FAN_DELETE | FAN_ATTRIB | FAN_CREATE, {a}, 1}},
+          line(EventKind::FileDeletion, "/srv/a")},
+         0,
+         0},
+        {"writes collapse within a second",
+         {{FAN_MODIFY, {a}, 1}, {FAN_MODIFY, {a}, 500}, {FAN_MODIFY, {a}, 1001}},
+         {line(EventKind::FileModification, "/srv/a"), line(EventKind::FileModification, "/srv/a")},
+         0,
+         0},
+        {"different files do not collapse",
+         {{FAN_MODIFY, {a}, 1}, {FAN_MODIFY, {b}, 2}},
+         {line(EventKind::FileModification, "/srv/a"), line(EventKind::FileModification, "/srv/sub/b")},
+         0,
+         0},
+        {"writing a new file is part of creating it",
+         {{FAN_CREATE | FAN_MODIFY, {a}, 1}, {FAN_MODIFY, {a}, 300}},
+         {line(EventKind::FileCreation, "/srv/a")},
+         0,
+         0},
+        {"merged bits come in order",
+         {{FAN_DELETE | FAN_ATTRIB | FAN_CREATE, {a}, 1}},
          {line(EventKind::FileCreation, "/srv/a"), line(EventKind::FileTimeChange, "/srv/a"),
-          line(EventKind::FileDeletion, "/srv/a")}, 0, 0},
+          line(EventKind::FileDeletion, "/srv/a")},
+         0,
+         0},
         {"a merged creation and deletion of a file that is there was a replacement",
          {{FAN_CREATE | FAN_DELETE, {b}, 1}, {FAN_CREATE | FAN_DELETE, {a}, 1}},
          {line(EventKind::FileDeletion, "/srv/sub/b"), line(EventKind::FileCreation, "/srv/sub/b"),
-          line(EventKind::FileCreation, "/srv/a"), line(EventKind::FileDeletion, "/srv/a")}, 0, 0},
-        {"a rename names both sides", {{FAN_RENAME, {oldA, newB}, 1}},
-         {line(EventKind::FileRenaming, "/srv/a", "/srv/sub/b")}, 0, 0},
-        {"rename halves pair up", {{FAN_MOVED_FROM, {a}, 1}, {FAN_MOVED_TO, {b}, 2}},
-         {line(EventKind::FileRenaming, "/srv/a", "/srv/sub/b")}, 0, 0},
+          line(EventKind::FileCreation, "/srv/a"), line(EventKind::FileDeletion, "/srv/a")},
+         0,
+         0},
+        {"a rename names both sides",
+         {{FAN_RENAME, {oldA, newB}, 1}},
+         {line(EventKind::FileRenaming, "/srv/a", "/srv/sub/b")},
+         0,
+         0},
+        {"rename halves pair up",
+         {{FAN_MOVED_FROM, {a}, 1}, {FAN_MOVED_TO, {b}, 2}},
+         {line(EventKind::FileRenaming, "/srv/a", "/srv/sub/b")},
+         0,
+         0},
         {"a late second half does not pair", {{FAN_MOVED_FROM, {a}, 1}, {FAN_MOVED_TO, {b}, 1500}}, {}, 2, 0},
         {"an unpaired first half expires as lost", {{FAN_MOVED_FROM, {a}, 1}}, {}, 1, 2000},
         {"a half still within its window is kept", {{FAN_MOVED_FROM, {a}, 1}}, {}, 0, 500},
@@ -465,7 +493,8 @@ inet_diag_msg diagMsg(uint8_t family, uint8_t state, uint16_t sport, uint16_t dp
 }
 
 TEST(PortableInetDiag, DecodesDumpReplies) {
-    auto bytes = diagReply({diagMsg(AF_INET, TCP_LISTEN, 80, 0, 5), diagMsg(AF_INET6, TCP_ESTABLISHED, 4000, 443, 6)}, true);
+    auto bytes =
+        diagReply({diagMsg(AF_INET, TCP_LISTEN, 80, 0, 5), diagMsg(AF_INET6, TCP_ESTABLISHED, 4000, 443, 6)}, true);
     std::vector<DiagSocket> sockets;
     int error = -1;
     EXPECT_EQ(decodeDiagDatagram(bytes.data(), bytes.size(), IPPROTO_TCP, sockets, error), DumpStatus::Done);
@@ -721,28 +750,59 @@ TEST(PortableBackendLive, ReportsAWatchedChildAndNothingOfItsSibling) {
                  if (fork.kind != EventKind::Fork || fork.ppid != me) continue;
                  if (hasEvent(events, [&](const HostEvent& e) {
                          return e.kind == EventKind::ProcessCreation && e.pid == fork.pid && e.ppid == me &&
-                                e.uid == 0 && e.path.size() > 6 && e.path.compare(e.path.size() - 6, 6, "/sleep") == 0 &&
-                                e.cmdline == "sleep 0.3";
+                                e.uid == 0 && e.path.size() > 6 &&
+                                e.path.compare(e.path.size() - 6, 6, "/sleep") == 0 && e.cmdline == "sleep 0.3";
                      })) {
                      return true;
                  }
              }
              return false;
          }},
-        {"creation", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::FileCreation, e) && e.path == dir + "/created" && e.uid == 0; }); }},
-        {"modification", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::FileModification, e) && e.path == dir + "/existing"; }); }},
-        {"renaming", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::FileRenaming, e) && e.path == dir + "/created" && e.path2 == dir + "/renamed"; }); }},
-        {"time change", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::FileTimeChange, e) && e.path == dir + "/renamed"; }); }},
-        {"deletion", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::FileDeletion, e) && e.path == dir + "/renamed"; }); }},
-        {"connection", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::Connection, e) && e.protocol == IPPROTO_TCP && e.dstPort == serverPort && e.dstAddr[0] == 127; }); }},
-        {"listening", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::Listening, e) && e.srcPort == child.listenPort; }); }},
+        {"creation",
+         [&](auto& ev) {
+             return hasEvent(ev, [&](auto& e) {
+                 return is(EventKind::FileCreation, e) && e.path == dir + "/created" && e.uid == 0;
+             });
+         }},
+        {"modification",
+         [&](auto& ev) {
+             return hasEvent(
+                 ev, [&](auto& e) { return is(EventKind::FileModification, e) && e.path == dir + "/existing"; });
+         }},
+        {"renaming",
+         [&](auto& ev) {
+             return hasEvent(ev, [&](auto& e) {
+                 return is(EventKind::FileRenaming, e) && e.path == dir + "/created" && e.path2 == dir + "/renamed";
+             });
+         }},
+        {"time change",
+         [&](auto& ev) {
+             return hasEvent(ev,
+                             [&](auto& e) { return is(EventKind::FileTimeChange, e) && e.path == dir + "/renamed"; });
+         }},
+        {"deletion",
+         [&](auto& ev) {
+             return hasEvent(ev, [&](auto& e) { return is(EventKind::FileDeletion, e) && e.path == dir + "/renamed"; });
+         }},
+        {"connection",
+         [&](auto& ev) {
+             return hasEvent(ev, [&](auto& e) {
+                 return is(EventKind::Connection, e) && e.protocol == IPPROTO_TCP && e.dstPort == serverPort &&
+                        e.dstAddr[0] == 127;
+             });
+         }},
+        {"listening",
+         [&](auto& ev) {
+             return hasEvent(ev, [&](auto& e) { return is(EventKind::Listening, e) && e.srcPort == child.listenPort; });
+         }},
         {"exit", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::Exit, e); }); }},
     };
 
     std::vector<HostEvent> events;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
     auto allMet = [&] {
-        return std::all_of(std::begin(expectations), std::end(expectations), [&](const Expectation& x) { return x.met(events); });
+        return std::all_of(std::begin(expectations), std::end(expectations),
+                           [&](const Expectation& x) { return x.met(events); });
     };
     while (!allMet() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -758,9 +818,10 @@ TEST(PortableBackendLive, ReportsAWatchedChildAndNothingOfItsSibling) {
 
     events = sink.events();
     const std::string siblingPath = siblingDir;
-    EXPECT_EQ(std::count_if(events.begin(), events.end(),
-                            [&](const HostEvent& e) { return is(EventKind::Connection, e) && e.dstPort == serverPort; }),
-              1);
+    EXPECT_EQ(
+        std::count_if(events.begin(), events.end(),
+                      [&](const HostEvent& e) { return is(EventKind::Connection, e) && e.dstPort == serverPort; }),
+        1);
     for (const HostEvent& e : events) {
         EXPECT_NE(e.pid, sibling.pid) << "event of kind " << static_cast<int>(e.kind) << " from the sibling";
         EXPECT_NE(e.ppid, sibling.pid);

@@ -45,15 +45,15 @@ _BASE_EVENTINFO throughModule(const ActionRecord& record) {
     std::memset(out.get(), 0, sizeof *out);
     bool known = false;
     switch (wlc::shapeOf(record.kind)) {
-    case wlc::RecordShape::Process:
-        known = transformer.TransformProcessMsg(*reinterpret_cast<process_event_info*>(bytes.data()), *out);
-        break;
-    case wlc::RecordShape::File:
-        known = transformer.TransformFileMsg(*reinterpret_cast<file_event_info*>(bytes.data()), *out);
-        break;
-    case wlc::RecordShape::Net:
-        known = transformer.TransformNetEvent(*reinterpret_cast<net_event_info*>(bytes.data()), *out);
-        break;
+        case wlc::RecordShape::Process:
+            known = transformer.TransformProcessMsg(*reinterpret_cast<process_event_info*>(bytes.data()), *out);
+            break;
+        case wlc::RecordShape::File:
+            known = transformer.TransformFileMsg(*reinterpret_cast<file_event_info*>(bytes.data()), *out);
+            break;
+        case wlc::RecordShape::Net:
+            known = transformer.TransformNetEvent(*reinterpret_cast<net_event_info*>(bytes.data()), *out);
+            break;
     }
     EXPECT_TRUE(known) << wlc::eventName(record.kind);
     return *out;
@@ -74,9 +74,9 @@ TEST(CollectorRecords, EveryKindReachesTheModuleWithItsFields) {
         uint16_t eventType;
     };
     const Case cases[] = {
-        {EventKind::ProcessCreation, 1}, {EventKind::FileCreation, 6},  {EventKind::FileModification, 7},
-        {EventKind::FileDeletion, 8},    {EventKind::FileRenaming, 9},  {EventKind::FileTimeChange, 10},
-        {EventKind::Connection, 15},     {EventKind::DnsQuery, 16},     {EventKind::Listening, 17},
+        {EventKind::ProcessCreation, 1}, {EventKind::FileCreation, 6}, {EventKind::FileModification, 7},
+        {EventKind::FileDeletion, 8},    {EventKind::FileRenaming, 9}, {EventKind::FileTimeChange, 10},
+        {EventKind::Connection, 15},     {EventKind::DnsQuery, 16},    {EventKind::Listening, 17},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(wlc::eventName(c.kind));
@@ -86,35 +86,35 @@ TEST(CollectorRecords, EveryKindReachesTheModuleWithItsFields) {
         uint64_t time = event.event_time;
         EXPECT_EQ(time, record.time);
         switch (wlc::shapeOf(c.kind)) {
-        case wlc::RecordShape::Process:
-            expectActor(event.detail.process, record.process);
-            EXPECT_EQ(wide(event.detail.process.process_user_name), "www-data");
-            expectActor(event.process_info, record.parent);
-            break;
-        case wlc::RecordShape::File:
-            expectActor(event.process_info, record.process);
-            EXPECT_EQ(wide(event.process_info.process_user_name), "www-data");
-            EXPECT_EQ(wide(event.detail.file.file_name), "/srv/upload/a.txt");
-            EXPECT_EQ(wide(event.detail.file.file_user_name), "www-data");
-            EXPECT_EQ(wide(event.detail.file.file_group_name), "staff");
-            EXPECT_EQ(wide(event.detail.file.file_permissions), "0640");
-            break;
-        case wlc::RecordShape::Net:
-            expectActor(event.process_info, record.process);
-            if (c.kind == EventKind::DnsQuery) {
-                EXPECT_EQ(wide(event.detail.dns.query_name), "example.org");
-            } else if (c.kind == EventKind::Listening) {
-                EXPECT_EQ(wide(event.detail.listen.address), "192.0.2.7");
-                EXPECT_EQ(event.detail.listen.port, 5432u);
-                EXPECT_EQ(wide(event.detail.listen.protocol), "tcp");
-            } else {
-                EXPECT_EQ(wide(event.detail.connect.dst_ip), "192.0.2.7");
-                EXPECT_EQ(wide(event.detail.connect.src_ip), "10.1.2.3");
-                EXPECT_EQ(event.detail.connect.dst_port, 5432u);
-                EXPECT_EQ(event.detail.connect.src_port, 40312u);
-                EXPECT_EQ(wide(event.detail.connect.protocol), "tcp");
-            }
-            break;
+            case wlc::RecordShape::Process:
+                expectActor(event.detail.process, record.process);
+                EXPECT_EQ(wide(event.detail.process.process_user_name), "www-data");
+                expectActor(event.process_info, record.parent);
+                break;
+            case wlc::RecordShape::File:
+                expectActor(event.process_info, record.process);
+                EXPECT_EQ(wide(event.process_info.process_user_name), "www-data");
+                EXPECT_EQ(wide(event.detail.file.file_name), "/srv/upload/a.txt");
+                EXPECT_EQ(wide(event.detail.file.file_user_name), "www-data");
+                EXPECT_EQ(wide(event.detail.file.file_group_name), "staff");
+                EXPECT_EQ(wide(event.detail.file.file_permissions), "0640");
+                break;
+            case wlc::RecordShape::Net:
+                expectActor(event.process_info, record.process);
+                if (c.kind == EventKind::DnsQuery) {
+                    EXPECT_EQ(wide(event.detail.dns.query_name), "example.org");
+                } else if (c.kind == EventKind::Listening) {
+                    EXPECT_EQ(wide(event.detail.listen.address), "192.0.2.7");
+                    EXPECT_EQ(event.detail.listen.port, 5432u);
+                    EXPECT_EQ(wide(event.detail.listen.protocol), "tcp");
+                } else {
+                    EXPECT_EQ(wide(event.detail.connect.dst_ip), "192.0.2.7");
+                    EXPECT_EQ(wide(event.detail.connect.src_ip), "10.1.2.3");
+                    EXPECT_EQ(event.detail.connect.dst_port, 5432u);
+                    EXPECT_EQ(event.detail.connect.src_port, 40312u);
+                    EXPECT_EQ(wide(event.detail.connect.protocol), "tcp");
+                }
+                break;
         }
     }
 }

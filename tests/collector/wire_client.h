@@ -17,8 +17,7 @@ public:
     bool connected() const { return m_fd.valid(); }
 
     // announced: the length the head claims, when it is not the body's.
-    void send(uint16_t kind, const void* body, uint32_t length, uint32_t magic = VRCCL_MAGIC,
-              int64_t announced = -1);
+    void send(uint16_t kind, const void* body, uint32_t length, uint32_t magic = VRCCL_MAGIC, int64_t announced = -1);
     void subscribe(int32_t action, int32_t pid);
     // The next frame's kind and body; kind 0 at end of stream or time-out.
     uint16_t next(std::vector<uint8_t>& body, int timeoutMs = 3000);

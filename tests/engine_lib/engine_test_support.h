@@ -76,30 +76,30 @@ inline BaseEvent hostEvent(unsigned eventType, unsigned long long pid, const Sub
     setText(event->process_info.process_user_name, "svc");
     auto& detail = event->detail;
     switch (eventType) {
-    case 1:
-        detail.process.process_id = pid + 1000;
-        setText(detail.process.process_path, subject.text);
-        setText(detail.process.process_cmd_line, subject.text + " -c true");
-        break;
-    case 15:
-        detail.connect.dst_port = subject.port;
-        detail.connect.src_port = 40000;
-        setText(detail.connect.dst_ip, subject.text);
-        setText(detail.connect.protocol, subject.protocol);
-        break;
-    case 16:
-        setText(detail.dns.query_name, subject.text);
-        setText(detail.dns.query_result, "10.1.1.1");
-        break;
-    case 17:
-        detail.listen.port = subject.port;
-        setText(detail.listen.address, "0.0.0.0");
-        setText(detail.listen.protocol, subject.protocol);
-        break;
-    default:
-        setText(detail.file.file_name, subject.text);
-        setText(detail.file.prev_file_name, eventType == 9 ? subject.text + ".old" : "");
-        setText(detail.file.file_permissions, "0644");
+        case 1:
+            detail.process.process_id = pid + 1000;
+            setText(detail.process.process_path, subject.text);
+            setText(detail.process.process_cmd_line, subject.text + " -c true");
+            break;
+        case 15:
+            detail.connect.dst_port = subject.port;
+            detail.connect.src_port = 40000;
+            setText(detail.connect.dst_ip, subject.text);
+            setText(detail.connect.protocol, subject.protocol);
+            break;
+        case 16:
+            setText(detail.dns.query_name, subject.text);
+            setText(detail.dns.query_result, "10.1.1.1");
+            break;
+        case 17:
+            detail.listen.port = subject.port;
+            setText(detail.listen.address, "0.0.0.0");
+            setText(detail.listen.protocol, subject.protocol);
+            break;
+        default:
+            setText(detail.file.file_name, subject.text);
+            setText(detail.file.prev_file_name, eventType == 9 ? subject.text + ".old" : "");
+            setText(detail.file.file_permissions, "0644");
     }
     return event;
 }

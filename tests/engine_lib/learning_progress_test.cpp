@@ -49,8 +49,15 @@ TEST(LearningProgressTest, StableOnceTheLastQuarterOfTheLearningPeriodBroughtNot
     auto engine = startedEngine<RaspInterface>(8);  // a quarter is two minutes
     EXPECT_FALSE(progressOf(*engine).stable) << "nothing learned yet";
     unsigned next = 0;
-    learnMinutes(*engine, {{3, 3, false}, {1, 4, false}, {0, 4, false}, {0, 4, true}, {2, 6, false},
-                           {0, 6, false}, {0, 6, true}, {0, 6, true}},
+    learnMinutes(*engine,
+                 {{3, 3, false},
+                  {1, 4, false},
+                  {0, 4, false},
+                  {0, 4, true},
+                  {2, 6, false},
+                  {0, 6, false},
+                  {0, 6, true},
+                  {0, 6, true}},
                  next);
     EXPECT_NE(engine->getModelStatus("shop").find("FILTER_PEROID"), std::string::npos);
     feed(*engine, {"write /var/shop/zzz.html"});

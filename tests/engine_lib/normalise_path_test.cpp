@@ -59,7 +59,8 @@ TEST(NormalisePathTest, HostFileEventsFoldVariableRunsAndKeepDirectoriesAndExten
 
 TEST(NormalisePathTest, RuntimeApplicationFileActionsFollowTheSameRules) {
     expectCases<RaspInterface>(pathCases("write"));
-    expectCases<RaspInterface>({{"actions stay apart", {"write /var/shop/upload/1.jpg"}, {"delete /var/shop/upload/2.jpg"}, false}});
+    expectCases<RaspInterface>(
+        {{"actions stay apart", {"write /var/shop/upload/1.jpg"}, {"delete /var/shop/upload/2.jpg"}, false}});
 }
 
 TEST(NormalisePathTest, AFedBackFileAlarmTeachesItsPattern) {

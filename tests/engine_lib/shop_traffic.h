@@ -27,24 +27,36 @@ public:
         ShopRequest r;
         session(r);
         unsigned kind = number(0, 99);
-        if (kind < 30) productView(r);
-        else if (kind < 50) search(r);
-        else if (kind < 65) cartAdd(r);
-        else if (kind < 73) checkout(r);
-        else if (kind < 83) orderHistory(r);
-        else if (kind < 91) login(r);
-        else if (kind < 97) imageUpload(r);
-        else adminExport(r);
+        if (kind < 30)
+            productView(r);
+        else if (kind < 50)
+            search(r);
+        else if (kind < 65)
+            cartAdd(r);
+        else if (kind < 73)
+            checkout(r);
+        else if (kind < 83)
+            orderHistory(r);
+        else if (kind < 91)
+            login(r);
+        else if (kind < 97)
+            imageUpload(r);
+        else
+            adminExport(r);
         r.host.push_back("connect 10.0.0.5 3306 tcp " + std::to_string(number(32768, 60999)));
         if (number(0, 99) < 2) r.host.push_back(number(0, 1) ? "listen 8080 tcp" : "listen 9000 tcp");
         return r;
     }
 
 private:
-    unsigned number(unsigned low, unsigned high) { return std::uniform_int_distribution<unsigned>(low, high)(m_random); }
+    unsigned number(unsigned low, unsigned high) {
+        return std::uniform_int_distribution<unsigned>(low, high)(m_random);
+    }
     std::string id() { return std::to_string(m_day * 100000 + number(1, 99999)); }
     template <std::size_t N>
-    const char* pick(const char* const (&choices)[N]) { return choices[number(0, N - 1)]; }
+    const char* pick(const char* const (&choices)[N]) {
+        return choices[number(0, N - 1)];
+    }
     std::string chars(std::size_t n, const char* alphabet) {
         std::string text;
         std::size_t size = std::char_traits<char>::length(alphabet);
@@ -79,15 +91,12 @@ private:
     // The same statement in the layouts different code paths produce.
     std::string layout(std::string sql) {
         switch (number(0, 3)) {
-        case 0:
-            for (char& c : sql) c = static_cast<char>(c == ' ' && number(0, 5) == 0 ? '\n' : c);
-            return sql;
-        case 1:
-            return "/* request_id=" + uuid() + " */ " + sql;
-        case 2:
-            return sql + ";";
-        default:
-            return sql;
+            case 0:
+                for (char& c : sql) c = static_cast<char>(c == ' ' && number(0, 5) == 0 ? '\n' : c);
+                return sql;
+            case 1: return "/* request_id=" + uuid() + " */ " + sql;
+            case 2: return sql + ";";
+            default: return sql;
         }
     }
     void sql(ShopRequest& r, const std::string& text) { r.rasp.push_back("mysql " + layout(text)); }
@@ -187,8 +196,8 @@ private:
         file(r, "write", upload);
         file(r, "write", image);
         file(r, "delete", upload);
-        run(r, "/usr/bin/convert", image + " -resize " + width + "x" + width + " -quality " +
-                                       std::to_string(number(70, 90)) + " " + thumb);
+        run(r, "/usr/bin/convert",
+            image + " -resize " + width + "x" + width + " -quality " + std::to_string(number(70, 90)) + " " + thumb);
         file(r, "write", thumb);
         sql(r, "INSERT INTO images (product_id, url, pos) VALUES (" + id() + ", '" + image.substr(10) + "', " +
                    std::to_string(number(0, 7)) + ")");

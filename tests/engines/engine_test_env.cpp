@@ -117,7 +117,10 @@ time_t FakeClock::now() {
 }
 
 void FakeClock::gate(bool on) {
-    with_clock([on](ClockState& c) { c.gated = on; c.permits = 0; });
+    with_clock([on](ClockState& c) {
+        c.gated = on;
+        c.permits = 0;
+    });
 }
 
 void FakeClock::allowSleeps(int n) {
@@ -138,8 +141,10 @@ void FakeClock::setRealPause(std::chrono::microseconds pause) {
 
 void FakeClock::holdThread(const std::string& threadName, bool held) {
     with_clock([&](ClockState& c) {
-        if (held) c.held[threadName] = 0;
-        else c.held.erase(threadName);
+        if (held)
+            c.held[threadName] = 0;
+        else
+            c.held.erase(threadName);
     });
 }
 

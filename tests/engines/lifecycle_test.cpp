@@ -47,9 +47,15 @@ TEST_F(EngineTest, StartsInOrderWithItsDirectoriesAndWithoutAConfigFile) {
         const char* modelDir;
         const char* logDir;
     } rows[] = {
-        {Engine::Rasp, false, {"getRaspInterface", "loadModel", "getModelStatus"}, "var/base/raspModel",
+        {Engine::Rasp,
+         false,
+         {"getRaspInterface", "loadModel", "getModelStatus"},
+         "var/base/raspModel",
          "var/base/raspOriginLog"},
-        {Engine::Base, true, {"getBaseInterface", "setConfig", "loadModel", "getModelStatus"}, "var/base/model",
+        {Engine::Base,
+         true,
+         {"getBaseInterface", "setConfig", "loadModel", "getModelStatus"},
+         "var/base/model",
          "var/base/originLog"},
     };
     for (const auto& row : rows) {
@@ -62,8 +68,8 @@ TEST_F(EngineTest, StartsInOrderWithItsDirectoriesAndWithoutAConfigFile) {
         std::vector<std::string> ops = Library::instance().opSequence(row.engine);
         EXPECT_EQ(row.ops, std::vector<std::string>(ops.begin(), ops.begin() + row.ops.size()));
         if (row.config) {
-            EXPECT_TRUE(same_path(Library::instance().calls(row.engine, "setConfig")[0].text,
-                                  path("config/baseConfig.ini")));
+            EXPECT_TRUE(
+                same_path(Library::instance().calls(row.engine, "setConfig")[0].text, path("config/baseConfig.ini")));
         }
         EXPECT_EQ(!row.config, log.contains("config not exists", 1));
         EXPECT_TRUE(same_path(Library::instance().calls(row.engine, "loadModel")[0].text, path(row.modelDir)));

@@ -20,8 +20,7 @@ namespace {
 enum { kEngineLock = 1, kQueueLock = 2 };
 
 orv_mutex_t* engine_lock(Engine engine) {
-    return engine == Engine::Base ? &BaseEngine::GetInstance()->m_engineLock
-                                  : &RaspEngine::GetInstance()->m_engineLock;
+    return engine == Engine::Base ? &BaseEngine::GetInstance()->m_engineLock : &RaspEngine::GetInstance()->m_engineLock;
 }
 
 void probe_locks(Engine engine) {
@@ -92,7 +91,7 @@ TEST_P(LockTest, EveryOtherLibraryCallHoldsTheEngineLockAndNoQueueLock) {
         seen.insert(call.op);
         EXPECT_EQ(kEngineLock, call.locks) << call.op;
     }
-    const std::set<std::string> expected = {"processEvent", "saveOriginLog", "getBlackLog", "saveModel",
+    const std::set<std::string> expected = {"processEvent", "saveOriginLog",   "getBlackLog",  "saveModel",
                                             "elapseTime",   "getChangedModel", "getModelData", "getModelStatus"};
     EXPECT_EQ(expected, seen);
 }

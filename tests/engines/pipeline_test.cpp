@@ -81,8 +81,8 @@ INSTANTIATE_TEST_SUITE_P(
     Rules, OutcomeTest,
     ::testing::Values(
         Outcome{"OriginLogWhileLearning", Engine::Base, 6, {1, 0, 0, "LEARN_PEROID"}, true, false, false},
-        Outcome{"OriginFlagOutsideLearningFallsToAlarm", Engine::Base, 6, {1, 0, 0, "FILTER_PEROID"}, false, true,
-                false},
+        Outcome{
+            "OriginFlagOutsideLearningFallsToAlarm", Engine::Base, 6, {1, 0, 0, "FILTER_PEROID"}, false, true, false},
         Outcome{"AllZeroResultIsBlack", Engine::Base, 6, {0, 0, 0, ""}, false, true, false},
         Outcome{"AlarmWhileLearningWithoutOriginFlag", Engine::Base, 6, {0, 0, 0, "LEARN_PEROID"}, false, true, false},
         Outcome{"UndecidedInFilterPeriodIsDelayed", Engine::Base, 6, kDelay, false, false, true},
@@ -90,8 +90,8 @@ INSTANTIATE_TEST_SUITE_P(
         Outcome{"PeriodIsComparedExactly", Engine::Base, 6, {0, 0, 1, "FILTER_PEROID "}, false, false, false},
         Outcome{"RaspOriginLogWhileLearning", Engine::Rasp, 0, {1, 0, 0, "LEARN_PEROID"}, true, false, false},
         Outcome{"RaspBlackWithFlagOutsideLearning", Engine::Rasp, 0, {1, 0, 0, "OTHER"}, false, true, false},
-        Outcome{"RaspAlarmWhileLearningWithoutOriginFlag", Engine::Rasp, 0, {0, 0, 0, "LEARN_PEROID"}, false, true,
-                false},
+        Outcome{
+            "RaspAlarmWhileLearningWithoutOriginFlag", Engine::Rasp, 0, {0, 0, 0, "LEARN_PEROID"}, false, true, false},
         Outcome{"RaspNotBlackEnds", Engine::Rasp, 0, {0, 0, 1, "FILTER_PEROID"}, false, false, false},
         // The library writes nothing: the record's own starting verdict decides.
         Outcome{"RaspUntouchedRecordEnds", Engine::Rasp, 0, {0, 0, -1, ""}, false, false, false}),

@@ -57,8 +57,8 @@ TEST_P(ParseInputTest, ReadsTheModelBackAndReports) {
     _USR_INPUT input;
     input.oprType = row.oprType;
     input.modelName = row.model;
-    EXPECT_EQ(row.result, base ? BaseEngine::GetInstance()->parseInput(&input)
-                               : RaspEngine::GetInstance()->parseInput(&input));
+    EXPECT_EQ(row.result,
+              base ? BaseEngine::GetInstance()->parseInput(&input) : RaspEngine::GetInstance()->parseInput(&input));
     std::vector<fake_model::Call> status = Library::instance().calls(engine, "getModelStatus");
     ASSERT_EQ(row.result == 0 ? 0u : 1u, status.size());
     if (row.result != 0) {
@@ -86,10 +86,10 @@ INSTANTIATE_TEST_SUITE_P(Rows, ParseInputTest,
                          });
 
 TEST_F(StartedEnginesTest, AlarmsAreFedBackInOrderThenTheModelIsSavedOnce) {
-    EXPECT_TRUE(BaseEngine::GetInstance()->dealAlarmEvent(
-        "[{\"event_id\":\"FILE_CREATION\",\"model_name\":\"web\"},"
-        "{\"event_id\":\"NO_SUCH_EVENT\",\"model_name\":\"web\"},"
-        "{\"event_id\":\"FILE_DELETION\",\"model_name\":\"web\"}]"));
+    EXPECT_TRUE(
+        BaseEngine::GetInstance()->dealAlarmEvent("[{\"event_id\":\"FILE_CREATION\",\"model_name\":\"web\"},"
+                                                  "{\"event_id\":\"NO_SUCH_EVENT\",\"model_name\":\"web\"},"
+                                                  "{\"event_id\":\"FILE_DELETION\",\"model_name\":\"web\"}]"));
     EXPECT_TRUE(RaspEngine::GetInstance()->dealAlarmEvent(
         "[{\"action\":\"mysql\",\"model_name\":\"shop\",\"sql_command\":\"select 1\",\"url\":\"/cart\"},"
         "{\"action\":\"read\",\"model_name\":\"shop\",\"file_name\":\"/etc/x\",\"url\":\"/file\"}]"));

@@ -18,10 +18,8 @@ using fake_model::Verdict;
 
 TEST_F(EngineTest, EventsCommandsTimingAndFeedbackTogetherKeepTheLockRules) {
     FakeClock::setRealPause(std::chrono::microseconds(200));
-    const Verdict verdicts[] = {{1, 0, 1, "LEARN_PEROID"},
-                                {0, 0, 0, "FILTER_PEROID"},
-                                {0, 1, 1, "FILTER_PEROID"},
-                                {0, 2, 1, "FILTER_PEROID"}};
+    const Verdict verdicts[] = {
+        {1, 0, 1, "LEARN_PEROID"}, {0, 0, 0, "FILTER_PEROID"}, {0, 1, 1, "FILTER_PEROID"}, {0, 2, 1, "FILTER_PEROID"}};
     for (int i = 0; i < 400; ++i) {
         Library::instance().queueVerdict(Engine::Base, verdicts[i % 4]);
         Library::instance().queueVerdict(Engine::Rasp, verdicts[(i + 1) % 4]);

@@ -74,8 +74,9 @@ TEST_P(TimingTest, CountdownsFireAtPassesTwentyFortyAndTwelveHundred) {
     EXPECT_EQ(60, count("elapseTime"));
     // In one pass the five run in their order; the hourly ones ask for all models.
     std::vector<std::string> ops = Library::instance().opSequence(e);
-    EXPECT_EQ((std::vector<std::string>{"saveModel", "elapseTime", "getChangedModel", "getModelStatus", "getModelData"}),
-              std::vector<std::string>(ops.end() - 5, ops.end()));
+    EXPECT_EQ(
+        (std::vector<std::string>{"saveModel", "elapseTime", "getChangedModel", "getModelStatus", "getModelData"}),
+        std::vector<std::string>(ops.end() - 5, ops.end()));
     EXPECT_EQ("", Library::instance().calls(e, "getModelStatus")[1].text);
     EXPECT_EQ("", Library::instance().calls(e, "getModelData")[1].text);
     EXPECT_EQ(2u, uploads(GetParam().statusReport));

@@ -115,7 +115,11 @@ int number(const std::string& text) { return std::atoi(text.c_str()); }
 template <class Interface, class Event, Engine kEngine>
 class FakeObject : public Interface {
 public:
-    FakeObject() : m_object(locked([](State& s) { ++s.live[kEngine]; return ++s.serial[kEngine]; })) {}
+    FakeObject()
+        : m_object(locked([](State& s) {
+              ++s.live[kEngine];
+              return ++s.serial[kEngine];
+          })) {}
     ~FakeObject() override {
         record(Call(kEngine, "destroy", "", 0, m_object));
         locked([](State& s) { --s.live[kEngine]; });
@@ -204,9 +208,7 @@ std::vector<Call> Library::calls(Engine engine, const std::string& op) const {
     return out;
 }
 
-int Library::count(Engine engine, const std::string& op) const {
-    return static_cast<int>(calls(engine, op).size());
-}
+int Library::count(Engine engine, const std::string& op) const { return static_cast<int>(calls(engine, op).size()); }
 
 std::vector<std::string> Library::opSequence(Engine engine) const {
     std::vector<std::string> ops;

@@ -75,11 +75,11 @@ TEST(ForwardSettings, DefaultsAndRefusals) {
         }
     }
     problems.clear();
-    wlforward::ForwardSettings all = settingsFrom(
-        root.path(),
-        "[syslog]\nenabled=true\n[http]\nenabled=true\nurl=https://127.0.0.1:1/r\n[nats]\nenabled=true\n"
-        "url=nats://127.0.0.1:4222\n[file]\nenabled=false\n",
-        problems);
+    wlforward::ForwardSettings all =
+        settingsFrom(root.path(),
+                     "[syslog]\nenabled=true\n[http]\nenabled=true\nurl=https://127.0.0.1:1/r\n[nats]\nenabled=true\n"
+                     "url=nats://127.0.0.1:4222\n[file]\nenabled=false\n",
+                     problems);
     EXPECT_TRUE(problems.empty());
     EXPECT_EQ(wlforward::enabledSinks(all), (std::vector<std::string>{"syslog", "http", "nats"}));
     EXPECT_EQ(wlforward::fileSinks(all), (std::vector<std::string>{"http", "nats"}));
@@ -113,7 +113,8 @@ TEST(ReportSpool, ReportsAndUploadsLandInTheSpool) {
 TEST(ReportSpool, UploadBoundRemovesOldestAndCountsUnsentOnes) {
     TempRoot root;
     std::vector<std::string> problems;
-    wlforward::ForwardSettings s = settingsFrom(root.path(), "[spool]\nsync=false\nmax_upload_bytes=1048576\n", problems);
+    wlforward::ForwardSettings s =
+        settingsFrom(root.path(), "[spool]\nsync=false\nmax_upload_bytes=1048576\n", problems);
     ASSERT_TRUE(problems.empty()) << problems.front();
     ReportSpool spool(root.path(), false, s);
     ASSERT_EQ(spool.open(), "");
@@ -125,7 +126,8 @@ TEST(ReportSpool, UploadBoundRemovesOldestAndCountsUnsentOnes) {
         ASSERT_EQ(spool.addFile(3, path.c_str()), 0);
         // Distinct modification times, oldest first.
         struct timespec t[2] = {{1000 + i, 0}, {1000 + i, 0}};
-        ::utimensat(AT_FDCWD, (root.path() + "/var/spool/uploads/kind3/log" + std::to_string(i) + ".json").c_str(), t, 0);
+        ::utimensat(AT_FDCWD, (root.path() + "/var/spool/uploads/kind3/log" + std::to_string(i) + ".json").c_str(), t,
+                    0);
     }
     struct stat st;
     EXPECT_NE(::stat((root.path() + "/var/spool/uploads/kind3/log0.json").c_str(), &st), 0);

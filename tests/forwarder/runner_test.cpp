@@ -62,7 +62,8 @@ struct Fixture : ::testing::Test {
     void spool(int count, int from = 0) {
         std::string error;
         for (int i = from; i < from + count; ++i) {
-            ASSERT_TRUE(writer.append("{\"type\":\"alarm\",\"host_uuid\":\"h\",\"n\":" + std::to_string(i) + "}", error));
+            ASSERT_TRUE(
+                writer.append("{\"type\":\"alarm\",\"host_uuid\":\"h\",\"n\":" + std::to_string(i) + "}", error));
         }
     }
     std::unique_ptr<SinkRunner> runner(Sink& sink, size_t batch = 10) {
@@ -135,7 +136,7 @@ TEST_F(Fixture, SinkDownBacksOffKeepsItsPlaceAndLosesNothing) {
     std::vector<milliseconds> pauses;
     for (int i = 0; i < 5; ++i) pauses.push_back(r->pauseAfter(r->step()));
     EXPECT_EQ(pauses, (std::vector<milliseconds>{milliseconds(1000), milliseconds(2000), milliseconds(4000),
-                                                milliseconds(8000), milliseconds(8000)}));
+                                                 milliseconds(8000), milliseconds(8000)}));
     SinkCounters down = r->counters();
     EXPECT_FALSE(down.up);
     EXPECT_EQ(down.failed, 5u);

@@ -23,8 +23,8 @@ TEST(Envelope, RouteOfAnyLine) {
         const char* seq;
         bool valid;
     } cases[] = {
-        {"{\"send_time\":\"t\",\"host_uuid\":\"H-1\",\"seq_id\":\"42\",\"type\":\"alarm\",\"alarm\":{}}", "alarm", "H-1",
-         "42", true},
+        {"{\"send_time\":\"t\",\"host_uuid\":\"H-1\",\"seq_id\":\"42\",\"type\":\"alarm\",\"alarm\":{}}", "alarm",
+         "H-1", "42", true},
         {"{\"type\":\"open_proc\",\"open_proc\":[]}", "open_proc", "unknown", "", true},
         {"{\"type\":7}", "unknown", "unknown", "", false},
         {"[1,2]", "unknown", "unknown", "", false},

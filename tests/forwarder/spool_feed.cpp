@@ -31,9 +31,10 @@ int main(int argc, char** argv) {
     const char* types[] = {"alarm", "learn_status", "rasp_alarm"};
     for (long seq = first; seq < first + count; ++seq) {
         std::string type = types[seq % 3];
-        std::string envelope = "{\"send_time\":\"2024-01-01 00:00:00\",\"host_uuid\":\"e2e-host\",\"host_ip\":"
-                               "\"127.0.0.1\",\"ip_list\":\"127.0.0.1\",\"seq_id\":\"" + std::to_string(seq) +
-                               "\",\"type\":\"" + type + "\",\"" + type + "\":{\"n\":" + std::to_string(seq) + "}}";
+        std::string envelope =
+            "{\"send_time\":\"2024-01-01 00:00:00\",\"host_uuid\":\"e2e-host\",\"host_ip\":"
+            "\"127.0.0.1\",\"ip_list\":\"127.0.0.1\",\"seq_id\":\"" +
+            std::to_string(seq) + "\",\"type\":\"" + type + "\",\"" + type + "\":{\"n\":" + std::to_string(seq) + "}}";
         if (spool.add(envelope.c_str(), static_cast<int>(envelope.size())) != 0) return 1;
     }
     if (argc == 7 && spool.addFile(std::atoi(argv[5]), argv[6]) != 0) return 1;

@@ -125,7 +125,7 @@ TEST_F(Fixture, PartlySentFileCountsOnlyItsUnsentLines) {
     SpoolWriter w(stream, SpoolLimits{1024, 2048, false}, floorFn());
     std::string error;
     ASSERT_TRUE(w.open(error)) << error;
-    floor = 5 * kLine;  // the slowest sink has the first five
+    floor = 5 * kLine;                                     // the slowest sink has the first five
     const int count = static_cast<int>(2 * kPerFile + 1);  // the first file has to go
     for (int i = 0; i < count; ++i) ASSERT_TRUE(w.append(report(i), error)) << error;
     std::vector<std::string> left = readAll(stream);
@@ -255,9 +255,11 @@ TEST(SpoolStateText, ParsesWhatItWritesAndRefusesTheRest) {
         "{\"generation\":1,\"dropped\":0,\"dropped_bytes\":0}",
         "{\"generation\":-1,\"files\":[],\"dropped\":0,\"dropped_bytes\":0}",
         "{\"generation\":1.5,\"files\":[],\"dropped\":0,\"dropped_bytes\":0}",
-        "{\"generation\":1,\"files\":[{\"name\":\"../x\",\"ino\":\"1\",\"start\":0}],\"dropped\":0,\"dropped_bytes\":0}",
+        "{\"generation\":1,\"files\":[{\"name\":\"../"
+        "x\",\"ino\":\"1\",\"start\":0}],\"dropped\":0,\"dropped_bytes\":0}",
         "{\"generation\":1,\"files\":[{\"name\":\"a\",\"ino\":\"-1\",\"start\":0}],\"dropped\":0,\"dropped_bytes\":0}",
-        "{\"generation\":1,\"files\":[{\"name\":\"a\",\"ino\":\"1\",\"start\":9},{\"name\":\"b\",\"ino\":\"2\",\"start\":3}],"
+        "{\"generation\":1,\"files\":[{\"name\":\"a\",\"ino\":\"1\",\"start\":9},{\"name\":\"b\",\"ino\":\"2\","
+        "\"start\":3}],"
         "\"dropped\":0,\"dropped_bytes\":0}",
     };
     for (const char* text : bad) EXPECT_FALSE(parseState(text, back, error)) << text;

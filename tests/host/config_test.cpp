@@ -12,7 +12,10 @@ namespace {
 
 TEST_F(HostTest, PortFile) {
     // Ports front to back: the file's order reversed.
-    struct Case { const char* body; std::vector<int> ports; };
+    struct Case {
+        const char* body;
+        std::vector<int> ports;
+    };
     const Case cases[] = {
         {"[port]\ncount=3\nport_0=80\nport_2=443\n", {443, 80}},
         {"[port]\ncount=2\nport_0=0x1F90\nport_1=010\n", {8, 8080}},
@@ -52,7 +55,11 @@ TEST_F(HostTest, ReplySwitchesTheTimers) {
     const Calls on = {"init_whitelist_timer(ctx)", "init_whitelist_rasp_timer(ctx)"};
     const Calls off = {"uninit_whitelist_timer(ctx)", "uninit_whitelist_rasp_timer(ctx)"};
     const std::string entry = R"({"module_type":"white_list_module","switch_status":)";
-    struct Case { std::string text; int status; Calls calls; };
+    struct Case {
+        std::string text;
+        int status;
+        Calls calls;
+    };
     const Case cases[] = {
         {"[" + entry + "1}]", 0, on},
         {"[" + entry + "2}]", 0, off},

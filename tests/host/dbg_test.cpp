@@ -27,7 +27,11 @@ protected:
 };
 
 TEST_F(HostDbgTest, StatusHandlersAnswerAndOnlyTheFirstMovesOneToTwo) {
-    struct Case { bool run_status; int before; int after; };
+    struct Case {
+        bool run_status;
+        int before;
+        int after;
+    };
     for (const Case& c : {Case{false, 1, 2}, Case{false, 0, 0}, Case{false, 3, 3}, Case{true, 1, 1}}) {
         SCOPED_TRACE(::testing::Message() << c.run_status << "/" << c.before);
         host_doubles::reset();
@@ -42,14 +46,25 @@ TEST_F(HostDbgTest, CommandsReachTheirHandlersWithoutGates) {
     // The fresh context has the engine off and no assets: no gate applies here.
     // RASP handlers get the full code.
     const std::pair<const char*, std::vector<std::string>> cases[] = {
-        {"0", {"whitelist_engine_switch"}},         {"1", {"whitelist_base_task_start"}},
-        {"2", {"whitelist_base_task_interact(2)"}}, {"3", {"whitelist_base_task_interact(3)"}},
-        {"4", {"whitelist_base_task_interact(4)"}}, {"6", {"whitelist_base_task_delete(6)"}},
-        {"101", {"whitelist_rasp_task_start"}},     {"103", {"whitelist_rasp_task_interact(103)"}},
-        {"102", {"whitelist_rasp_task_interact(102)"}}, {"104", {"whitelist_rasp_task_interact(104)"}},
+        {"0", {"whitelist_engine_switch"}},
+        {"1", {"whitelist_base_task_start"}},
+        {"2", {"whitelist_base_task_interact(2)"}},
+        {"3", {"whitelist_base_task_interact(3)"}},
+        {"4", {"whitelist_base_task_interact(4)"}},
+        {"6", {"whitelist_base_task_delete(6)"}},
+        {"101", {"whitelist_rasp_task_start"}},
+        {"103", {"whitelist_rasp_task_interact(103)"}},
+        {"102", {"whitelist_rasp_task_interact(102)"}},
+        {"104", {"whitelist_rasp_task_interact(104)"}},
         {"106", {"whitelist_rasp_task_delete(106)"}},
-        {"5", {}}, {"7", {}}, {"105", {}}, {"107", {}}, {"-1", {}}, {"4294967298", {}},
-        {R"(8,"path":"/var/base/originLog/1.log")", {}}, {R"(8,"path":7)", {}},
+        {"5", {}},
+        {"7", {}},
+        {"105", {}},
+        {"107", {}},
+        {"-1", {}},
+        {"4294967298", {}},
+        {R"(8,"path":"/var/base/originLog/1.log")", {}},
+        {R"(8,"path":7)", {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.first);
@@ -65,9 +80,9 @@ TEST_F(HostDbgTest, CommandsReachTheirHandlersWithoutGates) {
 
 TEST_F(HostDbgTest, MessagesWithoutANumericCodeAreRefused) {
     const std::pair<const char*, const char*> cases[] = {
-        {"7", "invalid input msg"},        {"not json", "invalid input msg"},
-        {"[1]", "invalid input msg"},      {R"({"opr_code":"1"})", "invalid input msg"},
-        {"{}", "invalid input msg"},       {R"({"opr_code":null})", "invalid input msg"},
+        {"7", "invalid input msg"},    {"not json", "invalid input msg"},
+        {"[1]", "invalid input msg"},  {R"({"opr_code":"1"})", "invalid input msg"},
+        {"{}", "invalid input msg"},   {R"({"opr_code":null})", "invalid input msg"},
         {nullptr, "recv msg is null"},
     };
     for (const auto& [msg, message] : cases) {

@@ -53,12 +53,12 @@ TEST_F(HostDispatchTest, CommandsThatReachNoHandler) {
 
 TEST_F(HostDispatchTest, EachCodeReachesItsHandler) {
     const std::pair<int, const char*> cases[] = {
-        {1, "whitelist_base_task_start"},          {2, "whitelist_base_task_interact(2)"},
-        {3, "whitelist_base_task_interact(3)"},    {4, "whitelist_base_task_interact(4)"},
-        {5, "whitelist_upload_org_log"},           {6, "whitelist_base_task_delete(6)"},
-        {7, "whitelist_base_task_feedback(7)"},    {101, "whitelist_rasp_task_start"},
-        {102, "whitelist_rasp_task_interact(2)"},  {103, "whitelist_rasp_task_interact(3)"},
-        {104, "whitelist_rasp_task_interact(4)"},  {105, "whitelist_upload_rasp_org_log"},
+        {1, "whitelist_base_task_start"},         {2, "whitelist_base_task_interact(2)"},
+        {3, "whitelist_base_task_interact(3)"},   {4, "whitelist_base_task_interact(4)"},
+        {5, "whitelist_upload_org_log"},          {6, "whitelist_base_task_delete(6)"},
+        {7, "whitelist_base_task_feedback(7)"},   {101, "whitelist_rasp_task_start"},
+        {102, "whitelist_rasp_task_interact(2)"}, {103, "whitelist_rasp_task_interact(3)"},
+        {104, "whitelist_rasp_task_interact(4)"}, {105, "whitelist_upload_rasp_org_log"},
         {106, "whitelist_rasp_task_delete(6)"},
     };
     for (const auto& c : cases) {

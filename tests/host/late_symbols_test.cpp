@@ -36,8 +36,7 @@ TEST_F(HostLateSymbolsTest, MissingThenFound) {
     agent_symbols::set_header(header);
 
     EXPECT_EQ(whitelist_upload_data(R"({"a":1})", 0), -100);
-    EXPECT_EQ(m_log.count("load host_state symbol: get_log_ctm_header_util_v2 failed, errno: ", 1), 1)
-        << m_log.dump();
+    EXPECT_EQ(m_log.count("load host_state symbol: get_log_ctm_header_util_v2 failed, errno: ", 1), 1) << m_log.dump();
     EXPECT_TRUE(agent_symbols::uploads().empty());
 
     // Without g_ms_conf the switch can't be read: the pass runs as switched on.

@@ -10,8 +10,7 @@ using Calls = std::vector<std::string>;
 
 namespace {
 
-const Calls kActivePass = {"cl_ev_loop_nowait(1)", "cl_event_loop_once", "task_loop_once",
-                           "orv_event_timedwait(2000)"};
+const Calls kActivePass = {"cl_ev_loop_nowait(1)", "cl_event_loop_once", "task_loop_once", "orv_event_timedwait(2000)"};
 const Calls kSwitchedOffPass = {"cl_ev_loop_nowait(1)", "cl_event_loop_once", "usleep(5000000)"};
 
 class HostMainLoopTest : public HostTest {
@@ -32,10 +31,14 @@ protected:
 };
 
 TEST_F(HostMainLoopTest, ModuleSwitch) {
-    struct Case { uint16_t switching_on; uint16_t white_list_on; bool off; };
+    struct Case {
+        uint16_t switching_on;
+        uint16_t white_list_on;
+        bool off;
+    };
     // The high bytes show a read of the wrong width or order.
-    for (const Case& c : {Case{0, 0, false}, Case{1, 1, false}, Case{1, 0, true}, Case{0x100, 0, true},
-                          Case{1, 0x100, false}}) {
+    for (const Case& c :
+         {Case{0, 0, false}, Case{1, 1, false}, Case{1, 0, true}, Case{0x100, 0, true}, Case{1, 0x100, false}}) {
         SCOPED_TRACE(::testing::Message() << c.switching_on << "/" << c.white_list_on);
         ASSERT_TRUE(agent_symbols::set_module_switch(c.switching_on, c.white_list_on));
         EXPECT_EQ(pass(), c.off ? kSwitchedOffPass : kActivePass);
@@ -78,4 +81,3 @@ TEST_F(HostMainLoopTest, ACollectorThatFailsAgainIsLoggedAndTheFilterStillReload
 }
 
 }  // namespace
-

@@ -13,8 +13,8 @@ using Calls = std::vector<std::string>;
 
 namespace {
 
-const Calls kAssetQueries = {"get_asset_info_state_v2(5)", "get_asset_info_state_v2(3)",
-                             "get_asset_info_state_v2(9)", "get_asset_info_state_v2(7)"};
+const Calls kAssetQueries = {"get_asset_info_state_v2(5)", "get_asset_info_state_v2(3)", "get_asset_info_state_v2(9)",
+                             "get_asset_info_state_v2(7)"};
 
 Calls concat(Calls head, const Calls& tail) {
     head.insert(head.end(), tail.begin(), tail.end());
@@ -29,14 +29,15 @@ const Calls kFullTeardown = concat({"push_task_unreg_handler(WL_HDL)", "kem_ipc_
 
 TEST_F(HostTest, StartupReachesTheMainLoopInOrder) {
     ASSERT_EQ(whitelist_startup(&g_whitelist_context), 0) << m_log.dump();
-    Calls expected = {"orv_event_init(0,1)", "autolog_init(5)", "reg_ipc_handler(wl_dbg)",
-                      "push_task_reg_handler(WL_HDL)", "kem_ipc_create(wl_hdl,0)", "kem_addr_create(acfg,1,2)",
-                      "whitelist_msgbus_init", "whitelist_init_rasp_handler(transmit_rasp_data)",
-                      "vrccl_action_init", "whitelist_init_engine"};
+    Calls expected = {"orv_event_init(0,1)",      "autolog_init(5)",
+                      "reg_ipc_handler(wl_dbg)",  "push_task_reg_handler(WL_HDL)",
+                      "kem_ipc_create(wl_hdl,0)", "kem_addr_create(acfg,1,2)",
+                      "whitelist_msgbus_init",    "whitelist_init_rasp_handler(transmit_rasp_data)",
+                      "vrccl_action_init",        "whitelist_init_engine"};
     expected = concat(expected, kAssetQueries);
-    expected = concat(expected, {"upload_openport_process", "whitelist_base_update_open_process",
-                                 "whitelist_rasp_update_open_process", "kem_ipc_msg_recv",
-                                 "kem_ipc_make_request(1004)"});
+    expected =
+        concat(expected, {"upload_openport_process", "whitelist_base_update_open_process",
+                          "whitelist_rasp_update_open_process", "kem_ipc_msg_recv", "kem_ipc_make_request(1004)"});
     EXPECT_EQ(calls(), expected);
     EXPECT_EQ(g_whitelist_context.asset_ready, 1);
     EXPECT_EQ(state().msg_fn, &whitelist_cfg_update);
@@ -54,27 +55,41 @@ TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
         std::vector<std::pair<int, std::string>> messages;
     };
     const Case cases[] = {
-        {"orv_event_init", 12, concat({"orv_event_init(0,1)"}, kTeardownWithoutHandles),
+        {"orv_event_init",
+         12,
+         concat({"orv_event_init(0,1)"}, kTeardownWithoutHandles),
          {{1, "init task push start event fail"}}},
-        {"reg_ipc_handler", 5, concat({"reg_ipc_handler(wl_dbg)"}, without_handles),
+        {"reg_ipc_handler",
+         5,
+         concat({"reg_ipc_handler(wl_dbg)"}, without_handles),
          {{1, "init_ipc_handle failed, ipc name: ht_newhdl, error: 5"}, {1, "init ipc handler fail"}}},
-        {"push_task_reg_handler", 1, concat({"push_task_reg_handler(WL_HDL)"}, without_handles),
+        {"push_task_reg_handler",
+         1,
+         concat({"push_task_reg_handler(WL_HDL)"}, without_handles),
          {{1, "ipc task reg handler fail"}, {1, "init ipc handler fail"}}},
-        {"kem_ipc_create", 1, concat({"kem_ipc_create(wl_hdl,0)"}, concat(unreg_task, without_handles)),
+        {"kem_ipc_create",
+         1,
+         concat({"kem_ipc_create(wl_hdl,0)"}, concat(unreg_task, without_handles)),
          {{1, "create cfg ipc handle failure!"}, {1, "init ipc handler fail"}}},
-        {"kem_addr_create", 1,
+        {"kem_addr_create",
+         1,
          concat({"kem_addr_create(acfg,1,2)", "push_task_unreg_handler(WL_HDL)", "kem_ipc_destroy"}, without_handles),
          {{1, "create cfg addr failed."}, {1, "init ipc handler fail"}}},
-        {nullptr, 0, concat({"kem_addr_create(acfg,1,2)"}, kFullTeardown),
+        {nullptr,
+         0,
+         concat({"kem_addr_create(acfg,1,2)"}, kFullTeardown),
          {{1, "load config failed\n"}, {1, "init port filter list. ret -1"}, {1, "init resource fail"}}},
         {"whitelist_msgbus_init", 1, concat({"whitelist_msgbus_init"}, kFullTeardown), {{1, "init msgbus fail"}}},
-        {"whitelist_init_rasp_handler", -1, concat({"whitelist_init_rasp_handler(transmit_rasp_data)"}, kFullTeardown),
+        {"whitelist_init_rasp_handler",
+         -1,
+         concat({"whitelist_init_rasp_handler(transmit_rasp_data)"}, kFullTeardown),
          {{1, "init msgbus handler fail"}}},
         {"whitelist_init_engine", -1, concat({"whitelist_init_engine"}, kFullTeardown), {{2, "init engine fail"}}},
         // Reported after the open-port report, when the assets are ready.
-        {"kem_ipc_msg_recv", -3,
-         concat({"upload_openport_process", "whitelist_base_update_open_process",
-                 "whitelist_rasp_update_open_process", "kem_ipc_msg_recv"},
+        {"kem_ipc_msg_recv",
+         -3,
+         concat({"upload_openport_process", "whitelist_base_update_open_process", "whitelist_rasp_update_open_process",
+                 "kem_ipc_msg_recv"},
                 kFullTeardown),
          {{1, "kem_ipc_msg_recv failed, ret: -3."}, {2, "asset collection timeout"}}},
     };
@@ -83,8 +98,10 @@ TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
         host_doubles::reset();
         m_log.clear();
         writePortConfig("[port]\ncount=1\nport_0=443\n");
-        if (c.fails != nullptr) state().results[c.fails] = c.value;
-        else std::filesystem::remove(m_root + "/config/whitelist_port.cfg");
+        if (c.fails != nullptr)
+            state().results[c.fails] = c.value;
+        else
+            std::filesystem::remove(m_root + "/config/whitelist_port.cfg");
 
         EXPECT_EQ(whitelist_startup(&g_whitelist_context), -1);
 
@@ -102,7 +119,12 @@ TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
 }
 
 TEST_F(HostTest, StartupRetriesTheCollectorButGoesOnWithout) {
-    struct Case { std::deque<int> results; int default_result; int tries; int sleeps; };
+    struct Case {
+        std::deque<int> results;
+        int default_result;
+        int tries;
+        int sleeps;
+    };
     for (const Case& c : {Case{{}, 0, 1, 0}, Case{{-1, -1}, 0, 3, 2}, Case{{}, -1, 20, 20}}) {
         SCOPED_TRACE(c.tries);
         host_doubles::reset();
@@ -122,17 +144,17 @@ TEST_F(HostTest, StartupRetriesTheCollectorButGoesOnWithout) {
 TEST_F(HostTest, AssetWaitServesCommandsButRefusesStarts) {
     // Kind 9 is collected only at its third query.
     state().asset_state = [](int kind, int call) { return kind == 9 && call < 2 ? 0 : 1; };
-    for (const char* msg : {R"({"opr_code":1,"model":[]})", R"({"opr_code":101})", R"({"opr_code":2})",
-                            R"({"opr_code":104})"}) {
+    for (const char* msg :
+         {R"({"opr_code":1,"model":[]})", R"({"opr_code":101})", R"({"opr_code":2})", R"({"opr_code":104})"}) {
         host_doubles::state().tasks.push_back(msg);
     }
 
     ASSERT_EQ(whitelist_startup(&g_whitelist_context), 0) << m_log.dump();
 
     const Calls waiting = {"get_asset_info_state_v2(5)", "get_asset_info_state_v2(3)", "get_asset_info_state_v2(9)",
-                           "cl_ev_loop_nowait(1)", "cl_event_loop_once", "task_loop_once"};
-    Calls expected = concat(waiting, {"whitelist_base_task_interact(2)", "whitelist_rasp_task_interact(4)",
-                                      "usleep(3000000)"});
+                           "cl_ev_loop_nowait(1)",       "cl_event_loop_once",         "task_loop_once"};
+    Calls expected =
+        concat(waiting, {"whitelist_base_task_interact(2)", "whitelist_rasp_task_interact(4)", "usleep(3000000)"});
     expected = concat(expected, concat(waiting, {"usleep(3000000)"}));
     expected = concat(expected, concat(kAssetQueries, {"upload_openport_process"}));
     Calls actual = host_doubles::calls_from("get_asset_info_state_v2(5)");

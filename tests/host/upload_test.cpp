@@ -36,8 +36,8 @@ TEST_F(HostUploadTest, EnvelopeKeysInOrderAllStrings) {
 }
 
 TEST_F(HostUploadTest, EachTypeNamesItsPayload) {
-    const char* names[] = {"model", "learn_status", "alarm", "rasp_model", "rasp_learn_status", "rasp_alarm",
-                           "open_proc"};
+    const char* names[] = {"model",      "learn_status", "alarm", "rasp_model", "rasp_learn_status",
+                           "rasp_alarm", "open_proc"};
     for (int type = 0; type < 7; ++type) {
         ASSERT_EQ(whitelist_upload_data(R"([{"n":1}])", type), 0);
         std::string text = agent_symbols::uploads().at(type).text;
@@ -77,7 +77,9 @@ TEST_F(HostUploadTest, BadInputSendsNothing) {
 
 TEST_F(HostUploadTest, UploadServiceFailures) {
     // failure_level 0: no failure logged.
-    struct Case { int service_result, expected, failure_level; };
+    struct Case {
+        int service_result, expected, failure_level;
+    };
     for (const Case& c : {Case{3, 0, 0}, Case{-99, -1, 4}, Case{-100, -1, 2}}) {
         SCOPED_TRACE(c.service_result);
         agent_symbols::reset();

@@ -50,8 +50,11 @@ TEST_F(CatalogueTest, LoadKeepsOnlyUsableSections) {
         EXPECT_EQ((*g_model_array)[0].alarm, row.alarm_value) << what;
         EXPECT_EQ((*g_model_array)[0].port, row.ports) << what;
     }
-    EXPECT_TRUE(m_log.contains("load model. model_name web, app_name web_app, process_path /usr/bin/web, "
-                               "study_times 16, alarm true, port ,80,,443", 3)) << m_log.dump();
+    EXPECT_TRUE(
+        m_log.contains("load model. model_name web, app_name web_app, process_path /usr/bin/web, "
+                       "study_times 16, alarm true, port ,80,,443",
+                       3))
+        << m_log.dump();
 }
 
 TEST_F(CatalogueTest, AppendGoesBehindTheFilesCountNotTheMemoryList) {
@@ -96,7 +99,8 @@ TEST_F(CatalogueTest, AValueTheFileCannotHoldIsRefusedAndLogged) {
         whitelist_append_catalogue(g_base_catalogue, c.model);
         EXPECT_EQ(ini_value(file, "baseengine", "count"), "1");
         EXPECT_EQ(ini_value(file, "model_1", "model_name"), "<absent>");
-        EXPECT_TRUE(m_log.contains("\" not kept in ", 1) && m_log.contains("base_model.cfg: its model_name", 1)) << m_log.dump();
+        EXPECT_TRUE(m_log.contains("\" not kept in ", 1) && m_log.contains("base_model.cfg: its model_name", 1))
+            << m_log.dump();
     }
     EXPECT_EQ(g_model_array->size(), 4u) << "memory keeps them until the next restart";
 

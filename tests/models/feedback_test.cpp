@@ -18,7 +18,8 @@ protected:
 TEST_F(FeedbackTest, AlarmsGoByTheirSourceOuterFirst) {
     EXPECT_EQ(feedback(R"([{"alarm_source":0,"id":"in"},{"alarm_source":1,"id":"out"},
                           {"alarm_source":2,"id":"two"},{"alarm_source":-1,"id":"neg"},
-                          {"alarm_source":"1","id":"text"},"str"])"), 0);
+                          {"alarm_source":"1","id":"text"},"str"])"),
+              0);
     EXPECT_EQ(models_double::engine_sequence(),
               (std::vector<std::string>{"base:dealAlarmEvent", "rasp:dealAlarmEvent"}));
     EXPECT_EQ(called(Engine::Base, "dealAlarmEvent"),

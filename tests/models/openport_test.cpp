@@ -40,8 +40,8 @@ protected:
 TEST_F(OpenPortTest, KeepsClosedListeningEntriesOfOtherProcesses) {
     models_double::add_filter_port(80);
     set_open_ports({entry("22", "5", "/usr/sbin/sshd", "1"), entry("0x50", "5", "/usr/sbin/nginx"),
-                    entry("8081", "5", path("lib/bin/agent")),
-                    entry("8082", "5", path("vr_agent/bin/vr")), entry("8083", "5", "/usr/sbin/nginx")});
+                    entry("8081", "5", path("lib/bin/agent")), entry("8082", "5", path("vr_agent/bin/vr")),
+                    entry("8083", "5", "/usr/sbin/nginx")});
     EXPECT_EQ(report(), R"([{"open":0,"port":"8083","process_path":"/usr/sbin/nginx","process_id":"5",)"
                         R"("proto":"tcp","app_name":"nginx"}])");
     EXPECT_TRUE(m_log.contains("match filter port list 80", 4));
@@ -101,7 +101,9 @@ TEST_F(OpenPortTest, UploadSendsTheReportAsOpenProcUnlessAListIsMissing) {
         std::vector<std::string> sent;
     } rows[] = {
         {"empty", {}, 0, {"[]"}},
-        {"one entry", {entry("8083", "300", "/c")}, 0,
+        {"one entry",
+         {entry("8083", "300", "/c")},
+         0,
          {R"([{"open":0,"port":"8083","process_path":"/c","process_id":"300","proto":"tcp","type":"daemon",)"
           R"("app_name":"redis"}])"}},
         {"no app list", {entry("8083", "300", "/c")}, 9, {}},

@@ -33,7 +33,9 @@ TEST(ParseTest, StartElementsCarryOverWhatTheyLeaveOut) {
          "alarm":true,"port":[443,80]},
         {"model_name":"api"},
         "not an object",
-        {"model_name":7,"alarm":1,"port":[]}]}})", input), 0);
+        {"model_name":7,"alarm":1,"port":[]}]}})",
+                    input),
+              0);
     ASSERT_EQ(input.models.size(), 3u);
     EXPECT_EQ(input.models[0].study_times, 70000);
     const base_init_st& api = input.models[1];

@@ -29,7 +29,8 @@ protected:
 TEST_F(TaskTest, StartWithTheSecondAndFourthRefused) {
     script(Engine::Base).init_results = {true, false, true, false};
     EXPECT_EQ(start(R"([{"model_name":"a","study_times":5,"port":[80]},
-                                     {"model_name":"b"},{"model_name":"c"},{"model_name":"d"}])"), -1);
+                                     {"model_name":"b"},{"model_name":"c"},{"model_name":"d"}])"),
+              -1);
     EXPECT_EQ(model_names(*g_model_array), (std::vector<std::string>{"a", "c"}));
     EXPECT_EQ(ini_value(base_catalogue(), "baseengine", "count"), "2");
     EXPECT_EQ(ini_value(base_catalogue(), "model_1", "model_name"), "c");
@@ -58,8 +59,8 @@ TEST_F(TaskTest, InteractBuildsTheRecordFromTheOprArgument) {
     for (const auto& row : rows) {
         models_double::reset_engines();
         Engine engine = row.opr > 100 ? Engine::Rasp : Engine::Base;
-        EXPECT_EQ(command(row.opr > 100 ? whitelist_rasp_task_interact : whitelist_base_task_interact, row.opr,
-                          row.data), 0);
+        EXPECT_EQ(
+            command(row.opr > 100 ? whitelist_rasp_task_interact : whitelist_base_task_interact, row.opr, row.data), 0);
         auto calls = engine_calls(engine, "interactModel");
         ASSERT_EQ(calls.size(), 1u) << row.data;
         EXPECT_EQ(calls[0].input.oprType, row.opr_type) << row.data;

@@ -73,8 +73,7 @@ TEST_F(TrackingTest, ModelNotRunningIsSwitchedWithTwoAndItsIdsAreSwept) {
     models_double::set_asset(5, listen_json({{81, 2147483001}}));
     whitelist_base_update_open_process();
     whitelist_rasp_update_open_process();
-    EXPECT_EQ(models_double::engine_sequence(),
-              (std::vector<std::string>{"base:interactModel", "rasp:interactModel"}));
+    EXPECT_EQ(models_double::engine_sequence(), (std::vector<std::string>{"base:interactModel", "rasp:interactModel"}));
     for (auto engine : {models_double::Engine::Base, models_double::Engine::Rasp}) {
         auto calls = models_double::engine_calls(engine, "interactModel");
         ASSERT_EQ(calls.size(), 1u);
@@ -149,16 +148,18 @@ TEST_F(TrackingTest, PassFindsChildrenOneLevelDownTwiceAndMarksThemEvenWhenRefus
     EXPECT_EQ(input.childProcessMap, (PathPids{{exe, {(unsigned long long)family.m_child}}}));
     EXPECT_EQ(input.childProcessMapDup, input.childProcessMap);
     EXPECT_TRUE(m_log.contains("update model web info fail", 2));
-    EXPECT_EQ(subscribed(), (Subscribed{{VRCCL_ACTION_ADD_PID, family.m_leader}, {VRCCL_ACTION_ADD_PID, family.m_child}}));
-    EXPECT_EQ(*g_model_pid, (PidMarks{{(unsigned long long)family.m_leader, false},
-                                       {(unsigned long long)family.m_child, false}}));
+    EXPECT_EQ(subscribed(),
+              (Subscribed{{VRCCL_ACTION_ADD_PID, family.m_leader}, {VRCCL_ACTION_ADD_PID, family.m_child}}));
+    EXPECT_EQ(*g_model_pid,
+              (PidMarks{{(unsigned long long)family.m_leader, false}, {(unsigned long long)family.m_child, false}}));
 }
 
 TEST_F(TrackingTest, ProcWalkFilesEachProcessUnderItsParent) {
     ProcessFamily family;
     ASSERT_GT(family.m_grandchild, 0);
     process_tree tree = whitelist_scan_process_tree();
-    EXPECT_EQ(tree[(unsigned long long)family.m_leader], (std::set<unsigned long long>{(unsigned long long)family.m_child}));
+    EXPECT_EQ(tree[(unsigned long long)family.m_leader],
+              (std::set<unsigned long long>{(unsigned long long)family.m_child}));
     EXPECT_EQ(tree[(unsigned long long)family.m_child],
               (std::set<unsigned long long>{(unsigned long long)family.m_grandchild}));
     EXPECT_EQ(tree[(unsigned long long)getpid()].count((unsigned long long)family.m_leader), 1u);

@@ -15,9 +15,7 @@
 
 namespace {
 
-bool has(const std::string& text, const std::string& fragment) {
-    return text.find(fragment) != std::string::npos;
-}
+bool has(const std::string& text, const std::string& fragment) { return text.find(fragment) != std::string::npos; }
 
 // The engines open their logs from the module's work thread, whose own lines must stay in its file.
 TEST(Autolog, EachThreadKeepsTheFirstFileItBoundUntilDeinit) {

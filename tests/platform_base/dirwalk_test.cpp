@@ -47,8 +47,16 @@ TEST(Dirwalk, ListsInNameOrderByFlagsAndDoesNotFollowLinks) {
         Listing expected;
     } cases[] = {
         {0, 1, {{"b.txt", 0}, {"c", 1}, {"d.txt", 0}, {"empty", 1}, {"link", 0}}},
-        {1, 1, {{"b.txt", 0}, {"c", 1}, {"c/sub", 1}, {"c/sub/y", 0}, {"c/z.txt", 0}, {"d.txt", 0}, {"empty", 1},
-                {"link", 0}}},
+        {1,
+         1,
+         {{"b.txt", 0},
+          {"c", 1},
+          {"c/sub", 1},
+          {"c/sub/y", 0},
+          {"c/z.txt", 0},
+          {"d.txt", 0},
+          {"empty", 1},
+          {"link", 0}}},
         {1, 0, {{"b.txt", 0}, {"c/sub/y", 0}, {"c/z.txt", 0}, {"d.txt", 0}, {"link", 0}}},
     };
     for (const auto& c : cases) {

@@ -26,8 +26,8 @@ TEST(IniFile, SavedFileKeepsOrderEmptyValuesAndReadsBack) {
     Ini ini(ini_file_load(nullptr));
     ASSERT_TRUE(ini);
     const char* sets[][3] = {
-        {"head", "count", "2"},  {"model_b", "path", "/usr/sbin/nginx"}, {"model_b", "ports", ""},
-        {"model_a", "ports", "6379,16379"},
+        {"head", "count", "2"},   {"model_b", "path", "/usr/sbin/nginx"},
+        {"model_b", "ports", ""}, {"model_a", "ports", "6379,16379"},
         {"head", "count", "3"},  // replaced where it stands
         {"", "loose", "1"},      // keys without a section go first
     };
@@ -77,10 +77,10 @@ TEST(IniFile, BadInputIsRefusedAndLosesNothing) {
     // Each would not read back as it was set: refused, never altered.
     const char* refused[][3] = {
         {"s", "k", "two\nlines"}, {"s", "k", "cr at end\r"}, {"s", "k", " leading"}, {"s", "k", "trailing "},
-        {"s", "k", "\ttab"},      {"s", "k", "tab\t"},      {"s", "k", " "},        {"s", "a=b", "v"},
-        {"s", "", "v"},           {"s", ";k", "v"},         {"s", "#k", "v"},       {"s", "[k", "v"},
-        {"s", " k", "v"},         {"s", "k ", "v"},         {"s", "k\n", "v"},      {"s]x", "k", "v"},
-        {" s", "k", "v"},         {"s ", "k", "v"},         {"s\nx", "k", "v"},
+        {"s", "k", "\ttab"},      {"s", "k", "tab\t"},       {"s", "k", " "},        {"s", "a=b", "v"},
+        {"s", "", "v"},           {"s", ";k", "v"},          {"s", "#k", "v"},       {"s", "[k", "v"},
+        {"s", " k", "v"},         {"s", "k ", "v"},          {"s", "k\n", "v"},      {"s]x", "k", "v"},
+        {" s", "k", "v"},         {"s ", "k", "v"},          {"s\nx", "k", "v"},
     };
     for (const auto& r : refused) {
         errno = 0;
@@ -92,8 +92,11 @@ TEST(IniFile, BadInputIsRefusedAndLosesNothing) {
     EXPECT_EQ(valueOf(ini, " s", "k"), "<absent>") << "a refused section is not created";
 
     // What is accepted comes back byte for byte after a save.
-    const char* accepted[][3] = {{"s", "inner", "a  b\tc\rd"}, {"s", "eq", "x=y"}, {"s", "semi", ";not a comment"},
-                                 {"s", "empty", ""},        {"", "loose", "v"}};
+    const char* accepted[][3] = {{"s", "inner", "a  b\tc\rd"},
+                                 {"s", "eq", "x=y"},
+                                 {"s", "semi", ";not a comment"},
+                                 {"s", "empty", ""},
+                                 {"", "loose", "v"}};
     for (const auto& a : accepted) ASSERT_EQ(ini_file_set(ini.get(), a[0], a[1], a[2]), 0) << a[1];
     const std::string path = tmp / "back.ini";
     ASSERT_EQ(ini_file_save(ini.get(), path.c_str(), 1), 0);

@@ -59,8 +59,10 @@ TEST(OrvEvent, SetWakesWaitersTheRestTimeOut) {
             waiters.emplace_back([&] {
                 waiting++;
                 auto start = Clock::now();
-                if (orv_event_timedwait(ev.handle, 500, 0) == 0) woken++;
-                else EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(500));
+                if (orv_event_timedwait(ev.handle, 500, 0) == 0)
+                    woken++;
+                else
+                    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(500));
             });
         }
         while (waiting < 3) std::this_thread::yield();

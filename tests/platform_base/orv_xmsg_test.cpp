@@ -47,10 +47,7 @@ TEST(OrvXmsg, RoundTripKeepsNameAndBinaryFields) {
     EXPECT_STREQ(orv_xmsg_name(back.get()), "module_switch");
     const std::pair<const char*, std::string> cases[] = {
         {"module", "whitelist"},  // the first of two
-        {"blob", kBinary},
-        {"empty", ""},
-        {"key", "cut"},
-        {"keyIGNORED", "<absent>"},
+        {"blob", kBinary},       {"empty", ""}, {"key", "cut"}, {"keyIGNORED", "<absent>"},
     };
     for (const auto& c : cases) {
         size_t len = 0;

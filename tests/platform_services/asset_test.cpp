@@ -67,7 +67,10 @@ TEST_F(ServicesAssetTest, AgeLimitOfPublishedKinds) {
         bool available;
     };
     const Case cases[] = {
-        {86400, 86400, true}, {86401, 86400, false}, {86401, 0, true}, {86401, -1, true},
+        {86400, 86400, true},
+        {86401, 86400, false},
+        {86401, 0, true},
+        {86401, -1, true},
     };
     for (const Case& c : cases) {
         g_now = 1700000000 + c.elapsed;

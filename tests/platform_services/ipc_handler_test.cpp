@@ -52,7 +52,8 @@ TEST(ServicesIpcHandlerTest, EachCommandReachesItsSlotOnTheRegisteringThread) {
     const Case cases[] = {
         {IPC_HANDLER_CMD_STATUS, "", "recv_succ", "status " + std::to_string(IPC_HANDLER_CMD_STATUS) + " "},
         {IPC_HANDLER_CMD_RUN_STATUS, "", "recv_succ", "run_status " + std::to_string(IPC_HANDLER_CMD_RUN_STATUS) + " "},
-        {IPC_HANDLER_CMD_COMMAND, command, "<none>", "command " + std::to_string(IPC_HANDLER_CMD_COMMAND) + " " + command},
+        {IPC_HANDLER_CMD_COMMAND, command, "<none>",
+         "command " + std::to_string(IPC_HANDLER_CMD_COMMAND) + " " + command},
     };
     for (const Case& c : cases) {
         {

@@ -109,7 +109,8 @@ TEST_F(IpcLimitsTest, ClientRefusesAListenerThatIsNotTheAgents) {
                 std::uint32_t head[4];
                 if (peer < 0 || recv(peer, head, sizeof(head), MSG_WAITALL) != sizeof(head)) _exit(0);
                 std::string data(head[2], '\0');
-                if (head[2] > 0 && recv(peer, &data[0], data.size(), MSG_WAITALL) != static_cast<ssize_t>(data.size())) _exit(0);
+                if (head[2] > 0 && recv(peer, &data[0], data.size(), MSG_WAITALL) != static_cast<ssize_t>(data.size()))
+                    _exit(0);
                 const std::string answer = frame(head[1] + 1, head[3], data, head[2]);
                 send(peer, answer.data(), answer.size(), MSG_NOSIGNAL);
                 _exit(0);

@@ -48,8 +48,8 @@ protected:
     }
     int request(const char* to, unsigned int cmd, const std::string& data, int timeout_s) {
         m_addrs.push_back(kem_addr_create(to, 1, 2));
-        return kem_ipc_make_request(m_client, m_addrs.back(), cmd, data.data(),
-                                    static_cast<unsigned int>(data.size()), record_reply, nullptr, timeout_s);
+        return kem_ipc_make_request(m_client, m_addrs.back(), cmd, data.data(), static_cast<unsigned int>(data.size()),
+                                    record_reply, nullptr, timeout_s);
     }
     static bool pumpForReply() {
         return waitUntil(

@@ -78,7 +78,8 @@ protected:
     explicit TelemetryLimitsTest(std::vector<std::pair<std::string, std::string>> env = {})
         : m_env(withGroup(std::move(env))) {}
 
-    static std::vector<std::pair<std::string, std::string>> withGroup(std::vector<std::pair<std::string, std::string>> env) {
+    static std::vector<std::pair<std::string, std::string>> withGroup(
+        std::vector<std::pair<std::string, std::string>> env) {
         env.push_back({"WL_RASP_GROUP", "nogroup"});  // gid 65534, which the peers take
         return env;
     }
@@ -190,9 +191,10 @@ const PeerCase kPeerCases[] = {
 class TelemetryPeerTest : public TelemetryLimitsTest, public ::testing::WithParamInterface<PeerCase> {
 protected:
     TelemetryPeerTest()
-        : TelemetryLimitsTest(GetParam().env_peers ? std::vector<std::pair<std::string, std::string>>{
-                                                         {"WL_RASP_PEERS", GetParam().env_peers}}
-                                                   : std::vector<std::pair<std::string, std::string>>{}) {}
+        : TelemetryLimitsTest(
+              GetParam().env_peers
+                  ? std::vector<std::pair<std::string, std::string>>{{"WL_RASP_PEERS", GetParam().env_peers}}
+                  : std::vector<std::pair<std::string, std::string>>{}) {}
 };
 
 TEST_P(TelemetryPeerTest, AnotherUsersProcessIsAdmittedOnlyWhenAllowed) {
@@ -234,21 +236,22 @@ TEST_F(TelemetryLimitsTest, ALineMaySpeakOnlyForItsPeersOwnProcessOrThreads) {
             // A thread made with clone: a sanitizer may forbid pthreads in a forked child.
             static char stack[64 * 1024] __attribute__((aligned(16)));
             // ThreadSanitizer allows neither in a forked child: there the thread's line names the process.
-            const long tid = kThreadsInForkedChild
-                                 ? clone(idle_thread, stack + sizeof(stack),
-                                         CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM,
-                                         nullptr)
-                                 : getpid();
+            const long tid =
+                kThreadsInForkedChild
+                    ? clone(idle_thread, stack + sizeof(stack),
+                            CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM, nullptr)
+                    : getpid();
             if (tid <= 0) return std::string("<no thread>");
             const long self = getpid();
             const std::string lines[] = {
                 line_of(self, "own"),
                 line_of(1, "init's"),
                 line_of(tid, "thread's"),
-                "{\"pid\":\"" + std::to_string(self) + "\"}",                         // a string: read differently
-                "{\"pid\":" + std::to_string(self) + ",\"pid\":1}",                   // which one counts?
-                "{\"pid\":" + std::to_string(static_cast<long long>(self) + (1LL << 32)) + "}",                // low 32 bits are its own
-                "{\"data\":{\"pid\":" + std::to_string(self) + "}}",                  // not at the top
+                "{\"pid\":\"" + std::to_string(self) + "\"}",        // a string: read differently
+                "{\"pid\":" + std::to_string(self) + ",\"pid\":1}",  // which one counts?
+                "{\"pid\":" + std::to_string(static_cast<long long>(self) + (1LL << 32)) +
+                    "}",                                              // low 32 bits are its own
+                "{\"data\":{\"pid\":" + std::to_string(self) + "}}",  // not at the top
                 "[" + std::to_string(self) + "]",
                 line_of(self, "again"),
             };
@@ -265,7 +268,7 @@ TEST_F(TelemetryLimitsTest, ALineMaySpeakOnlyForItsPeersOwnProcessOrThreads) {
     const long tid = std::stol(report.substr(6));
     ASSERT_TRUE(waitUntil([] { return lines().size() >= 3; })) << m_log.dump();
     EXPECT_TRUE(lines() == (std::vector<std::string>{line_of(probe.pid(), "own"), line_of(tid, "thread's"),
-                                                      line_of(probe.pid(), "again")}));
+                                                     line_of(probe.pid(), "again")}));
     EXPECT_EQ(counter("refused_pid"), 6) << counters();
     EXPECT_TRUE(rootLineArrives(line_of(1, "root may speak for any"))) << "root is trusted with any pid";
 }

@@ -258,7 +258,8 @@ TEST_F(VrcclConnectedTest, RecordsReachTheReceiverByteExactAndStatusIsSkipped) {
     for (const Record& r : records) {
         ASSERT_TRUE(collector->sendRecord(r.subType, ++sequence, r.payload));
         const char status[] = "{\"backend\":\"fake\"}";
-        ASSERT_TRUE(collector->sendFrame(VRCCL_STATUS, std::vector<unsigned char>(status, status + sizeof(status) - 1)));
+        ASSERT_TRUE(
+            collector->sendFrame(VRCCL_STATUS, std::vector<unsigned char>(status, status + sizeof(status) - 1)));
     }
     ASSERT_TRUE(waitUntil([] { return counters().delivered == 4; })) << log.dump();
     std::vector<Delivered> got = delivered();

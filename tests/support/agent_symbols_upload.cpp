@@ -2,7 +2,6 @@
 // library that brings it later.
 #include "agent_symbols.h"
 
-extern "C" __attribute__((visibility("default"))) int _upload2mgr(int channel, const char* text, int length,
-                                                                   int mode) {
+extern "C" __attribute__((visibility("default"))) int _upload2mgr(int channel, const char* text, int length, int mode) {
     return agent_symbols::record_upload(channel, text, length, mode);
 }

@@ -37,9 +37,8 @@ ForkedPeer::ForkedPeer(std::function<std::string()> body, Options options) {
         ::close(report[0]);
         ::close(release[1]);
         std::string text;
-        if (options.as_nobody &&
-            (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
-             ::setresuid(kNobody, kNobody, kNobody) != 0)) {
+        if (options.as_nobody && (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
+                                  ::setresuid(kNobody, kNobody, kNobody) != 0)) {
             text = "<could not become nobody>";
         } else {
             text = body();
@@ -84,7 +83,8 @@ std::string ForkedPeer::report(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     std::string text;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return "<no report>";
         pollfd fd = {m_reportFd, POLLIN, 0};
         if (::poll(&fd, 1, static_cast<int>(left.count())) <= 0) continue;
@@ -125,7 +125,8 @@ std::string peer_read_until_closed(int fd, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     std::string got;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return "open:" + got;
         pollfd p = {fd, POLLIN, 0};
         if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;

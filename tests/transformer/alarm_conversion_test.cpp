@@ -99,13 +99,16 @@ TEST(TransformerRaspAlarm, DatabaseActionsCarryTheStatement) {
 }
 
 TEST(TransformerRaspAlarm, AddressTakesTheDestinationWhole) {
-    const std::string text = "[" + raspAlarm("address", "\"hostName\":\"h\",\"url\":\"/u\",\"dst_port\":0,"
-                                                        "\"dst_ip\":\"http://1.2.3.4:1/\"") + "]";
+    const std::string text = "[" +
+                             raspAlarm("address",
+                                       "\"hostName\":\"h\",\"url\":\"/u\",\"dst_port\":0,"
+                                       "\"dst_ip\":\"http://1.2.3.4:1/\"") +
+                             "]";
     std::vector<_RASP_EVENTINFO> events;
     ASSERT_TRUE(Transformer().judgeAlarmEventType(text, events));
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].dst_ip, "http://1.2.3.4:1/");  // no host reduction, unlike base alarms
-    EXPECT_EQ(events[0].port, "");                      // a zero port is no port
+    EXPECT_EQ(events[0].port, "");                     // a zero port is no port
     EXPECT_EQ(events[0].hostName, "h");
 }
 

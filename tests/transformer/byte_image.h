@@ -26,7 +26,9 @@ public:
     }
 
     template <typename T>
-    void putAt(std::size_t offset, T value) { put(offset, &value, sizeof(value)); }
+    void putAt(std::size_t offset, T value) {
+        put(offset, &value, sizeof(value));
+    }
     void putNarrow(std::size_t offset, const std::string& text) { put(offset, text.c_str(), text.size() + 1); }
     // A stored text: each byte sign-extended to a wide element.
     void putWideChars(std::size_t offset, const std::string& text) {

@@ -152,8 +152,9 @@ TEST_F(TransformerOriginLog, ProcessCreationFillsTheChildAndTheParent) {
 
 TEST_F(TransformerOriginLog, RenamingKeepsTheOldNameToItsNarrowCapacity) {
     const std::string oldName = "/srv/" + std::string(40, 'o');
-    ASSERT_TRUE(convert(envelope({event("FILE_RENAMING", kProcessKeys + ",\"file_name\":\"/srv/new\",\"prev_file_name\":\"" +
-                                                             oldName + "\",\"file_md5\":\"" + std::string(40, 'a') + "\"")})));
+    ASSERT_TRUE(
+        convert(envelope({event("FILE_RENAMING", kProcessKeys + ",\"file_name\":\"/srv/new\",\"prev_file_name\":\"" +
+                                                     oldName + "\",\"file_md5\":\"" + std::string(40, 'a') + "\"")})));
     ASSERT_EQ(m_events.size(), 1u);
     const _BASE_FILES_INFO& file = m_events[0].detail.file;
     EXPECT_EQ(wide(file.prev_file_name), oldName.substr(0, 32));

@@ -36,9 +36,9 @@ TEST_F(TransformerRaspConversion, RefusedTexts) {
 }
 
 TEST_F(TransformerRaspConversion, CommonFieldsKeepDefaults) {
-    const std::string text =
-        message("\"url\":\"http://app/login\",\"headers\":{\"Host\": \"app\"},\"param\":\"p=1\"",
-                "{\"type\":\"file\",\"action\":\"read\",\"data\":\"/etc/hosts\"}") + "\n";
+    const std::string text = message("\"url\":\"http://app/login\",\"headers\":{\"Host\": \"app\"},\"param\":\"p=1\"",
+                                     "{\"type\":\"file\",\"action\":\"read\",\"data\":\"/etc/hosts\"}") +
+                             "\n";
     _RASP_EVENTINFO event;
     event.match_verdict = 0;
     m_transformer.initRaspInfo(event);
@@ -88,7 +88,8 @@ TEST_F(TransformerRaspConversion, DatabaseActionsCarryTheStatement) {
         EXPECT_EQ(event.sql_text, statement);
 
         event = fresh();
-        EXPECT_TRUE(m_transformer.judgeEventType(message("", std::string("{\"action\":\"") + actions[i] + "\"}"), event))
+        EXPECT_TRUE(
+            m_transformer.judgeEventType(message("", std::string("{\"action\":\"") + actions[i] + "\"}"), event))
             << "true without the statement";
         EXPECT_EQ(event.sql_text, "");
     }

@@ -28,10 +28,10 @@ TEST(TransformerJsonReaders, IntegersAndTextsWithTheirEdges) {
         {"4294967296", 4294967296ULL, "0"},
         {"-1", 0, ""},
         {"true", 0, ""},
-        {"\"10.0.0.1:8080\"", 8080, "10.0.0.1:8080"},  // after the last colon
+        {"\"10.0.0.1:8080\"", 8080, "10.0.0.1:8080"},     // after the last colon
         {"\"-1\"", 4294967295ULL, "-1"},                  // strtoul wraps a negative text
         {"\"4294967296\"", 4294967295ULL, "4294967296"},  // texts are 32-bit: beyond saturates
-        {"\"a\\u0000b\"", 0, "a"},                      // up to the first zero byte
+        {"\"a\\u0000b\"", 0, "a"},                        // up to the first zero byte
     };
     for (const Case& c : cases) {
         rapidjson::Document doc = parsed(c.json);
@@ -64,8 +64,8 @@ TEST(TransformerStringToWchart, StoresWithinCapacityAndLeavesTheLastElementOfAFu
 
 TEST(TransformerWcharToString, KeepsTheLowByteAndRoundTrips) {
     const wchar_t sample[] = {static_cast<wchar_t>(0xFFFFFFE4), static_cast<wchar_t>(0x12345641), 0, 'z'};
-    EXPECT_EQ(wcharToString(sample), std::string("\xE4" "A"));
-
+    EXPECT_EQ(wcharToString(sample), std::string("\xE4"
+                                                 "A"));
 }
 
 TEST(TransformerSpiltDnsIp, ReducesToTheHostPart) {

@@ -59,8 +59,7 @@ TEST(ControlRequest, Refused) {
         {"{\"cmd\":\"alarms\",\"limit\":0.5}", "\"limit\" must be a whole number from 0 to 5000"},
         {"{\"cmd\":\"alarms\",\"limit\":5001}", "\"limit\" must be a whole number from 0 to 5000"},
         {"{\"cmd\":\"alarms\",\"since\":-1}", "\"since\" must be a whole number from 0 to 1000000000000"},
-        {"{\"cmd\":\"alarms\",\"model\":\"" + std::string(1025, 'x') + "\"}",
-         "\"model\" is longer than 1024 bytes"},
+        {"{\"cmd\":\"alarms\",\"model\":\"" + std::string(1025, 'x') + "\"}", "\"model\" is longer than 1024 bytes"},
         {"{\"cmd\":\"status\",\"pad\":\"" + std::string(wlagent::kMaxControlRequest, 'x') + "\"}",
          "the request is larger than 64 KiB"},
     };

@@ -98,7 +98,7 @@ TEST_F(ControlSocket, IdleClientIsDroppedAndOthersStillServed) {
     start(limits, [](const std::string&) { return std::string("{}"); });
     int idle = connectRaw();
     ASSERT_EQ(::write(idle, "{\"cmd\"", 6), 6);  // never finished
-    EXPECT_EQ(readAll(idle), "");                 // closed without an answer
+    EXPECT_EQ(readAll(idle), "");                // closed without an answer
     ::close(idle);
     EXPECT_EQ(wlctl::askAgent(path, "{}", 2000).json, "{}");
 }

@@ -51,7 +51,8 @@ protected:
             return std::string("{\"lost_kernel\":3,\"kinds\":{\"a\":{\"lost_queue\":1,\"lost_socket\":2}}}");
         };
         sources.forwarderStatus = [] {
-            return std::string("{\"sinks\":{\"file\":{\"failed\":4},\"http\":{\"failed\":1}},\"spool\":{\"dropped\":6}}");
+            return std::string(
+                "{\"sinks\":{\"file\":{\"failed\":4},\"http\":{\"failed\":1}},\"spool\":{\"dropped\":6}}");
         };
         sources.setModule = [this](bool on) {
             switched = on ? 1 : 0;
@@ -70,8 +71,10 @@ protected:
 };
 
 TEST_F(Service, ModelsJoinReportsAndCatalogue) {
-    ledger.record("{\"seq_id\":\"1\",\"type\":\"learn_status\",\"learn_status\":{\"model_name\":\"web\","
-                  "\"period\":\"LEARN_PEROID\",\"learned_seconds\":15,\"learn_time\":1,\"feature_count\":4}}", 1);
+    ledger.record(
+        "{\"seq_id\":\"1\",\"type\":\"learn_status\",\"learn_status\":{\"model_name\":\"web\","
+        "\"period\":\"LEARN_PEROID\",\"learned_seconds\":15,\"learn_time\":1,\"feature_count\":4}}",
+        1);
     CatalogueEntry web{"host", "web", "web", "/usr/sbin/nginx", "80,443", 1, true};
     CatalogueEntry api{"app", "api", "api", "/usr/bin/python3", "8000", 60, false};
     catalogue = {web, api};
@@ -111,7 +114,8 @@ TEST_F(Service, StatusGathersEveryDrop) {
 }
 
 TEST_F(Service, RepliesAndRefusals) {
-    ledger.record("{\"seq_id\":\"77\",\"type\":\"rasp_alarm\",\"rasp_alarm\":{\"model_name\":\"api\",\"action\":\"read\"}}", 1);
+    ledger.record(
+        "{\"seq_id\":\"77\",\"type\":\"rasp_alarm\",\"rasp_alarm\":{\"model_name\":\"api\",\"action\":\"read\"}}", 1);
     struct Case {
         const char* request;
         bool ok;

@@ -17,8 +17,10 @@ using wlagent::ReportLedger;
 
 std::string envelope(const std::string& seq, const std::string& type, const std::string& payload,
                      const std::string& sendTime = "2024-05-17 10:00:00") {
-    return "{\"send_time\":\"" + sendTime + "\",\"host_uuid\":\"u\",\"host_ip\":\"1.2.3.4\",\"ip_list\":\"\","
-           "\"seq_id\":\"" + seq + "\",\"type\":\"" + type + "\",\"" + type + "\":" + payload + "}";
+    return "{\"send_time\":\"" + sendTime +
+           "\",\"host_uuid\":\"u\",\"host_ip\":\"1.2.3.4\",\"ip_list\":\"\","
+           "\"seq_id\":\"" +
+           seq + "\",\"type\":\"" + type + "\",\"" + type + "\":" + payload + "}";
 }
 
 std::string hostAlarm(const std::string& model, const std::string& eventId, const std::string& extra = "") {
@@ -47,8 +49,8 @@ TEST(ReportLedger, CountsEachTypeAndRefusesWhatIsNoEnvelope) {
         {envelope("3", "rasp_model", "{\"models\":[]}"), true},
         {envelope("4", "alarm", hostAlarm("web", "DNS_QUERY")), true},
         {"not json", false},
-        {"{\"type\":\"alarm\"}", false},                                   // no payload under its type
-        {envelope("5", "weather", "{}"), false},                            // unknown type
+        {"{\"type\":\"alarm\"}", false},          // no payload under its type
+        {envelope("5", "weather", "{}"), false},  // unknown type
         {"[1,2]", false},
     };
     for (const Case& c : cases) EXPECT_EQ(ledger.record(c.text, 100), c.taken) << c.text;
@@ -75,8 +77,10 @@ TEST(ReportLedger, LostReportsAreCountedByType) {
 
 TEST(ReportLedger, ModelsFromSingleAndAllModelPayloadsPerEngine) {
     ReportLedger ledger;
-    ledger.record(envelope("1", "learn_status", "{\"models\":[{\"model_name\":\"a\",\"feature_count\":1},"
-                                                "{\"model_name\":\"b\",\"feature_count\":2},7]}"), 10);
+    ledger.record(envelope("1", "learn_status",
+                           "{\"models\":[{\"model_name\":\"a\",\"feature_count\":1},"
+                           "{\"model_name\":\"b\",\"feature_count\":2},7]}"),
+                  10);
     ledger.record(envelope("2", "rasp_learn_status", "{\"model_name\":\"a\",\"feature_count\":9}"), 11);
     ledger.record(envelope("3", "learn_status", "{\"model_name\":\"a\",\"feature_count\":5}"), 12);
     ledger.record(envelope("4", "model", "{\"model_name\":\"a\",\"features\":{\"dns\":[\"x\"]}}"), 13);
@@ -104,7 +108,8 @@ TEST(ReportLedger, AlarmKindsAndSubjects) {
         const char* kind;
         const char* subject;
     } cases[] = {
-        {"alarm", hostAlarm("m", "PROCESS_CREATION", ",\"process_cmd_line\":\"/bin/sh -c id\""), "process", "/bin/sh -c id"},
+        {"alarm", hostAlarm("m", "PROCESS_CREATION", ",\"process_cmd_line\":\"/bin/sh -c id\""), "process",
+         "/bin/sh -c id"},
         {"alarm", hostAlarm("m", "FILE_DELETION", ",\"file_name\":\"/etc/x\""), "file-delete", "/etc/x"},
         {"alarm", hostAlarm("m", "NETWORK_CONNECTION", ",\"dst_ip\":\"10.0.0.1\",\"dst_port\":443"), "connect",
          "10.0.0.1 port 443"},
@@ -158,12 +163,12 @@ TEST_F(AlarmLedger, FiltersOldestFirst) {
     Case cases[] = {
         {filter("", "", 0, 0, 1000), {"101", "102", "103", "104"}},
         {filter("web", "", 0, 0, 1000), {"101", "102"}},
-        {filter("", "file", 0, 0, 1000), {"102"}},              // a family of kinds
-        {filter("", "FILE_CREATION", 0, 0, 1000), {"102"}},     // the report's own word
+        {filter("", "file", 0, 0, 1000), {"102"}},           // a family of kinds
+        {filter("", "FILE_CREATION", 0, 0, 1000), {"102"}},  // the report's own word
         {filter("", "execute", 0, 0, 1000), {"103"}},
         {filter("", "", 2500, 0, 1000), {"103", "104"}},
-        {filter("", "", 0, 2, 1000), {"103", "104"}},            // following from ordinal 2
-        {filter("", "", 0, 0, 2), {"103", "104"}},               // the newest two
+        {filter("", "", 0, 2, 1000), {"103", "104"}},  // following from ordinal 2
+        {filter("", "", 0, 0, 2), {"103", "104"}},     // the newest two
         {filter("nobody", "", 0, 0, 1000), {}},
     };
     for (const Case& c : cases) {
@@ -228,7 +233,8 @@ TEST(ReportLedger, TooLargeReportIsCountedNotRead) {
     LedgerLimits limits;
     limits.maxReportBytes = 64;
     ReportLedger ledger(limits);
-    EXPECT_FALSE(ledger.record(envelope("1", "alarm", hostAlarm("m", "DNS_QUERY", ",\"x\":\"" + std::string(80, 'a') + "\"")), 1));
+    EXPECT_FALSE(ledger.record(
+        envelope("1", "alarm", hostAlarm("m", "DNS_QUERY", ",\"x\":\"" + std::string(80, 'a') + "\"")), 1));
     wljson::Ptr reports = take(ledger.reportsJson());
     EXPECT_EQ(wljson::number(reports.get(), "too_large"), 1);
 }
@@ -247,8 +253,8 @@ protected:
 
 TEST_F(SpoolDir, ReplaysRotatedFilesOldestFirst) {
     write("reports.jsonl.2", envelope("10", "learn_status", "{\"model_name\":\"w\",\"feature_count\":1}") + "\n");
-    write("reports.jsonl.1", envelope("11", "learn_status", "{\"model_name\":\"w\",\"feature_count\":2}") + "\n" +
-                                 "broken line\n\n");
+    write("reports.jsonl.1",
+          envelope("11", "learn_status", "{\"model_name\":\"w\",\"feature_count\":2}") + "\n" + "broken line\n\n");
     write("reports.jsonl", envelope("12", "alarm", hostAlarm("w", "DNS_QUERY"), "2024-05-17 10:00:05") + "\n" +
                                envelope("13", "learn_status", "{\"model_name\":\"w\",\"feature_count\":3}"));
     ReportLedger ledger;

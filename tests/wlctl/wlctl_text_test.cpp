@@ -14,8 +14,8 @@ TEST(ProgressBar, SharesAndUnknown) {
         double share;
         const char* bar;
     } cases[] = {
-        {0, "[..........]   0%"},     {0.35, "[###.......]  35%"}, {0.999, "[#########.]  99%"},
-        {1, "[##########] 100%"},     {1.5, "[##########] 100%"},  {-1, "[??????????]   unknown"},
+        {0, "[..........]   0%"}, {0.35, "[###.......]  35%"}, {0.999, "[#########.]  99%"},
+        {1, "[##########] 100%"}, {1.5, "[##########] 100%"},  {-1, "[??????????]   unknown"},
     };
     for (const Case& c : cases) EXPECT_EQ(progressBar(c.share, 10), c.bar) << c.share;
 }
@@ -35,9 +35,17 @@ TEST(ParseSince, Forms) {
         bool ok;
         std::time_t want;
     } cases[] = {
-        {"30s", true, now - 30}, {"10m", true, now - 600}, {"2h", true, now - 7200}, {"7d", true, now - 7 * 86400},
-        {"1699990000", true, 1699990000}, {"10x", false, 0}, {"m", false, 0}, {"", false, 0}, {"-5m", false, 0},
-        {"2024-13-40", false, 0}, {"1234567890123", false, 0},
+        {"30s", true, now - 30},
+        {"10m", true, now - 600},
+        {"2h", true, now - 7200},
+        {"7d", true, now - 7 * 86400},
+        {"1699990000", true, 1699990000},
+        {"10x", false, 0},
+        {"m", false, 0},
+        {"", false, 0},
+        {"-5m", false, 0},
+        {"2024-13-40", false, 0},
+        {"1234567890123", false, 0},
     };
     for (const Case& c : cases) {
         std::time_t out = 0;
@@ -60,9 +68,9 @@ TEST(Arguments, PortsAndPeriods) {
         bool ok;
         std::vector<unsigned> ports;
     } cases[] = {
-        {"80", true, {80}},       {"80,443", true, {80, 443}}, {"65535", true, {65535}}, {"0", false, {}},
-        {"65536", false, {}},     {"80,", false, {}},          {",80", false, {}},       {"80;443", false, {}},
-        {"", false, {}},          {"http", false, {}},
+        {"80", true, {80}},   {"80,443", true, {80, 443}}, {"65535", true, {65535}}, {"0", false, {}},
+        {"65536", false, {}}, {"80,", false, {}},          {",80", false, {}},       {"80;443", false, {}},
+        {"", false, {}},      {"http", false, {}},
     };
     for (const Case& c : cases) {
         std::vector<unsigned> ports;
@@ -88,8 +96,10 @@ TEST(TaskCommands, AsTheManagerSendsThem) {
         {startCommand(false, "web", "/usr/sbin/nginx", {80, 443}, 60),
          R"({"opr_code":1,"data":{"list":[{"model_name":"web","app_name":"web","process_path":"/usr/sbin/nginx","study_times":60,"alarm":true,"port":[80,443]}]}})"},
         {queryCommand(true, {"a", "b"}), R"({"opr_code":102,"data":{"list":["a","b"]}})"},
-        {studyCommand(false, true, 30, {"a"}), R"({"opr_code":3,"data":{"study_time":30,"re_study":true,"list":["a"]}})"},
-        {studyCommand(true, false, 30, {"a"}), R"({"opr_code":103,"data":{"study_time":30,"re_study":false,"list":["a"]}})"},
+        {studyCommand(false, true, 30, {"a"}),
+         R"({"opr_code":3,"data":{"study_time":30,"re_study":true,"list":["a"]}})"},
+        {studyCommand(true, false, 30, {"a"}),
+         R"({"opr_code":103,"data":{"study_time":30,"re_study":false,"list":["a"]}})"},
         {switchCommand(false, false, {"a"}), R"({"opr_code":4,"data":{"model_switch":false,"list":["a"]}})"},
         {deleteCommand(true, {"x\"y"}), R"({"opr_code":106,"data":{"list":["x\"y"]}})"},
         {uploadLogsCommand(true), R"({"opr_code":105,"data":{}})"},

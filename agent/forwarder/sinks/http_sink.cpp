@@ -138,10 +138,9 @@ SendResult HttpSink::sendFile(const Upload& file) {
     }
     std::ostringstream content;
     content << in.rdbuf();
-    std::vector<std::string> headers = {"Content-Type: application/octet-stream",
-                                        "X-WL-Upload-Kind: " + std::to_string(file.entry.kind),
-                                        "X-WL-Upload-Name: " + file.entry.name,
-                                        "X-WL-Host-UUID: " + subjectToken(file.entry.hostUuid)};
+    std::vector<std::string> headers = {
+        "Content-Type: application/octet-stream", "X-WL-Upload-Kind: " + std::to_string(file.entry.kind),
+        "X-WL-Upload-Name: " + file.entry.name, "X-WL-Host-UUID: " + subjectToken(file.entry.hostUuid)};
     long status = post(m_settings.filesUrl, content.str(), headers, result.error);
     if (status == 0) return result;
     HttpVerdict verdict = httpVerdict(status);

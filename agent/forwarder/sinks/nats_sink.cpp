@@ -110,7 +110,7 @@ bool NatsSink::publish(const std::string& subject, const std::string& id, const 
                        const std::vector<std::pair<std::string, std::string>>& headers, std::string& error) {
     int64_t maxPayload = natsConnection_GetMaxPayload(m_conn->nc);
     size_t room = maxPayload > static_cast<int64_t>(2 * kHeaderRoom) ? static_cast<size_t>(maxPayload) - kHeaderRoom
-                                                                      : kHeaderRoom;
+                                                                     : kHeaderRoom;
     size_t pieces = chunkCount(data.size(), room);
     for (size_t i = 0; i < pieces; ++i) {
         size_t from = i * room;
@@ -148,8 +148,8 @@ SendResult NatsSink::send(const std::vector<Report>& batch) {
     if (!connect(result.error)) return result;
     for (const Report& r : batch) {
         std::string id = subjectToken(r.route.hostUuid) + ":" + std::to_string(r.offset);
-        if (!publish(reportSubject(m_settings.subjectPrefix, r.route), id, *r.text,
-                     {{"WL-Type", r.route.type}}, result.error)) {
+        if (!publish(reportSubject(m_settings.subjectPrefix, r.route), id, *r.text, {{"WL-Type", r.route.type}},
+                     result.error)) {
             return result;
         }
         ++result.delivered;

@@ -34,7 +34,7 @@ struct SpoolFile {
 };
 
 struct SpoolState {
-    uint64_t generation = 0;  // changes whenever files are renamed or removed
+    uint64_t generation = 0;       // changes whenever files are renamed or removed
     std::vector<SpoolFile> files;  // oldest first, the live file last
     uint64_t dropped = 0;          // lines discarded before every sink had them
     uint64_t droppedBytes = 0;

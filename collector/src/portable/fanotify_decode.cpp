@@ -48,7 +48,8 @@ bool decodeRecord(const uint8_t* record, std::size_t length, uint8_t type, FileH
 }  // namespace
 
 uint64_t fsidKey(int32_t first, int32_t second) {
-    return static_cast<uint64_t>(static_cast<uint32_t>(first)) | (static_cast<uint64_t>(static_cast<uint32_t>(second)) << 32);
+    return static_cast<uint64_t>(static_cast<uint32_t>(first)) |
+           (static_cast<uint64_t>(static_cast<uint32_t>(second)) << 32);
 }
 
 void decodeFanotifyBuffer(const uint8_t* data, std::size_t size, const std::function<bool(int32_t)>& wanted,

@@ -44,14 +44,10 @@ std::optional<uint64_t> fsidOf(int fd) {
 
 std::string initFailure(int error) {
     switch (error) {
-        case EPERM:
-            return "fanotify needs CAP_SYS_ADMIN";
-        case EINVAL:
-            return "this kernel's fanotify cannot report file names (Linux 5.9 or later needed)";
-        case ENOSYS:
-            return "this kernel has no fanotify";
-        default:
-            return std::string("fanotify_init: ") + std::strerror(error);
+        case EPERM: return "fanotify needs CAP_SYS_ADMIN";
+        case EINVAL: return "this kernel's fanotify cannot report file names (Linux 5.9 or later needed)";
+        case ENOSYS: return "this kernel has no fanotify";
+        default: return std::string("fanotify_init: ") + std::strerror(error);
     }
 }
 
@@ -59,8 +55,10 @@ std::string initFailure(int error) {
 
 FanotifyWatch::FanotifyWatch()
     : buffer_(kReadBuffer),
-      shaper_([this](uint64_t fsid, const std::vector<uint8_t>& handle) { return resolveDirectory(fsid, handle); },
-              [](const std::string& path) { return ::faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0; }) {}
+      shaper_(
+          [this](uint64_t fsid, const std::vector<uint8_t>& handle) { return resolveDirectory(fsid, handle); },
+          [](const std::string& path) { return ::faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0; }) {
+}
 
 bool FanotifyWatch::open(std::string& reason) {
     fanotify_.reset(::fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME,
@@ -84,7 +82,8 @@ bool FanotifyWatch::open(std::string& reason) {
 void FanotifyWatch::refreshMounts() {
     if (!fanotify_.valid()) return;
     std::unordered_map<uint64_t, std::string> found;
-    for (const MountEntry& entry : markableMounts(parseMountInfo(readFileCapped("/proc/self/mountinfo", kMountInfoMax)))) {
+    for (const MountEntry& entry :
+         markableMounts(parseMountInfo(readFileCapped("/proc/self/mountinfo", kMountInfoMax)))) {
         wl::UniqueFd dir(::open(entry.mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (!dir.valid()) continue;  // gone, or hidden beneath another mount
         auto fsid = fsidOf(dir.get());
@@ -124,8 +123,9 @@ FanotifyWatch::Read FanotifyWatch::readOnce(const WatchSet& watched, std::vector
     if (got == 0) return Read::Empty;
 
     FanotifyBatch batch;
-    decodeFanotifyBuffer(buffer_.data(), static_cast<std::size_t>(got),
-                         [&watched](int32_t pid) { return pid > 0 && watched.isWatched(pid); }, batch);
+    decodeFanotifyBuffer(
+        buffer_.data(), static_cast<std::size_t>(got),
+        [&watched](int32_t pid) { return pid > 0 && watched.isWatched(pid); }, batch);
     overflows_ += batch.overflows;
     malformed_ += batch.malformed;
 
@@ -168,8 +168,8 @@ std::optional<std::string> FanotifyWatch::resolveDirectory(uint64_t fsid, const 
     // file_handle has an int after its length: copy into aligned storage.
     std::vector<uint64_t> storage((handle.size() + sizeof(uint64_t) - 1) / sizeof(uint64_t));
     std::memcpy(storage.data(), handle.data(), handle.size());
-    wl::UniqueFd dir(::open_by_handle_at(mountFd.get(), reinterpret_cast<file_handle*>(storage.data()),
-                                     O_PATH | O_CLOEXEC));
+    wl::UniqueFd dir(
+        ::open_by_handle_at(mountFd.get(), reinterpret_cast<file_handle*>(storage.data()), O_PATH | O_CLOEXEC));
     if (!dir.valid()) return std::nullopt;  // removed meanwhile
     std::string path = readLinkText("/proc/self/fd/" + std::to_string(dir.get()));
     constexpr std::string_view kDeleted = " (deleted)";

@@ -11,9 +11,9 @@
 namespace wlc::portable {
 
 struct DiagSocket {
-    uint8_t family = 0;    // AF_INET, AF_INET6
-    uint8_t protocol = 0;  // IPPROTO_TCP, IPPROTO_UDP (the request's: replies do not say)
-    uint8_t state = 0;     // TCP_* numbering, for UDP too
+    uint8_t family = 0;             // AF_INET, AF_INET6
+    uint8_t protocol = 0;           // IPPROTO_TCP, IPPROTO_UDP (the request's: replies do not say)
+    uint8_t state = 0;              // TCP_* numbering, for UDP too
     std::array<uint8_t, 16> src{};  // network order; AF_INET fills 4 bytes
     std::array<uint8_t, 16> dst{};
     uint16_t srcPort = 0;  // host order

@@ -64,9 +64,9 @@ std::vector<MountEntry> parseMountInfo(std::string_view text) {
 
 bool isPseudoFilesystem(std::string_view fsType) {
     static constexpr std::array<std::string_view, 20> kPseudo = {
-        "proc",   "sysfs",  "cgroup",   "cgroup2",  "devpts",     "debugfs", "tracefs",
-        "securityfs", "bpf", "mqueue",  "pstore",   "configfs",   "fusectl", "autofs",
-        "binfmt_misc", "nsfs", "efivarfs", "hugetlbfs", "rpc_pipefs", "selinuxfs",
+        "proc",        "sysfs", "cgroup",   "cgroup2",   "devpts",     "debugfs",   "tracefs",
+        "securityfs",  "bpf",   "mqueue",   "pstore",    "configfs",   "fusectl",   "autofs",
+        "binfmt_misc", "nsfs",  "efivarfs", "hugetlbfs", "rpc_pipefs", "selinuxfs",
     };
     return std::find(kPseudo.begin(), kPseudo.end(), fsType) != kPseudo.end();
 }

@@ -57,9 +57,7 @@ ProcEvent decodeEvent(const proc_event& raw, std::size_t length, uint32_t ack, b
             event.ack = ack;
             event.ackError = raw.event_data.ack.err;
             break;
-        default:
-            ok = length >= kEventHead;
-            break;
+        default: ok = length >= kEventHead; break;
     }
     return event;
 }
@@ -151,8 +149,7 @@ void applyProcEvent(const ProcEvent& event, WatchSet& watched, std::vector<HostE
             }
             return;
         case ProcEvent::Type::Ack:
-        case ProcEvent::Type::Other:
-            return;
+        case ProcEvent::Type::Other: return;
     }
 }
 
@@ -212,7 +209,8 @@ bool ProcConnector::open(std::string& error) {
         for (const ProcEvent& event : events) {
             if (event.type != ProcEvent::Type::Ack || event.ack != nonce + 1) continue;
             if (event.ackError == 0) return true;
-            error = std::string("proc connector: subscription refused: ") + std::strerror(static_cast<int>(event.ackError));
+            error =
+                std::string("proc connector: subscription refused: ") + std::strerror(static_cast<int>(event.ackError));
             socket_.reset();
             listening_ = false;
             return false;

@@ -148,13 +148,14 @@ bool SockDiagPoll::dump(const Table& table, std::vector<DiagSocket>& into,
             return false;  // timed out: a late rest of this reply is skipped as foreign below
         }
         part.clear();
-        DumpStatus status = decodeDiagDatagram(buffer_.data(), static_cast<std::size_t>(got), table.protocol, part, error);
+        DumpStatus status =
+            decodeDiagDatagram(buffer_.data(), static_cast<std::size_t>(got), table.protocol, part, error);
         nlmsghdr head;
         std::memcpy(&head, buffer_.data(), std::min(sizeof(head), static_cast<std::size_t>(got)));
         if (static_cast<std::size_t>(got) >= sizeof(head) && head.nlmsg_seq != seq_) continue;  // an older reply
         for (const DiagSocket& socket : part) {
-            bool wanted = owners.count(socket.inode) != 0 ||
-                          (socket.protocol == IPPROTO_TCP && socket.state == TCP_LISTEN);
+            bool wanted =
+                owners.count(socket.inode) != 0 || (socket.protocol == IPPROTO_TCP && socket.state == TCP_LISTEN);
             if (!wanted) continue;
             if (into.size() >= kSnapshotMax) {
                 complete = false;

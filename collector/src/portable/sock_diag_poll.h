@@ -25,8 +25,8 @@ bool collectSocketInodes(int32_t pid, std::size_t& budget, std::unordered_map<ui
 
 class SockDiagPoll {
 public:
-    static constexpr std::size_t kFdBudget = 65536;         // links read per round
-    static constexpr std::size_t kSnapshotMax = 262144;     // sockets kept per round
+    static constexpr std::size_t kFdBudget = 65536;      // links read per round
+    static constexpr std::size_t kSnapshotMax = 262144;  // sockets kept per round
 
     SockDiagPoll();
     SockDiagPoll(const SockDiagPoll&) = delete;

@@ -24,10 +24,8 @@ bool connectedTcpState(uint8_t state) {
         case TCP_FIN_WAIT2:
         case TCP_CLOSE_WAIT:
         case TCP_LAST_ACK:
-        case TCP_CLOSING:
-            return true;
-        default:
-            return false;
+        case TCP_CLOSING: return true;
+        default: return false;
     }
 }
 
@@ -89,11 +87,8 @@ void SocketTracker::update(const std::vector<DiagSocket>& sockets, const std::un
                 out.push_back(netEvent(EventKind::Connection, owner->second, socket));
                 settled_.insert(socket.inode);
                 break;
-            case Verdict::Settled:
-                settled_.insert(socket.inode);
-                break;
-            case Verdict::NotYet:
-                break;
+            case Verdict::Settled: settled_.insert(socket.inode); break;
+            case Verdict::NotYet: break;
         }
     }
     for (auto it = settled_.begin(); it != settled_.end();) {

@@ -108,9 +108,9 @@ int kem_ipc_make_request(kem_ipc_t, kem_addr_t, unsigned int cmd, const void* da
 
 int kem_ipc_response(unsigned long ctx1, unsigned long ctx2, unsigned int cmd, int flags, const void* data,
                      unsigned int size) {
-    return scripted(args("kem_ipc_response", {std::to_string(ctx1), std::to_string(ctx2), std::to_string(cmd),
-                                              std::to_string(flags),
-                                              std::string(static_cast<const char*>(data), size)}));
+    return scripted(
+        args("kem_ipc_response", {std::to_string(ctx1), std::to_string(ctx2), std::to_string(cmd),
+                                  std::to_string(flags), std::string(static_cast<const char*>(data), size)}));
 }
 
 int get_asset_info_state_v2(int kind, int) {

@@ -90,5 +90,4 @@ __attribute__((visibility("default"))) int _add_upload_file(int kind, const char
     g_file_uploads.push_back({kind, path ? path : ""});
     return 0;
 }
-
 }

@@ -23,9 +23,9 @@ struct EngineCall {
 };
 
 struct EngineScript {
-    std::deque<bool> init_results;  // then true
+    std::deque<bool> init_results;     // then true
     std::deque<int> interact_results;  // then 0
-    std::deque<bool> alarm_results;  // then true
+    std::deque<bool> alarm_results;    // then true
     // Runs inside each interactModel, before it answers.
     std::function<void(const _USR_INPUT&)> on_interact;
 };
