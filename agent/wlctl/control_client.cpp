@@ -44,8 +44,9 @@ ControlReply askAgent(const std::string& socketPath, const std::string& request,
 
     wlsock::Deadline deadline = wlsock::deadline_in(timeoutMs);
     std::string line = request + "\n";
-    if (wlsock::write_all(fd.get(), line.data(), line.size(), -1, deadline) != wlsock::IoResult::Ok)
-        return fail(kExitUnreachable, "the agent did not take the request");
+    // An agent that refuses the connection (busy, forbidden) answers and closes
+    // at once, possibly before the request is written: its answer still counts.
+    bool sent = wlsock::write_all(fd.get(), line.data(), line.size(), -1, deadline) == wlsock::IoResult::Ok;
     ControlReply reply;
     char chunk[65536];
     for (;;) {
@@ -59,9 +60,11 @@ ControlReply askAgent(const std::string& socketPath, const std::string& request,
         if (ready == wlsock::IoResult::Timeout) return fail(kExitUnreachable, "the agent did not answer in time");
         if (ready != wlsock::IoResult::Ok) return fail(kExitUnreachable, "the agent's connection failed");
         ssize_t n = ::recv(fd.get(), chunk, sizeof chunk, MSG_DONTWAIT);
+        if (n == 0 && !sent) return fail(kExitUnreachable, "the agent did not take the request");
         if (n == 0) return fail(kExitUnreachable, "the agent closed the connection without an answer");
         if (n < 0) {
             if (errno == EINTR || errno == EAGAIN) continue;
+            if (!sent) return fail(kExitUnreachable, "the agent did not take the request");
             return fail(kExitUnreachable, std::string("reading the answer: ") + std::strerror(errno));
         }
         reply.json.append(chunk, static_cast<size_t>(n));

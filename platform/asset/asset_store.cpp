@@ -8,7 +8,7 @@
 #include <string>
 
 #include "dirutils.h"
-#include "immortal.h"
+#include "no_destructor.h"
 
 namespace asset {
 
@@ -17,7 +17,7 @@ constexpr long long kMaxFileBytes = 64ll * 1024 * 1024;
 }
 
 AssetStore& AssetStore::instance() {
-    static wlsock::Immortal<AssetStore> store;  // the agent's threads may ask while the process exits
+    static wl::NoDestructor<AssetStore> store;  // the agent's threads may ask while the process exits
     return store.get();
 }
 

@@ -28,7 +28,7 @@ struct LogFileRegistry {
 };
 
 LogFileRegistry& registry() {
-    static NoDestructor<LogFileRegistry> instance;
+    static wl::NoDestructor<LogFileRegistry> instance;
     return instance.get();
 }
 

@@ -45,7 +45,7 @@ struct SinkSlot {
 };
 
 SinkSlot& sinkSlot() {
-    static kembase::NoDestructor<SinkSlot> slot;
+    static wl::NoDestructor<SinkSlot> slot;
     return slot.get();
 }
 

@@ -1,7 +1,7 @@
 #include "loop_registry.h"
 
 #include <memory>
-#include "immortal.h"
+#include "no_destructor.h"
 #include <vector>
 
 namespace clev {
@@ -21,7 +21,7 @@ thread_local ThreadLoop t_loop;
 }  // namespace
 
 LoopRegistry& LoopRegistry::instance() {
-    static wlsock::Immortal<LoopRegistry> registry;
+    static wl::NoDestructor<LoopRegistry> registry;
     return registry.get();
 }
 

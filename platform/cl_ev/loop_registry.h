@@ -11,9 +11,9 @@
 
 #include "event_loop.h"
 
-namespace wlsock {
-template <class T>
-class Immortal;
+namespace wl {
+template <typename T>
+class NoDestructor;
 }
 
 namespace clev {
@@ -40,7 +40,7 @@ private:
     std::unordered_map<std::uintptr_t, EventLoop*> m_timerOwner;
     std::uintptr_t m_nextTimerId = 1;
 
-    friend class wlsock::Immortal<LoopRegistry>;
+    friend class wl::NoDestructor<LoopRegistry>;
 };
 
 }  // namespace clev

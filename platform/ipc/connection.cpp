@@ -1,6 +1,6 @@
 #include "connection.h"
 
-#include "immortal.h"
+#include "no_destructor.h"
 
 namespace kemipc {
 
@@ -24,7 +24,7 @@ int Connection::send(std::uint32_t cmd, std::uint32_t request_id, const void* da
 }
 
 ConnectionTable& ConnectionTable::instance() {
-    static wlsock::Immortal<ConnectionTable> table;
+    static wl::NoDestructor<ConnectionTable> table;
     return table.get();
 }
 

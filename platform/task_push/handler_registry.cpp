@@ -1,6 +1,6 @@
 #include "handler_registry.h"
 
-#include "immortal.h"
+#include "no_destructor.h"
 #include <vector>
 
 #include "orv_log.h"
@@ -9,7 +9,7 @@
 namespace taskpush {
 
 HandlerRegistry& HandlerRegistry::instance() {
-    static wlsock::Immortal<HandlerRegistry> registry;
+    static wl::NoDestructor<HandlerRegistry> registry;
     return registry.get();
 }
 

@@ -12,9 +12,9 @@
 #include "task.h"
 #include "task_push.h"
 
-namespace wlsock {
-template <class T>
-class Immortal;
+namespace wl {
+template <typename T>
+class NoDestructor;
 }
 
 namespace taskpush {
@@ -51,7 +51,7 @@ private:
     std::mutex m_lifecycle;  // add/remove as a whole, with the server's start and stop
     std::unique_ptr<TaskSocketServer> m_server;
 
-    friend class wlsock::Immortal<HandlerRegistry>;
+    friend class wl::NoDestructor<HandlerRegistry>;
 };
 
 }  // namespace taskpush

@@ -11,7 +11,7 @@
 
 #include "collector_connection.h"
 #include "counters.h"
-#include "immortal.h"
+#include "no_destructor.h"
 #include "offline_notice.h"
 #include "unix_socket.h"
 #include "vrccl_log.h"
@@ -33,7 +33,7 @@ struct Client {
 };
 
 Client& client() {
-    static wlsock::Immortal<Client> state;  // the work thread may still call in while the process exits
+    static wl::NoDestructor<Client> state;  // the work thread may still call in while the process exits
     return state.get();
 }
 

@@ -67,8 +67,12 @@ TEST(AtomicFile, FailuresKeepTheOldFileAndSayWhy) {
     };
     for (const Case& c : cases) {
         errno = 0;
-        EXPECT_EQ(file_write_atomic(c.path.empty() ? nullptr : c.path.c_str(), c.data, c.size, 0640), -1) << c.what;
-        if (c.err) EXPECT_EQ(errno, c.err) << c.what;
+        int rc = file_write_atomic(c.path.empty() ? nullptr : c.path.c_str(), c.data, c.size, 0640);
+        int err = errno;
+        EXPECT_EQ(rc, -1) << c.what;
+        if (c.err) {
+            EXPECT_EQ(err, c.err) << c.what;
+        }
         EXPECT_FALSE(std::filesystem::exists(c.path + ".tmp")) << c.what;
     }
     EXPECT_EQ(readFile(path), "precious");

@@ -1,13 +1,13 @@
-// Holds a process-wide object that is never destroyed. The agent never stops
-// its engine threads, so they may still log while the process runs its exit
-// handlers; the logging state must outlive every static destructor.
-#ifndef KEMBASE_NO_DESTRUCTOR_H
-#define KEMBASE_NO_DESTRUCTOR_H
+// Holds a process-wide object that is never destroyed: the agent never stops
+// its threads, so they may still log, poll or call in while the process runs
+// its exit handlers, and what they use must outlive every static destructor.
+#ifndef WL_NO_DESTRUCTOR_H
+#define WL_NO_DESTRUCTOR_H
 
 #include <new>
 #include <utility>
 
-namespace kembase {
+namespace wl {
 
 template <typename T>
 class NoDestructor {
@@ -25,6 +25,6 @@ private:
     alignas(T) unsigned char m_storage[sizeof(T)];
 };
 
-}  // namespace kembase
+}  // namespace wl
 
 #endif
