@@ -18,6 +18,7 @@
 
 #define WL_LOG_SOURCE "whitelist_api"
 #include "libbase/wl_log.h"
+#include "libbase/wl_proc.h"
 
 bool g_base_open_process_called = false;
 bool g_rasp_open_process_called = false;
@@ -77,8 +78,8 @@ extern "C" int get_process_path_by_pid(int pid, char* buffer, int size) {
         WL_LOG(LOG_LVL_WARN, "param illegal");
         return -1;
     }
-    char link[64];
-    snprintf(link, sizeof(link), "/proc/%d/exe", pid);
+    char link[kPathSize];
+    snprintf(link, sizeof(link), "%s/proc/%d/exe", g_wl_proc_root, pid);
     ssize_t length = size > 1 ? readlink(link, buffer, (size_t)size - 1) : -1;
     if (length > 0) {
         buffer[length] = '\0';
@@ -90,8 +91,8 @@ extern "C" int get_process_path_by_pid(int pid, char* buffer, int size) {
 }
 
 extern "C" int get_process_parentid(int pid) {
-    char path[64];
-    snprintf(path, sizeof(path), "/proc/%d/status", pid);
+    char path[kPathSize];
+    snprintf(path, sizeof(path), "%s/proc/%d/status", g_wl_proc_root, pid);
     std::unique_ptr<FILE, file_closer> file(fopen(path, "r"));
     if (!file) {
         WL_LOG(LOG_LVL_ERROR, "open file %s fail", path);
@@ -106,7 +107,9 @@ extern "C" int get_process_parentid(int pid) {
 
 process_tree whitelist_scan_process_tree() {
     process_tree tree;
-    std::unique_ptr<void, walk_deleter> walk(dirwalk_create("/proc/", 0, 1));
+    char root[kPathSize];
+    snprintf(root, sizeof(root), "%s/proc/", g_wl_proc_root);
+    std::unique_ptr<void, walk_deleter> walk(dirwalk_create(root, 0, 1));
     if (!walk) {
         WL_LOG(LOG_LVL_ERROR, "create walk dir handle failed.");
         return tree;
