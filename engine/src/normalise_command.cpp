@@ -1,6 +1,7 @@
 #include "normalise_command.h"
 
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "feature_memo.h"
@@ -20,17 +21,48 @@ struct Learned {
     FeatureMemo* memo;                // folded directories; may be null
 };
 
-// A word of a command line, unquoted into Words::letters.
+// A word of a command line: in the line itself, or unquoted into
+// Words::letters when it had quotes or backslashes.
 struct Word {
-    std::size_t start;
+    const char* text;
     std::size_t size;
     bool control;  // a shell operator: | || && ; & ( ) < > >>
 };
 
-struct Words {
-    std::string letters;
-    std::vector<Word> list;
-    const char* data(const Word& word) const { return letters.data() + word.start; }
+// The words of one line, on the stack for the usual handful: a line is
+// split for every event.
+class Words {
+public:
+    explicit Words(std::size_t lineSize) : m_lineSize(lineSize) {}
+    Words(const Words&) = delete;
+    Words& operator=(const Words&) = delete;
+
+    std::size_t size() const { return m_size; }
+    const Word& operator[](std::size_t i) const { return i < kInline ? m_inline[i] : m_more[i - kInline]; }
+    void push_back(const Word& word) {
+        if (m_size < kInline) {
+            m_inline[m_size] = word;
+        } else {
+            m_more.push_back(word);
+        }
+        ++m_size;
+    }
+    // Room for unquoted text: never more than the line, so earlier words
+    // stay where they are.
+    std::string& letters() {
+        if (m_letters.capacity() < m_lineSize) {
+            m_letters.reserve(m_lineSize);
+        }
+        return m_letters;
+    }
+
+private:
+    static const std::size_t kInline = 24;
+    Word m_inline[kInline];
+    std::vector<Word> m_more;
+    std::size_t m_size = 0;
+    std::size_t m_lineSize;
+    std::string m_letters;
 };
 
 enum : unsigned char { kBlankBit = 1, kControlBit = 2, kQuotingBit = 4 };
@@ -51,10 +83,8 @@ bool isControl(char c) { return lineBitsOf(c) & kControlBit; }
 
 // Splits as a shell would: blanks separate, quotes and backslashes group.
 // With script, operators are words of their own.
-Words splitWords(const char* line, std::size_t size, bool script) {
-    Words words;
-    words.letters.reserve(size);
-    words.list.reserve(16);
+void splitWords(Words& words, const char* line, std::size_t size, bool script) {
+    const unsigned char stops = kBlankBit | kQuotingBit | (script ? kControlBit : 0);
     std::size_t i = 0;
     while (i < size) {
         while (i < size && isBlank(line[i])) {
@@ -63,56 +93,64 @@ Words splitWords(const char* line, std::size_t size, bool script) {
         if (i == size) {
             break;
         }
-        Word word{words.letters.size(), 0, false};
+        const std::size_t start = i;
         if (script && isControl(line[i])) {
-            word.control = true;
             while (i < size && isControl(line[i])) {
-                words.letters.push_back(line[i++]);
+                ++i;
             }
-        } else {
-            bool quoted = false;
-            while (i < size && !isBlank(line[i]) && !(script && isControl(line[i]))) {
-                const unsigned char stops = kBlankBit | kQuotingBit | (script ? kControlBit : 0);
-                std::size_t plain = i;
-                while (plain < size && !(lineBitsOf(line[plain]) & stops)) {
-                    ++plain;
-                }
-                if (plain > i) {
-                    words.letters.append(line + i, plain - i);
-                    i = plain;
-                    continue;
-                }
-                char c = line[i++];
-                if (c == '\'') {
-                    quoted = true;
-                    const void* close = std::memchr(line + i, '\'', size - i);
-                    std::size_t end =
-                        close != nullptr ? static_cast<std::size_t>(static_cast<const char*>(close) - line) : size;
-                    words.letters.append(line + i, end - i);
-                    i = end + (end < size);
-                } else if (c == '"') {
-                    quoted = true;
-                    while (i < size && line[i] != '"') {
-                        if (line[i] == '\\' && i + 1 < size) {
-                            ++i;
-                        }
-                        words.letters.push_back(line[i++]);
-                    }
-                    i += i < size;
-                } else if (c == '\\' && i < size) {
-                    words.letters.push_back(line[i++]);
-                } else {
-                    words.letters.push_back(c);
-                }
+            words.push_back(Word{line + start, i - start, true});
+            continue;
+        }
+        while (i < size && !(lineBitsOf(line[i]) & stops)) {
+            ++i;
+        }
+        if (i == size || !(lineBitsOf(line[i]) & kQuotingBit)) {
+            words.push_back(Word{line + start, i - start, false});  // as it stands in the line
+            continue;
+        }
+        // Quotes or backslashes: the word is unquoted into the letters.
+        std::string& letters = words.letters();
+        const std::size_t first = letters.size();
+        letters.append(line + start, i - start);
+        bool quoted = false;
+        while (i < size && !isBlank(line[i]) && !(script && isControl(line[i]))) {
+            std::size_t plain = i;
+            while (plain < size && !(lineBitsOf(line[plain]) & stops)) {
+                ++plain;
             }
-            if (words.letters.size() == word.start && !quoted) {
+            if (plain > i) {
+                letters.append(line + i, plain - i);
+                i = plain;
                 continue;
             }
+            char c = line[i++];
+            if (c == '\'') {
+                quoted = true;
+                const void* close = std::memchr(line + i, '\'', size - i);
+                std::size_t end =
+                    close != nullptr ? static_cast<std::size_t>(static_cast<const char*>(close) - line) : size;
+                letters.append(line + i, end - i);
+                i = end + (end < size);
+            } else if (c == '"') {
+                quoted = true;
+                while (i < size && line[i] != '"') {
+                    if (line[i] == '\\' && i + 1 < size) {
+                        ++i;
+                    }
+                    letters.push_back(line[i++]);
+                }
+                i += i < size;
+            } else if (c == '\\' && i < size) {
+                letters.push_back(line[i++]);
+            } else {
+                letters.push_back(c);
+            }
         }
-        word.size = words.letters.size() - word.start;
-        words.list.push_back(word);
+        if (letters.size() == first && !quoted) {
+            continue;
+        }
+        words.push_back(Word{letters.data() + first, letters.size() - first, false});
     }
-    return words;
 }
 
 bool isShell(const char* executable, std::size_t size) {
@@ -155,20 +193,23 @@ void appendValue(std::string& out, const char* value, std::size_t size, const Le
     if (learned.directories == nullptr || learned.directories->empty()) {
         return;
     }
-    std::size_t slash = out.rfind('/');
-    if (slash == std::string::npos || slash <= start) {
+    const char* folded = out.data() + start;
+    std::size_t foldedSize = out.size() - start;
+    const char* lastSlash = static_cast<const char*>(memrchr(folded, '/', foldedSize));
+    if (lastSlash == nullptr || lastSlash == folded) {
         return;
     }
-    std::string directory(out, start, slash - start);
-    if (learned.directories->count(directory) == 0) {
+    std::size_t slash = static_cast<std::size_t>(lastSlash - folded);
+    if (learned.directories->count(std::string_view(folded, slash)) == 0) {
         return;
     }
-    std::size_t dot = out.rfind('.');
+    const char* lastDot = static_cast<const char*>(memrchr(lastSlash, '.', foldedSize - slash));
+    std::size_t extensionSize = lastDot != nullptr && foldedSize - static_cast<std::size_t>(lastDot - folded) <= 10
+                                    ? foldedSize - static_cast<std::size_t>(lastDot - folded)
+                                    : 0;
     char extension[10];
-    std::size_t extensionSize =
-        dot != std::string::npos && dot > slash && out.size() - dot <= 10 ? out.size() - dot : 0;
-    std::memcpy(extension, out.data() + out.size() - extensionSize, extensionSize);
-    out.resize(slash + 1);
+    std::memcpy(extension, folded + foldedSize - extensionSize, extensionSize);
+    out.resize(start + slash + 1);
     out += '*';
     out.append(extension, extensionSize);
 }
@@ -192,21 +233,21 @@ void appendArgument(std::string& out, const char* argument, std::size_t size, co
 
 void appendScript(std::string& out, const char* script, std::size_t size, const Learned& learned, int depth);
 
-// Appends the arguments of one command from words.list[i], up to a control
+// Appends the arguments of one command from words[i], up to a control
 // word when in a script; returns the index after them.
 std::size_t appendArguments(std::string& out, bool shell, const Words& words, std::size_t i, const Learned& learned,
                             int depth) {
     std::size_t previousStart = std::string::npos;
     std::size_t previousSize = 0;
-    while (i < words.list.size() && !words.list[i].control) {
-        const Word& word = words.list[i];
-        const char* text = words.data(word);
-        if (shell && isScriptOption(text, word.size) && i + 1 < words.list.size() && !words.list[i + 1].control &&
+    while (i < words.size() && !words[i].control) {
+        const Word& word = words[i];
+        const char* text = word.text;
+        if (shell && isScriptOption(text, word.size) && i + 1 < words.size() && !words[i + 1].control &&
             depth < kMaxScriptDepth) {
             out += ' ';
             out.append(text, word.size);
             out += " [";
-            appendScript(out, words.data(words.list[i + 1]), words.list[i + 1].size, learned, depth + 1);
+            appendScript(out, words[i + 1].text, words[i + 1].size, learned, depth + 1);
             out += ']';
             previousStart = std::string::npos;
             i += 2;
@@ -232,7 +273,8 @@ std::size_t appendArguments(std::string& out, bool shell, const Words& words, st
 }
 
 void appendScript(std::string& out, const char* script, std::size_t size, const Learned& learned, int depth) {
-    Words words = splitWords(script, size, true);
+    Words words(size);
+    splitWords(words, script, size, true);
     std::size_t first = out.size();
     std::size_t i = 0;
     bool redirected = false;
@@ -241,9 +283,9 @@ void appendScript(std::string& out, const char* script, std::size_t size, const 
             out += ' ';
         }
     };
-    while (i < words.list.size()) {
-        const Word& word = words.list[i];
-        const char* text = words.data(word);
+    while (i < words.size()) {
+        const Word& word = words[i];
+        const char* text = word.text;
         if (word.control) {
             separate();
             out.append(text, word.size);
@@ -260,7 +302,7 @@ void appendScript(std::string& out, const char* script, std::size_t size, const 
             continue;
         }
         const char* equals = findByte(text, word.size, '=');
-        if (equals != nullptr && equals > text && i + 1 < words.list.size() && !words.list[i + 1].control) {
+        if (equals != nullptr && equals > text && i + 1 < words.size() && !words[i + 1].control) {
             appendArgument(out, text, word.size, learned);  // an assignment before the command
             ++i;
             continue;
@@ -275,14 +317,15 @@ void appendScript(std::string& out, const char* script, std::size_t size, const 
 void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize, const char* line,
                              std::size_t lineSize, const DirectorySet* directories, FeatureMemo* memo) {
     const Learned learned{directories, memo};
-    Words words = splitWords(line, lineSize, false);
-    if (executableSize == 0 && !words.list.empty()) {
-        out.append(words.data(words.list.front()), words.list.front().size);
-        appendArguments(out, isShell(words.data(words.list.front()), words.list.front().size), words, 1, learned, 0);
+    Words words(lineSize);
+    splitWords(words, line, lineSize, false);
+    if (executableSize == 0 && words.size() > 0) {
+        out.append(words[0].text, words[0].size);
+        appendArguments(out, isShell(words[0].text, words[0].size), words, 1, learned, 0);
         return;
     }
     out.append(executable, executableSize);
-    appendArguments(out, isShell(executable, executableSize), words, words.list.empty() ? 0 : 1, learned, 0);
+    appendArguments(out, isShell(executable, executableSize), words, words.size() == 0 ? 0 : 1, learned, 0);
 }
 
 std::string normaliseCommand(const std::string& executable, const std::string& commandLine,

@@ -4,16 +4,18 @@
 #define BASEENG_NORMALISE_COMMAND_H
 
 #include <cstddef>
+#include <functional>
+#include <set>
 #include <string>
-#include <unordered_set>
 
 namespace baseeng {
 
 class FeatureMemo;
 
 // The directories holding files a model learned: a file there named in an
-// argument is data the application works on, whatever its name.
-using DirectorySet = std::unordered_set<std::string>;
+// argument is data the application works on, whatever its name. Ordered, so
+// that a directory in a folded line is looked up without a copy.
+using DirectorySet = std::set<std::string, std::less<>>;
 
 // executable: the program run, exact; when empty, the first word of the
 // command line. The first word of the command line is its name as invoked

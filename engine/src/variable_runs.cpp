@@ -144,44 +144,41 @@ RunShape shapeOf(const char* text, std::size_t size) {
     return shape;
 }
 
-// Placeholder of one run of letters and digits, or null to keep its letters.
-const char* placeholderOf(const char* text, std::size_t size, bool temporaryPlace) {
-    RunShape shape = shapeOf(text, size);
-    if (shape.digits == size) {
-        return kNumber;
+struct Placeholder {
+    const char* text;  // null: the run keeps its letters
+    std::size_t size;
+};
+
+template <std::size_t N>
+Placeholder placeholder(const char (&text)[N]) {
+    return Placeholder{text, N - 1};
+}
+
+// Placeholder of one run of letters and digits. any and all: its byte
+// classes or-ed and and-ed, gathered while finding its end, so that only
+// long runs need their whole shape.
+Placeholder placeholderOf(const char* text, std::size_t size, unsigned char any, unsigned char all,
+                          bool temporaryPlace) {
+    if (all & kDigitBit) {
+        return placeholder(kNumber);
     }
     // Hexadecimal (hashes, cache keys) is a number to the model: a short hash
     // made only of decimal digits must not look different.
-    if (shape.nonHex == 0 && size >= 8 && shape.digits > 0) {
-        return kNumber;
+    if ((all & kHexBit) && size >= 8 && (any & kDigitBit)) {
+        return placeholder(kNumber);
     }
-    bool random = (size >= 10 && shape.digitLetterTurns >= 3) ||
-                  (size >= 16 && (shape.digits > 0 || shape.caseTurns * 3 >= size));
-    if (random) {
-        return kId;
-    }
-    if (temporaryPlace && size >= 6 && (shape.digits > 0 || (shape.upper > 0 && shape.lower > 0))) {
-        return kTemporary;
-    }
-    return nullptr;
-}
-
-void appendKeptRun(std::string& out, const char* text, std::size_t size) {
-    std::size_t i = 0;
-    while (i < size) {
-        std::size_t start = i;
-        while (i < size && !isDigit(text[i])) {
-            ++i;
+    if (size >= 10) {
+        RunShape shape = shapeOf(text, size);
+        bool random = shape.digitLetterTurns >= 3 || (size >= 16 && (shape.digits > 0 || shape.caseTurns * 3 >= size));
+        if (random) {
+            return placeholder(kId);
         }
-        out.append(text + start, i - start);
-        if (i == size) {
-            break;
-        }
-        while (i < size && isDigit(text[i])) {
-            ++i;
-        }
-        appendPlaceholder(out, kNumber);
     }
+    bool mixed = (any & kDigitBit) || ((any & kUpperBit) && (any & kLowerBit));
+    if (temporaryPlace && size >= 6 && mixed) {
+        return placeholder(kTemporary);
+    }
+    return Placeholder{nullptr, 0};
 }
 
 template <std::size_t N>
@@ -305,41 +302,65 @@ void appendFoldedSegment(std::string& out, const char* text, std::size_t size, b
     } else if (size >= 8) {
         tailStart = randomTailStart(text, size, tailEnd);
     }
+    // Kept text is copied in one piece when a placeholder comes and at the
+    // end: most of a segment is kept.
+    std::size_t kept = i;
+    auto replace = [&](std::size_t from, const char* placeholder, std::size_t placeholderSize, std::size_t to) {
+        out.append(text + kept, from - kept);
+        out.append(placeholder, placeholderSize);
+        kept = to;
+    };
     while (i < size) {
         if (i == tailStart) {
-            appendPlaceholder(out, kTemporary);
+            replace(i, kTemporary, sizeof kTemporary - 1, tailEnd);
             i = tailEnd;
             continue;
         }
         if (!isAlnum(text[i])) {
-            std::size_t start = i;
             while (i < size && !isAlnum(text[i])) {
                 ++i;
             }
-            out.append(text + start, i - start);
             continue;
         }
         if (std::size_t length = uuidLength(text + i, size - i)) {
-            appendPlaceholder(out, kUuid);
+            replace(i, kUuid, sizeof kUuid - 1, i + length);
             i += length;
             continue;
         }
         if (std::size_t length = timestampLength(text + i, size - i)) {
-            appendPlaceholder(out, kTime);
+            replace(i, kTime, sizeof kTime - 1, i + length);
             i += length;
             continue;
         }
         std::size_t end = i;
+        unsigned char any = 0;
+        unsigned char all = 0xff;
         while (end < size && isAlnum(text[end])) {
-            ++end;
+            unsigned char bits = classOf(text[end++]);
+            any |= bits;
+            all &= bits;
         }
-        if (const char* placeholder = placeholderOf(text + i, end - i, temporaryPlace)) {
-            out += placeholder;
-        } else {
-            appendKeptRun(out, text + i, end - i);
+        Placeholder placeholder = placeholderOf(text + i, end - i, any, all, temporaryPlace);
+        if (placeholder.text != nullptr) {
+            replace(i, placeholder.text, placeholder.size, end);
+        } else if (any & kDigitBit) {
+            // Letters kept, each digit run a number.
+            for (std::size_t k = i; k < end;) {
+                if (!isDigit(text[k])) {
+                    ++k;
+                    continue;
+                }
+                std::size_t digits = k;
+                while (digits < end && isDigit(text[digits])) {
+                    ++digits;
+                }
+                replace(k, kNumber, sizeof kNumber - 1, digits);
+                k = digits;
+            }
         }
         i = end;
     }
+    out.append(text + kept, size - kept);
 }
 
 }  // namespace baseeng
