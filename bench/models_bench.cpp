@@ -13,6 +13,7 @@
 #include "doubles/agent_doubles.h"
 #include "doubles/model_library_double.h"
 #include "orv_log.h"
+#include "whitelist_api_state.h"
 #include "whitelist_api.h"
 #include "whitelist_impl.h"
 

@@ -6,6 +6,7 @@
 
 #include "dirutils.h"
 #include "orv_dll.h"
+#include "register.h"
 #include "whitelist_invoke.h"
 #include "wl_log.h"
 
@@ -70,4 +71,12 @@ extern "C" void transmit_action_data(const action_collector_msg* msg) {
         return;
     }
     wlist_invoke->Publish_t(WL_PUBLISH_ACTION, msg->type, const_cast<unsigned char*>(msg->payload), msg->size);
+}
+
+extern "C" int whitelist_counters_json(char* out, int size) {
+    std::string text = Register::GetInstance()->countersJson();
+    int needed = static_cast<int>(text.size()) + 1;
+    if (out == nullptr || size < needed) return needed;
+    memcpy(out, text.c_str(), static_cast<size_t>(needed));
+    return needed - 1;
 }

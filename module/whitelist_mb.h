@@ -17,6 +17,10 @@ void whitelist_msgbus_uninit(void);
 int whitelist_init_rasp_handler(wl_rasp_callback callback, void* user);
 void transmit_rasp_data(const char* text);
 void transmit_action_data(const action_collector_msg* msg);
+// The engines' queue counters as a JSON object, for the agent's status: the
+// length written, or the size needed (nothing written) when size is too small.
+// The buffer stays the caller's.
+int whitelist_counters_json(char* out, int size);
 }
 
 #endif

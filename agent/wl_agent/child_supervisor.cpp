@@ -38,34 +38,34 @@ constexpr std::chrono::seconds ChildSupervisor::kMaxDelay;
 constexpr std::chrono::seconds ChildSupervisor::kSteadyRun;
 constexpr std::chrono::milliseconds ChildSupervisor::kStopGrace;
 
-ChildSupervisor::ChildSupervisor(ChildSpec spec, ProcessControl& processes, Clock clock, Log log)
-    : m_spec(std::move(spec)), m_processes(processes), m_clock(std::move(clock)), m_log(std::move(log)) {}
+ChildSupervisor::ChildSupervisor(ChildProgram program, ProcessControl& processes, Clock clock, Log log)
+    : m_program(std::move(program)), m_processes(processes), m_clock(std::move(clock)), m_log(std::move(log)) {}
 
 void ChildSupervisor::start() {
     if (m_state != State::Idle) return;
-    if (m_spec.argv.empty() || !exists(m_spec.argv[0])) {
+    if (m_program.argv.empty() || !exists(m_program.argv[0])) {
         m_state = State::Missing;
-        m_log("no " + m_spec.name + " at " + (m_spec.argv.empty() ? "" : m_spec.argv[0]) + ": running " +
-              m_spec.withoutIt);
+        m_log("no " + m_program.name + " at " + (m_program.argv.empty() ? "" : m_program.argv[0]) + ": running " +
+              m_program.withoutIt);
         return;
     }
-    std::string dir = m_spec.logFile.substr(0, m_spec.logFile.rfind('/'));
-    if (dirutils_mkdir(dir.c_str(), 0755) != 0) m_log("cannot create " + dir + " for the " + m_spec.name + "'s log");
+    std::string dir = m_program.logFile.substr(0, m_program.logFile.rfind('/'));
+    if (dirutils_mkdir(dir.c_str(), 0755) != 0) m_log("cannot create " + dir + " for the " + m_program.name + "'s log");
     launch();
 }
 
 void ChildSupervisor::launch() {
-    rotateLog(m_spec.logFile);
+    rotateLog(m_program.logFile);
     std::string error;
-    pid_t pid = m_processes.spawn(m_spec.argv, m_spec.logFile, error);
+    pid_t pid = m_processes.spawn(m_program.argv, m_program.logFile, error);
     if (pid < 0) {
-        scheduleRestart("cannot start the " + m_spec.name + ": " + error);
+        scheduleRestart("cannot start the " + m_program.name + ": " + error);
         return;
     }
     m_pid = pid;
     m_state = State::Running;
     m_startedAt = m_clock();
-    m_log(m_spec.name + " started (pid " + std::to_string(pid) + ", log " + m_spec.logFile + ")");
+    m_log(m_program.name + " started (pid " + std::to_string(pid) + ", log " + m_program.logFile + ")");
 }
 
 void ChildSupervisor::poll() {
@@ -73,25 +73,25 @@ void ChildSupervisor::poll() {
         ChildExit exit;
         if (m_processes.reap(m_pid, exit)) onExit(exit);
     } else if (m_state == State::Waiting && m_clock() >= m_restartAt) {
-        m_log("restarting the " + m_spec.name);
+        m_log("restarting the " + m_program.name);
         launch();
     }
 }
 
 void ChildSupervisor::onExit(const ChildExit& exit) {
     m_pid = -1;
-    if (!exit.signalled && exit.code == m_spec.cannotRunCode) {
+    if (!exit.signalled && exit.code == m_program.cannotRunCode) {
         m_state = State::GaveUp;
         std::string reason = lastLogLine();
-        m_log("the " + m_spec.name + " cannot run on this host" + (reason.empty() ? std::string() : ": " + reason) +
-              " (see " + m_spec.logFile + "); not restarting it, running " + m_spec.withoutIt);
+        m_log("the " + m_program.name + " cannot run on this host" + (reason.empty() ? std::string() : ": " + reason) +
+              " (see " + m_program.logFile + "); not restarting it, running " + m_program.withoutIt);
         return;
     }
     if (m_clock() - m_startedAt >= kSteadyRun) m_delay = kFirstDelay;
     std::string how = exit.signalled
                           ? "killed by signal " + std::to_string(exit.code) + " (" + strsignal(exit.code) + ")"
                           : "exited with status " + std::to_string(exit.code);
-    scheduleRestart(m_spec.name + " " + how);
+    scheduleRestart(m_program.name + " " + how);
 }
 
 void ChildSupervisor::scheduleRestart(const std::string& what) {
@@ -104,15 +104,15 @@ void ChildSupervisor::scheduleRestart(const std::string& what) {
 void ChildSupervisor::stop() {
     if (m_state == State::Running) {
         ChildExit exit = m_processes.terminate(m_pid, kStopGrace);
-        m_log(exit.signalled ? m_spec.name + " stopped (signal " + std::to_string(exit.code) + ")"
-                             : m_spec.name + " stopped (status " + std::to_string(exit.code) + ")");
+        m_log(exit.signalled ? m_program.name + " stopped (signal " + std::to_string(exit.code) + ")"
+                             : m_program.name + " stopped (status " + std::to_string(exit.code) + ")");
         m_pid = -1;
     }
     if (m_state != State::Idle) m_state = State::Stopped;
 }
 
 std::string ChildSupervisor::lastLogLine() const {
-    std::ifstream in(m_spec.logFile, std::ios::binary | std::ios::ate);
+    std::ifstream in(m_program.logFile, std::ios::binary | std::ios::ate);
     if (!in) return "";
     std::streamoff size = in.tellg();
     std::streamoff from = std::max<std::streamoff>(0, size - kLogTailBytes);

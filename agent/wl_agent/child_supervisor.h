@@ -16,7 +16,7 @@
 
 namespace wlagent {
 
-struct ChildSpec {
+struct ChildProgram {
     std::string name;               // in the log lines: "collector", "forwarder"
     std::vector<std::string> argv;  // argv[0]: the program's path
     std::string logFile;
@@ -37,7 +37,7 @@ public:
     static constexpr std::chrono::seconds kSteadyRun{60};  // a run this long resets the back-off
     static constexpr std::chrono::milliseconds kStopGrace{3000};
 
-    ChildSupervisor(ChildSpec spec, ProcessControl& processes, Clock clock, Log log);
+    ChildSupervisor(ChildProgram program, ProcessControl& processes, Clock clock, Log log);
     virtual ~ChildSupervisor() { stop(); }
     ChildSupervisor(const ChildSupervisor&) = delete;
     ChildSupervisor& operator=(const ChildSupervisor&) = delete;
@@ -49,7 +49,7 @@ public:
 
     State state() const { return m_state; }
     pid_t pid() const { return m_pid; }
-    const ChildSpec& spec() const { return m_spec; }
+    const ChildProgram& program() const { return m_program; }
 
 private:
     void launch();
@@ -57,7 +57,7 @@ private:
     void onExit(const ChildExit& exit);
     std::string lastLogLine() const;
 
-    ChildSpec m_spec;
+    ChildProgram m_program;
     ProcessControl& m_processes;
     Clock m_clock;
     Log m_log;

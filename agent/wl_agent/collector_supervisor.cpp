@@ -9,18 +9,18 @@ CollectorOptions collectorOptions(const std::string& root, const std::string& ba
 
 bool isCollectorBackend(const std::string& name) { return name == "auto" || name == "ebpf" || name == "portable"; }
 
-ChildSpec collectorSpec(const CollectorOptions& options) {
-    ChildSpec spec;
-    spec.name = "collector";
-    spec.argv = {options.binary, "--socket", options.socket};
+ChildProgram collectorSpec(const CollectorOptions& options) {
+    ChildProgram program;
+    program.name = "collector";
+    program.argv = {options.binary, "--socket", options.socket};
     if (!options.backend.empty() && options.backend != "auto") {
-        spec.argv.push_back("--backend");
-        spec.argv.push_back(options.backend);
+        program.argv.push_back("--backend");
+        program.argv.push_back(options.backend);
     }
-    spec.logFile = options.logFile;
-    spec.cannotRunCode = ChildSupervisor::kCannotRunHere;
-    spec.withoutIt = "without host events";
-    return spec;
+    program.logFile = options.logFile;
+    program.cannotRunCode = ChildSupervisor::kCannotRunHere;
+    program.withoutIt = "without host events";
+    return program;
 }
 
 }  // namespace wlagent

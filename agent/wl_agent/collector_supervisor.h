@@ -18,7 +18,7 @@ struct CollectorOptions {
 
 CollectorOptions collectorOptions(const std::string& root, const std::string& backend);
 bool isCollectorBackend(const std::string& name);
-ChildSpec collectorSpec(const CollectorOptions& options);
+ChildProgram collectorSpec(const CollectorOptions& options);
 
 class CollectorSupervisor : public ChildSupervisor {
 public:

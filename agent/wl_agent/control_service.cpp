@@ -132,6 +132,8 @@ cJSON* ControlService::status() {
     cJSON* telemetry = parsedOrNull(m_sources.telemetryCounters ? m_sources.telemetryCounters() : "");
     cJSON_AddItemToObject(engines, "bus", bus);
     cJSON_AddItemToObject(engines, "telemetry", telemetry);
+    cJSON* queues = parsedOrNull(m_sources.moduleCounters ? m_sources.moduleCounters() : "");
+    cJSON_AddItemToObject(engines, "module", queues);
 
     cJSON* collector = cJSON_AddObjectToObject(out, "collector");
     std::string state = m_sources.collectorState ? m_sources.collectorState() : "unknown";
@@ -156,6 +158,7 @@ cJSON* ControlService::status() {
     };
     if (cJSON_IsObject(bus)) cJSON_AddNumberToObject(drops, "bus", sumDrops(bus));
     if (cJSON_IsObject(telemetry)) cJSON_AddNumberToObject(drops, "telemetry", sumDrops(telemetry));
+    if (cJSON_IsObject(queues)) cJSON_AddNumberToObject(drops, "module_queues", sumDrops(queues));
     if (cJSON_IsObject(collectorStatus)) {
         double kernel = wljson::number(collectorStatus, "lost_kernel"), queue = 0, socket = 0;
         const cJSON* kind = nullptr;

@@ -27,6 +27,7 @@ struct StatusSources {
     std::function<bool()> centreSwitch;              // the config centre's answer
     std::function<std::string()> busCounters;        // JSON object text, "" unknown
     std::function<std::string()> telemetryCounters;  // JSON object text, "" unknown
+    std::function<std::string()> moduleCounters;     // the engines' queues; JSON object text, "" unknown
     // The collector: its state word, and its own status JSON or an error.
     std::function<std::string()> collectorState;
     std::function<std::string(std::string& error)> collectorStatus;

@@ -2,14 +2,14 @@
 
 namespace wlagent {
 
-ChildSpec forwarderSpec(const std::string& root, const std::string& config) {
-    ChildSpec spec;
-    spec.name = "forwarder";
-    spec.argv = {root + "/bin/wl-forward", "--root", root, "--config", config};
-    spec.logFile = root + "/var/log/agent/forward/forward.log";
-    spec.cannotRunCode = ChildSupervisor::kCannotRunHere;
-    spec.withoutIt = "with reports kept in the spool only";
-    return spec;
+ChildProgram forwarderSpec(const std::string& root, const std::string& config) {
+    ChildProgram program;
+    program.name = "forwarder";
+    program.argv = {root + "/bin/wl-forward", "--root", root, "--config", config};
+    program.logFile = root + "/var/log/agent/forward/forward.log";
+    program.cannotRunCode = ChildSupervisor::kCannotRunHere;
+    program.withoutIt = "with reports kept in the spool only";
+    return program;
 }
 
 }  // namespace wlagent

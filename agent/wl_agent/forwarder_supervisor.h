@@ -11,7 +11,7 @@ namespace wlagent {
 
 // <root>/bin/wl-forward --root ROOT --config CONFIG, logging to
 // <root>/var/log/agent/forward/forward.log.
-ChildSpec forwarderSpec(const std::string& root, const std::string& config);
+ChildProgram forwarderSpec(const std::string& root, const std::string& config);
 
 }  // namespace wlagent
 

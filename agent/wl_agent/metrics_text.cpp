@@ -204,7 +204,7 @@ std::string renderMetrics(const cJSON* status, const cJSON* models) {
 
     const cJSON* engines = wljson::get(status, "engines");
     out.family("wl_counters_available", "gauge", "1 when the library reports its counters");
-    for (const char* part : {"bus", "telemetry"}) {
+    for (const char* part : {"bus", "telemetry", "module"}) {
         const cJSON* counters = wljson::get(engines, part);
         out.sample("wl_counters_available", {{"library", part}}, cJSON_IsObject(counters) ? 1 : 0);
         if (cJSON_IsObject(counters)) flatten(out, std::string("wl_") + part + "_", counters, "");

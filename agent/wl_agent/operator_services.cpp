@@ -108,6 +108,7 @@ void OperatorServices::start(const AgentConfig& config, const std::string& colle
     sources.centreSwitch = [this] { return m_centreOn.load(); };
     sources.busCounters = [this] { return busCountersJson(m_root); };
     sources.telemetryCounters = [this] { return telemetryCountersJson(m_root); };
+    sources.moduleCounters = [this] { return moduleCountersJson(m_root); };
     sources.collectorState = [this] {
         std::lock_guard<std::mutex> lock(m_stateMutex);
         return m_collectorState;

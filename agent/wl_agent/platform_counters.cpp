@@ -38,6 +38,10 @@ std::string busCountersJson(const std::string& root) {
     return callCounters(findCounters("tulmb_counters_json", root + "/agent_plugins/libtulmb.1.so"));
 }
 
+std::string moduleCountersJson(const std::string& root) {
+    return callCounters(findCounters("whitelist_counters_json", root + "/lib/libwhitelist.so"));
+}
+
 std::string telemetryCountersJson(const std::string& root) {
     return callCounters(findCounters("orv_rasp_counters_json", root + "/agent_plugins/liborv_rasp.50.so"));
 }

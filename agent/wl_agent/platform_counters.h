@@ -21,6 +21,7 @@ CountersFn findCounters(const char* name, const std::string& libraryPath);
 
 std::string busCountersJson(const std::string& root);        // libtulmb
 std::string telemetryCountersJson(const std::string& root);  // liborv_rasp
+std::string moduleCountersJson(const std::string& root);     // the module's queues
 
 }  // namespace wlagent
 

@@ -144,11 +144,11 @@ std::string formatStatus(const cJSON* status, const Style& style) {
            onOff(module, "centre_switch", style) + "\n";
 
     const cJSON* engines = get(status, "engines");
-    for (const char* part : {"bus", "telemetry"}) {
+    for (const char* part : {"bus", "telemetry", "module"}) {
         const cJSON* counters = get(engines, part);
         std::string line;
         if (cJSON_IsObject(counters)) flatCounters(counters, "", line);
-        out += style.bold(pad(part, 10)) + " " +
+        out += style.bold(pad(std::string(part) == "module" ? "queues" : part, 10)) + " " +
                (cJSON_IsObject(counters) ? (line.empty() ? "no counters" : line) : style.dim("counters unknown")) +
                "\n";
     }

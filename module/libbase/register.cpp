@@ -1,6 +1,7 @@
 #define WL_LOG_SOURCE "register"
 #include "register.h"
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -119,6 +120,9 @@ void Register::queueRaspText(const char* text) {
     OrvLockGuard lock(&g_raspDataLock);
     if (queueHasRoom(g_raspData)) {
         g_raspData.push_back(std::move(copy));
+        ++m_raspQueued;
+    } else {
+        ++m_raspDropped;
     }
 }
 
@@ -149,5 +153,28 @@ void Register::queueBaseEvent(int sub_type, void* data) {
     OrvLockGuard lock(&g_baseDataLock);
     if (queueHasRoom(g_baseData)) {
         g_baseData.push_back(*record);
+        ++m_baseQueued;
+    } else {
+        ++m_baseDropped;
     }
+}
+
+std::string Register::countersJson() {
+    std::size_t base_depth = 0, delay_depth = 0, rasp_depth = 0;
+    {
+        OrvLockGuard lock(&g_baseDataLock);
+        base_depth = g_baseData.size();
+        delay_depth = g_baseDelayData.size();
+    }
+    {
+        OrvLockGuard lock(&g_raspDataLock);
+        rasp_depth = g_raspData.size();
+    }
+    char text[320];
+    snprintf(text, sizeof(text),
+             "{\"base_queued\":%llu,\"base_dropped_full\":%llu,\"base_depth\":%zu,\"base_delay_depth\":%zu,"
+             "\"rasp_queued\":%llu,\"rasp_dropped_full\":%llu,\"rasp_depth\":%zu}",
+             m_baseQueued.load(), m_baseDropped.load(), base_depth, delay_depth, m_raspQueued.load(),
+             m_raspDropped.load(), rasp_depth);
+    return text;
 }

@@ -3,6 +3,8 @@
 #ifndef WL_REGISTER_H
 #define WL_REGISTER_H
 
+#include <atomic>
+
 #include "mbframe.h"
 #include "transformer.h"
 
@@ -23,6 +25,10 @@ public:
     int OnUnadvised(_UNADVISE_REASON reason) override;
     int OnEvent(MbFrame::IEvent* event, _RESPONSE_STATUS* status) override;
 
+    // What the engines' queues took and what they refused for being full,
+    // and how deep they are now, as a compact JSON object.
+    std::string countersJson();
+
 private:
     Register();
     ~Register() override;
@@ -32,6 +38,12 @@ private:
     void queueRaspText(const char* text);
     void queueBaseEvent(int sub_type, void* data);
 
+    // A full queue drops without a log line (the bus thread must not stall on
+    // logging under a flood); the count keeps the loss visible.
+    std::atomic<unsigned long long> m_baseQueued{0};
+    std::atomic<unsigned long long> m_baseDropped{0};
+    std::atomic<unsigned long long> m_raspQueued{0};
+    std::atomic<unsigned long long> m_raspDropped{0};
     Transformer m_transformer;
     void* m_dll;
     MbFrame::IRtmFrame* m_frame;

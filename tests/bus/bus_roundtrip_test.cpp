@@ -50,7 +50,8 @@ TEST_P(BusRoundTripTest, TelemetryTextAndCollectorRecordReachTheirQueues) {
     EXPECT_EQ(raspTexts()[0], "{\"type\":\"request\",\"n\":1}");
     const _BASE_EVENTINFO record = baseRecords().back();
     EXPECT_EQ(record.event_type, 1);
-    EXPECT_EQ(record.detail.process.process_id, 321u);
+    const uint64_t pid = record.detail.process.process_id;  // a packed field: compared by value
+    EXPECT_EQ(pid, 321u);
 }
 
 // Leaves the bus from inside its own delivery.

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <string>
+#include <vector>
 
 #include "bus_test_support.h"
 #include "log_capture.h"
@@ -9,6 +11,7 @@
 #include "register.h"
 #include "transformer.h"
 #include "whitelist.h"
+#include "whitelist_mb.h"
 
 namespace {
 
@@ -35,10 +38,19 @@ protected:
     LogCapture m_log;
 };
 
+// One counter of the module's, read from the text the agent shows.
+unsigned long long counter(const std::string& name) {
+    std::string json = Register::GetInstance()->countersJson();
+    size_t at = json.find("\"" + name + "\":");
+    return at == std::string::npos ? ~0ull : std::stoull(json.substr(at + name.size() + 3));
+}
+
 TEST_F(BusRegisterTest, QueueLimitOfBothQueues) {
     auto record = processRecord("PROCESS_CREATION", 42, "/bin/true");
     char text[] = "{}";
     for (unsigned int id : {19u, 20u}) {
+        const std::string engine = id == 19 ? "rasp_" : "base_";
+        const unsigned long long queued = counter(engine + "queued"), dropped = counter(engine + "dropped_full");
         // The 100th record is still taken; the 101st is dropped.
         for (std::size_t prefilled : {99u, 100u}) {
             orv_mutex_lock(&g_baseDataLock);
@@ -51,7 +63,16 @@ TEST_F(BusRegisterTest, QueueLimitOfBothQueues) {
             deliver(event);
             EXPECT_EQ(id == 19 ? raspQueued() : baseQueued(), 100u) << id << " after " << prefilled;
         }
+        // The drop is silent in the log but counted, and the depth shows.
+        EXPECT_EQ(counter(engine + "queued"), queued + 1) << id;
+        EXPECT_EQ(counter(engine + "dropped_full"), dropped + 1) << id;
+        EXPECT_EQ(counter(engine + "depth"), 100u) << id;
     }
+    char small[8];
+    int needed = whitelist_counters_json(small, sizeof small);
+    std::vector<char> whole(static_cast<size_t>(needed));
+    EXPECT_EQ(whitelist_counters_json(whole.data(), needed), needed - 1);
+    EXPECT_EQ(std::string(whole.data()), Register::GetInstance()->countersJson());
 }
 
 TEST_F(BusRegisterTest, UnknownActionTypesQueueAClearedRecord) {

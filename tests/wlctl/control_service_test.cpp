@@ -46,6 +46,9 @@ protected:
         sources.started = std::time(nullptr) - 5;
         sources.catalogue = [this] { return catalogue; };
         sources.busCounters = [] { return std::string("{\"dropped\":2}"); };
+        sources.moduleCounters = [] {
+            return std::string("{\"base_queued\":9,\"base_dropped_full\":7,\"rasp_dropped_full\":1,\"rasp_depth\":4}");
+        };
         sources.collectorStatus = [](std::string& error) {
             error.clear();
             return std::string("{\"lost_kernel\":3,\"kinds\":{\"a\":{\"lost_queue\":1,\"lost_socket\":2}}}");
@@ -103,6 +106,7 @@ TEST_F(Service, StatusGathersEveryDrop) {
     EXPECT_GE(wljson::number(wljson::get(status, "agent"), "uptime_seconds"), 5);
     const cJSON* drops = wljson::get(status, "drops");
     EXPECT_EQ(wljson::number(drops, "bus"), 2);
+    EXPECT_EQ(wljson::number(drops, "module_queues"), 8);
     EXPECT_TRUE(wljson::get(drops, "telemetry") == nullptr);  // counters unknown: not claimed as 0
     EXPECT_TRUE(cJSON_IsNull(wljson::get(wljson::get(status, "engines"), "telemetry")));
     EXPECT_EQ(wljson::number(drops, "collector_kernel"), 3);

@@ -32,9 +32,9 @@ std::string formatSyslog(const SyslogHeader& h, const Route& route, const std::s
     int pri = h.facility * 8 + (alarm ? 4 : 5);
     struct tm utc;
     gmtime_r(&h.time.tv_sec, &utc);
-    char stamp[40];
+    char stamp[96];  // room for any int fields, so the text is never cut
     std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
-                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<long>(h.time.tv_nsec / 1000));
+                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<long>(h.time.tv_nsec / 1000 % 1000000));
     std::string out = "<" + std::to_string(pri) + ">1 " + stamp + " " + field(h.hostname, 255) + " " +
                       field(h.appName, 48) + " " + std::to_string(h.procId) + " " + field(route.type, 32) + " ";
     out += "[wl@32473 host_uuid=\"" + paramValue(route.hostUuid) + "\"";
