@@ -1,6 +1,7 @@
 # Compiler flags of the four build flavours. The i386 flavour is the shipping
 # build: record layouts are asserted against byte offsets of 32-bit pointers.
-set(WL_COMMON_WARNINGS -Wall -Wextra -Wno-unused-parameter)
+# Warnings are errors in every flavour: a new warning is fixed, not lived with.
+set(WL_COMMON_WARNINGS -Wall -Wextra -Wno-unused-parameter -Werror)
 
 if(WL_FLAVOUR STREQUAL "i386")
   set(WL_IS_32BIT ON)
