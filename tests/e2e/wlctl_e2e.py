@@ -106,6 +106,14 @@ def check(agent, metrics_port, app):
     assert first["id"] in agent.wlctl("alarms", "--since", "10m").stdout
     assert run_json(agent, "alarms", "--kind", "dns")["alarms"] == []
 
+    # The module's report also left the host's spool through wl-forward's
+    # default sink, the file.
+    sink = os.path.join(agent.root, "var/log/agent/manager/reports.jsonl")
+
+    def in_sink():
+        return os.path.exists(sink) and f'"seq_id":"{first["id"]}"' in open(sink).read()
+    wait_for("the alarm in the file sink", in_sink, 30)
+
     # Fed back, the same behaviour stays quiet; something new still alarms.
     fed = run_json(agent, "feedback", first["id"])
     assert fed["result"] == 0 and fed["ok"] is True, fed
