@@ -47,6 +47,10 @@ public:
     }
 };
 
+// The whole copy of an upload, for the sinks that send a file as one body;
+// false with error set when it cannot be read.
+bool readUpload(const Upload& file, std::string& content, std::string& error);
+
 }  // namespace wlforward
 
 #endif

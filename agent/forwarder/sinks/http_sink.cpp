@@ -2,9 +2,6 @@
 
 #include <curl/curl.h>
 
-#include <fstream>
-#include <sstream>
-
 namespace wlforward {
 
 struct HttpSink::Curl {
@@ -131,17 +128,12 @@ SendResult HttpSink::send(const std::vector<Report>& batch) {
 
 SendResult HttpSink::sendFile(const Upload& file) {
     SendResult result;
-    std::ifstream in(file.path, std::ios::binary);
-    if (!in) {
-        result.error = "cannot read " + file.path;
-        return result;
-    }
-    std::ostringstream content;
-    content << in.rdbuf();
+    std::string content;
+    if (!readUpload(file, content, result.error)) return result;
     std::vector<std::string> headers = {
         "Content-Type: application/octet-stream", "X-WL-Upload-Kind: " + std::to_string(file.entry.kind),
         "X-WL-Upload-Name: " + file.entry.name, "X-WL-Host-UUID: " + subjectToken(file.entry.hostUuid)};
-    long status = post(m_settings.filesUrl, content.str(), headers, result.error);
+    long status = post(m_settings.filesUrl, content, headers, result.error);
     if (status == 0) return result;
     HttpVerdict verdict = httpVerdict(status);
     if (verdict == HttpVerdict::Taken) {

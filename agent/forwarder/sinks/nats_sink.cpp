@@ -2,9 +2,6 @@
 
 #include <nats/nats.h>
 
-#include <fstream>
-#include <sstream>
-
 namespace wlforward {
 
 struct NatsSink::Connection {
@@ -159,16 +156,11 @@ SendResult NatsSink::send(const std::vector<Report>& batch) {
 
 SendResult NatsSink::sendFile(const Upload& file) {
     SendResult result;
-    std::ifstream in(file.path, std::ios::binary);
-    if (!in) {
-        result.error = "cannot read " + file.path;
-        return result;
-    }
-    std::ostringstream content;
-    content << in.rdbuf();
+    std::string content;
+    if (!readUpload(file, content, result.error)) return result;
     if (!connect(result.error)) return result;
     std::string id = "upload:" + subjectToken(file.entry.hostUuid) + ":" + std::to_string(file.offset);
-    if (publish(uploadSubject(m_settings.subjectPrefix, file.entry), id, content.str(),
+    if (publish(uploadSubject(m_settings.subjectPrefix, file.entry), id, content,
                 {{"WL-Upload-Name", file.entry.name}, {"WL-Upload-Kind", std::to_string(file.entry.kind)}},
                 result.error)) {
         result.delivered = 1;
