@@ -44,6 +44,16 @@ bool mentionsDrop(const char* key) {
     return key && (std::strstr(key, "drop") || std::strstr(key, "lost") || std::strstr(key, "overflow"));
 }
 
+// The view of a model the catalogue names but no report has spoken of yet.
+cJSON* catalogueOnlyView(const CatalogueEntry& entry) {
+    cJSON* view = cJSON_CreateObject();
+    cJSON_AddStringToObject(view, "engine", entry.engine.c_str());
+    cJSON_AddStringToObject(view, "name", entry.name.c_str());
+    cJSON_AddNullToObject(view, "status");
+    cJSON_AddNumberToObject(view, "alarms", 0);
+    return view;
+}
+
 // Adds a catalogue entry's definition to a model view.
 void addDefinition(cJSON* view, const CatalogueEntry& entry) {
     cJSON* def = cJSON_AddObjectToObject(view, "definition");
@@ -205,11 +215,7 @@ cJSON* ControlService::models() {
     for (const CatalogueEntry& entry : catalogue) {
         cJSON*& view = views[{entry.engine, entry.name}];
         if (!view) {
-            view = cJSON_CreateObject();
-            cJSON_AddStringToObject(view, "engine", entry.engine.c_str());
-            cJSON_AddStringToObject(view, "name", entry.name.c_str());
-            cJSON_AddNullToObject(view, "status");
-            cJSON_AddNumberToObject(view, "alarms", 0);
+            view = catalogueOnlyView(entry);
             cJSON_AddNullToObject(view, "last_alarm");
             cJSON_AddBoolToObject(view, "in_catalogue", false);
             cJSON_AddItemToArray(out, view);
@@ -229,11 +235,7 @@ cJSON* ControlService::modelView(const std::string& engine, const std::string& n
         if (entry.name != name || (!engine.empty() && entry.engine != engine)) continue;
         if (view && wljson::text(view, "engine") != entry.engine) continue;
         if (!view) {
-            view = cJSON_CreateObject();
-            cJSON_AddStringToObject(view, "engine", entry.engine.c_str());
-            cJSON_AddStringToObject(view, "name", entry.name.c_str());
-            cJSON_AddNullToObject(view, "status");
-            cJSON_AddNumberToObject(view, "alarms", 0);
+            view = catalogueOnlyView(entry);
             cJSON_AddNullToObject(view, "data");
         }
         addDefinition(view, entry);
