@@ -86,6 +86,44 @@ TEST(AtomicFile, FailuresKeepTheOldFileAndSayWhy) {
     EXPECT_EQ(readFile(path), "precious");
 }
 
+TEST(AtomicFile, CopyIsWholeOrNothing) {
+    TempDir tmp;
+    UmaskScope umask(0);
+    const std::string src = tmp / "origin.log";
+    const std::string big(200000, 'x');  // several read buffers
+    writeFile(src, big);
+    const std::string dst = tmp / "copy";
+    writeFile(dst, "old");
+    unsigned long long copied = 1;
+    ASSERT_EQ(file_copy_atomic(src.c_str(), dst.c_str(), 0640, &copied), 0);
+    EXPECT_EQ(readFile(dst), big);
+    EXPECT_EQ(copied, big.size());
+    EXPECT_EQ(modeOf(dst), 0640u);
+    EXPECT_FALSE(std::filesystem::exists(dst + ".tmp"));
+
+    writeFile(dst, "precious");
+    struct Case {
+        const char* what;
+        std::string src;
+        std::string dst;
+        int err;
+    };
+    const Case cases[] = {
+        {"missing source", tmp / "none", dst, ENOENT},
+        {"source is a directory", tmp.path(), dst, EINVAL},
+        {"missing target directory", src, tmp / "no/such/file", ENOENT},
+    };
+    for (const Case& c : cases) {
+        copied = 1;
+        errno = 0;
+        EXPECT_EQ(file_copy_atomic(c.src.c_str(), c.dst.c_str(), 0640, &copied), -1) << c.what;
+        EXPECT_EQ(errno, c.err) << c.what;
+        EXPECT_EQ(copied, 0u) << c.what;
+        EXPECT_FALSE(std::filesystem::exists(c.dst + ".tmp")) << c.what;
+    }
+    EXPECT_EQ(readFile(dst), "precious");
+}
+
 TEST(AtomicFile, IniSaveIsPrivateAndAtomic) {
     TempDir tmp;
     UmaskScope umask(0);

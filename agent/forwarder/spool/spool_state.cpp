@@ -183,47 +183,14 @@ bool writeCursor(const Stream& stream, const std::string& sink, uint64_t offset,
 
 // Copies src to dst whole or not at all.
 bool copyFileAtomic(const std::string& src, const std::string& dst, uint64_t& size, std::string& error) {
-    wl::UniqueFd in(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat st;
-    if (!in.valid() || ::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        error = "cannot read " + src + (in.valid() ? ": not a regular file" : std::string(": ") + std::strerror(errno));
-        return false;
-    }
-    std::string tmp = dst + ".tmp";
-    wl::UniqueFd out(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
-    if (!out.valid()) {
-        error = "cannot write " + tmp + ": " + std::strerror(errno);
-        return false;
-    }
-    char buf[65536];
+    unsigned long long copied = 0;
     size = 0;
-    for (;;) {
-        ssize_t n = ::read(in.get(), buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            error = "cannot read " + src + ": " + std::strerror(errno);
-            ::unlink(tmp.c_str());
-            return false;
-        }
-        if (n == 0) break;
-        for (ssize_t done = 0; done < n;) {
-            ssize_t w = ::write(out.get(), buf + done, static_cast<size_t>(n - done));
-            if (w < 0 && errno == EINTR) continue;
-            if (w <= 0) {
-                error = "cannot write " + tmp + ": " + std::strerror(errno);
-                ::unlink(tmp.c_str());
-                return false;
-            }
-            done += w;
-        }
-        size += static_cast<uint64_t>(n);
-    }
-    if (::fsync(out.get()) != 0 || std::rename(tmp.c_str(), dst.c_str()) != 0) {
-        error = "cannot store " + dst + ": " + std::strerror(errno);
-        ::unlink(tmp.c_str());
+    if (file_copy_atomic(src.c_str(), dst.c_str(), 0640, &copied) != 0) {
+        error = "cannot copy " + src + " to " + dst + ": " +
+                (errno == EINVAL ? std::string("not a regular file") : std::strerror(errno));
         return false;
     }
-    file_sync_parent_dir(dst.c_str());
+    size = copied;
     return true;
 }
 
