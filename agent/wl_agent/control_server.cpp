@@ -1,10 +1,11 @@
 #include "control_server.h"
 
+#include <cstdio>
 #include <cstring>
 
-namespace wlagent {
+#include "peer_cred.h"
 
-bool trustedPeer(uid_t peer, uid_t own) { return peer == 0 || peer == own; }
+namespace wlagent {
 
 namespace {
 
@@ -22,68 +23,33 @@ std::string errorLine(const std::string& code, const std::string& sentence) {
 ControlServer::ControlServer(Handler handler, ControlServerLimits limits)
     : m_handler(std::move(handler)), m_limits(limits) {}
 
-ControlServer::~ControlServer() {
-    m_stopping = true;
-    m_stop.signal();
-    if (m_acceptor.joinable()) m_acceptor.join();
-    for (Client& client : m_clients) client.thread.join();
-    if (m_listen.valid()) ::unlink(m_path.c_str());
-}
+ControlServer::~ControlServer() { m_listener.stop(); }
 
 std::string ControlServer::start(const std::string& path) {
-    if (!m_stop.valid()) return "cannot make a wake-up descriptor";
-    int err = 0;
-    m_listen = wlsock::listen_at(path, 0600, &err);
-    if (!m_listen.valid()) return "cannot listen on " + path + ": " + std::strerror(err);
-    m_path = path;
-    m_acceptor = std::thread(&ControlServer::acceptLoop, this);
-    return "";
+    const int err = m_listener.start(
+        path, 0600, [this](int fd) { return admit(fd); },
+        [](const char* what) { std::fprintf(stderr, "wl-agent: control socket: %s\n", what); });
+    return err == 0 ? "" : "cannot listen on " + path + ": " + std::strerror(err);
 }
 
-void ControlServer::reapFinished() {
-    for (auto it = m_clients.begin(); it != m_clients.end();) {
-        if (it->finished->load()) {
-            it->thread.join();
-            it = m_clients.erase(it);
-        } else {
-            ++it;
-        }
+wlsock::ThreadedListener::Serve ControlServer::admit(int fd) {
+    wlsock::PeerCred peer;
+    if (!wlsock::trusted_peer(fd, &peer)) {
+        ++m_refusedPeers;
+        reply(fd, errorLine("forbidden", "only root and the agent's own user may use this socket"));
+        return nullptr;
     }
-}
-
-void ControlServer::acceptLoop() {
-    const uid_t own = ::geteuid();
-    while (!m_stopping) {
-        pollfd fds[2] = {{m_listen.get(), POLLIN, 0}, {m_stop.get(), POLLIN, 0}};
-        int rc = ::poll(fds, 2, 1000);
-        reapFinished();
-        if (rc <= 0 || (fds[1].revents & POLLIN)) continue;
-        wl::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!client.valid()) continue;
-        ucred cred{};
-        socklen_t len = sizeof cred;
-        if (::getsockopt(client.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || !trustedPeer(cred.uid, own)) {
-            ++m_refusedPeers;
-            reply(client.get(), errorLine("forbidden", "only root and the agent's own user may use this socket"));
-            continue;
-        }
-        if (m_clients.size() >= m_limits.maxClients) {
-            ++m_refusedBusy;
-            reply(client.get(), errorLine("busy", "the agent serves too many control connections; try again"));
-            continue;
-        }
-        auto finished = std::make_shared<std::atomic<bool>>(false);
-        auto body = [this, finished](wl::UniqueFd fd) {
-            serve(std::move(fd));
-            finished->store(true);
-        };
-        m_clients.push_back(Client{std::thread(body, std::move(client)), finished});
+    if (m_listener.active() >= m_limits.maxClients) {
+        ++m_refusedBusy;
+        reply(fd, errorLine("busy", "the agent serves too many control connections; try again"));
+        return nullptr;
     }
+    return [this](wl::UniqueFd client) { serve(std::move(client)); };
 }
 
 void ControlServer::reply(int fd, const std::string& line) {
     std::string out = line + "\n";
-    wlsock::write_all(fd, out.data(), out.size(), m_stop.get(), wlsock::deadline_in(m_limits.replyMs));
+    wlsock::write_all(fd, out.data(), out.size(), m_listener.stop_fd(), wlsock::deadline_in(m_limits.replyMs));
 }
 
 void ControlServer::serve(wl::UniqueFd fd) {
@@ -102,7 +68,7 @@ void ControlServer::serve(wl::UniqueFd fd) {
                                       "the request is larger than " + std::to_string(m_limits.maxRequest) + " bytes"));
             return;
         }
-        wlsock::IoResult ready = wlsock::wait_for(fd.get(), POLLIN, m_stop.get(), deadline);
+        wlsock::IoResult ready = wlsock::wait_for(fd.get(), POLLIN, m_listener.stop_fd(), deadline);
         if (ready != wlsock::IoResult::Ok) return;  // idle, stopped or gone: nothing was asked
         ssize_t n = ::recv(fd.get(), chunk, sizeof chunk, MSG_DONTWAIT);
         if (n == 0) {

@@ -7,12 +7,9 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <list>
-#include <memory>
 #include <string>
-#include <thread>
 
-#include "unix_socket.h"
+#include "threaded_listener.h"
 
 namespace wlagent {
 
@@ -41,30 +38,17 @@ public:
     uint64_t badRequests() const { return m_badRequests; }
 
 private:
-    struct Client {
-        std::thread thread;
-        std::shared_ptr<std::atomic<bool>> finished;
-    };
-    void acceptLoop();
+    wlsock::ThreadedListener::Serve admit(int fd);
     void serve(wl::UniqueFd fd);
     void reply(int fd, const std::string& line);
-    void reapFinished();
 
     Handler m_handler;
     ControlServerLimits m_limits;
-    std::string m_path;
-    wl::UniqueFd m_listen;
-    wlsock::WakeFd m_stop;
-    std::atomic<bool> m_stopping{false};
-    std::thread m_acceptor;
-    std::list<Client> m_clients;  // the acceptor's, then the destructor's after the join
     std::atomic<uint64_t> m_refusedPeers{0};
     std::atomic<uint64_t> m_refusedBusy{0};
     std::atomic<uint64_t> m_badRequests{0};
+    wlsock::ThreadedListener m_listener;  // last: its threads use the members above
 };
-
-// Whether a peer with this uid may use the socket: root or our own user.
-bool trustedPeer(uid_t peer, uid_t own);
 
 }  // namespace wlagent
 

@@ -42,63 +42,25 @@ TaskSocketServer::Limits TaskSocketServer::Limits::fromEnvironment() {
 
 TaskSocketServer::TaskSocketServer(HandlerRegistry& registry) : m_registry(registry) {}
 
-TaskSocketServer::~TaskSocketServer() {
-    m_stopping = true;
-    m_stop.signal();
-    if (m_acceptor.joinable()) m_acceptor.join();
-    for (Client& client : m_clients) client.thread.join();
-    if (m_listen.valid()) ::unlink(m_path.c_str());
-}
+TaskSocketServer::~TaskSocketServer() { m_listener.stop(); }
 
 int TaskSocketServer::start(const std::string& path) {
-    if (!m_stop.valid()) return EMFILE;
-    int err = 0;
-    m_listen = wlsock::listen_at(path, 0600, &err);
-    if (!m_listen.valid()) return err;
-    m_path = path;
-    m_acceptor = std::thread(&TaskSocketServer::acceptLoop, this);
-    return 0;
+    return m_listener.start(
+        path, 0600, [this](int fd) { return admit(fd); },
+        [](const char* what) { TASK_LOG(LOG_LVL_ERROR, "task push: %s", what); });
 }
 
-void TaskSocketServer::reapFinished() {
-    for (auto it = m_clients.begin(); it != m_clients.end();) {
-        if (it->finished->load()) {
-            it->thread.join();
-            it = m_clients.erase(it);
-        } else {
-            ++it;
-        }
-    }
-}
-
-void TaskSocketServer::acceptLoop() {
-    while (!m_stopping) {
-        try {
-            pollfd fds[2] = {{m_listen.get(), POLLIN, 0}, {m_stop.get(), POLLIN, 0}};
-            int rc = ::poll(fds, 2, 1000);
-            reapFinished();
-            if (rc <= 0 || (fds[1].revents & POLLIN)) continue;
-            acceptOne();
-        } catch (const std::exception& error) {
-            // A thread that could not be made, most likely; the client went with it.
-            TASK_LOG(LOG_LVL_ERROR, "task push: %s", error.what());
-        }
-    }
-}
-
-void TaskSocketServer::acceptOne() {
-    wl::UniqueFd client(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!client.valid()) return;
+wlsock::ThreadedListener::Serve TaskSocketServer::admit(int fd) {
     wlsock::PeerCred peer;
     std::uint64_t held_back = 0;
-    if (!wlsock::trusted_peer(client.get(), &peer)) {
+    if (!wlsock::trusted_peer(fd, &peer)) {
         if (m_refusalLog.allow(&held_back)) {
             TASK_LOG(LOG_LVL_WARN,
                      "task push: refused pid %d uid %u, not root or the agent's user (%llu more unlogged)",
                      static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
                      static_cast<unsigned long long>(held_back));
         }
-        return;  // closed without a word
+        return nullptr;  // closed without a word
     }
     const std::uint64_t key = static_cast<std::uint64_t>(peer.pid);
     if (m_slots.acquire(key) != wlsock::ConnectionLimits::Verdict::Ok) {
@@ -106,16 +68,12 @@ void TaskSocketServer::acceptOne() {
             TASK_LOG(LOG_LVL_WARN, "task push: busy, connection of pid %d refused (%llu more unlogged)",
                      static_cast<int>(peer.pid), static_cast<unsigned long long>(held_back));
         }
-        reply(client.get(), "ERR busy\n");
-        return;
+        reply(fd, "ERR busy\n");
+        return nullptr;
     }
     auto slot = std::make_shared<wlsock::ConnectionSlot>(&m_slots, key);
-    auto finished = std::make_shared<std::atomic<bool>>(false);
-    auto body = [this, finished, slot](wl::UniqueFd fd) {
-        serve(std::move(fd));
-        finished->store(true);
-    };
-    m_clients.push_back(Client{std::thread(body, std::move(client)), finished});
+    // A request lost to an exception is logged by the listener.
+    return [this, slot](wl::UniqueFd client) { serveRequest(client.get()); };
 }
 
 void TaskSocketServer::reply(int fd, const std::string& text) {
@@ -126,7 +84,7 @@ bool TaskSocketServer::receive(int fd, char* out, std::size_t size, wlsock::Dead
     std::size_t got = 0;
     while (got < size) {
         wlsock::Deadline idle = wlsock::deadline_in(m_limits.idle_ms);
-        wlsock::IoResult ready = wlsock::wait_for(fd, POLLIN, m_stop.get(), idle < request ? idle : request);
+        wlsock::IoResult ready = wlsock::wait_for(fd, POLLIN, m_listener.stop_fd(), idle < request ? idle : request);
         if (ready != wlsock::IoResult::Ok) return false;
         ssize_t n = ::recv(fd, out + got, size - got, MSG_DONTWAIT);
         if (n == 0) return false;
@@ -137,14 +95,6 @@ bool TaskSocketServer::receive(int fd, char* out, std::size_t size, wlsock::Dead
         got += static_cast<std::size_t>(n);
     }
     return true;
-}
-
-void TaskSocketServer::serve(wl::UniqueFd fd) {
-    try {
-        serveRequest(fd.get());
-    } catch (const std::exception& error) {
-        TASK_LOG(LOG_LVL_ERROR, "task push: request lost: %s", error.what());
-    }
 }
 
 void TaskSocketServer::serveRequest(int fd) {
@@ -195,7 +145,7 @@ void TaskSocketServer::serveRequest(int fd) {
     }
     unsigned int code = 0;
     Task::State state = Task::State::Queued;
-    while (state == Task::State::Queued && !m_stopping) {
+    while (state == Task::State::Queued && !m_listener.stopping()) {
         state = task->waitFor(std::chrono::milliseconds(200), &code);
     }
     if (state == Task::State::Done) {

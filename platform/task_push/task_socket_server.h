@@ -7,14 +7,11 @@
 #define TASKPUSH_TASK_SOCKET_SERVER_H
 
 #include <atomic>
-#include <list>
-#include <memory>
 #include <string>
-#include <thread>
 
 #include "connection_limits.h"
 #include "rate_limit.h"
-#include "unix_socket.h"
+#include "threaded_listener.h"
 
 namespace taskpush {
 
@@ -31,11 +28,6 @@ public:
     int start(const std::string& path);
 
 private:
-    struct Client {
-        std::thread thread;
-        std::shared_ptr<std::atomic<bool>> finished;
-    };
-
     struct Limits {
         std::size_t connections;
         std::size_t per_peer;        // connections of one process
@@ -45,15 +37,12 @@ private:
         static Limits fromEnvironment();
     };
 
-    void acceptLoop();
-    void acceptOne();
-    void serve(wl::UniqueFd fd);
+    wlsock::ThreadedListener::Serve admit(int fd);
     void serveRequest(int fd);
     // Reads exactly size bytes, allowing idle_ms between pieces and the
     // request's own deadline overall.
     bool receive(int fd, char* out, std::size_t size, wlsock::Deadline request);
     void reply(int fd, const std::string& text);
-    void reapFinished();
 
     HandlerRegistry& m_registry;
     const Limits m_limits = Limits::fromEnvironment();
@@ -61,12 +50,7 @@ private:
     std::atomic<std::size_t> m_buffered{0};
     wlsock::RateLimit m_refusalLog;
     wlsock::RateLimit m_overloadLog;
-    std::string m_path;
-    wl::UniqueFd m_listen;
-    wlsock::WakeFd m_stop;
-    std::atomic<bool> m_stopping{false};
-    std::thread m_acceptor;
-    std::list<Client> m_clients;  // touched by the acceptor, then by the destructor after the join
+    wlsock::ThreadedListener m_listener;  // last: its threads use the members above
 };
 
 }  // namespace taskpush

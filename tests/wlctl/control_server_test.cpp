@@ -15,19 +15,12 @@
 
 #include "control_client.h"
 #include "control_server.h"
+#include "forked_peer.h"
 
 namespace {
 
 using wlagent::ControlServer;
 using wlagent::ControlServerLimits;
-
-TEST(TrustedPeer, RootAndOwnUserOnly) {
-    struct Case {
-        uid_t peer, own;
-        bool trusted;
-    } cases[] = {{0, 1000, true}, {1000, 1000, true}, {1001, 1000, false}, {65534, 0, false}, {0, 0, true}};
-    for (const Case& c : cases) EXPECT_EQ(wlagent::trustedPeer(c.peer, c.own), c.trusted) << c.peer << " " << c.own;
-}
 
 class ControlSocket : public ::testing::Test {
 protected:
@@ -72,6 +65,28 @@ TEST_F(ControlSocket, AnswersOneLineAndIsPrivate) {
     wlctl::ControlReply reply = wlctl::askAgent(path, "{\"cmd\":\"status\"}", 2000);
     EXPECT_EQ(reply.failure, wlctl::kExitOk) << reply.error;
     EXPECT_EQ(reply.json, "{\"echo\":\"{\"cmd\":\"status\"}\"}");
+}
+
+TEST_F(ControlSocket, AnotherUserIsRefusedEvenThroughAWidenedFileMode) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    std::atomic<int> calls{0};
+    start(ControlServerLimits(), [&](const std::string&) {
+        ++calls;
+        return std::string("{}");
+    });
+    ASSERT_EQ(::chmod(dir.c_str(), 0711), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);  // a mistake the credential check must survive
+    ForkedPeer intruder(
+        [&] {
+            int fd = peer_connect(path);
+            if (fd < 0) return std::string("cannot connect");
+            return peer_read_until_closed(fd, std::chrono::seconds(5));
+        },
+        {true, false});
+    const std::string seen = intruder.report();
+    EXPECT_NE(seen.find("\"code\":\"forbidden\""), std::string::npos) << seen;
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(server->refusedPeers(), 1u);
 }
 
 TEST_F(ControlSocket, OversizeRequestIsRefusedWithoutCallingTheHandler) {
