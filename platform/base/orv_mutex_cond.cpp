@@ -21,16 +21,30 @@ T* from(void* const* handle) {
     return handle && *handle ? static_cast<T*>(*handle) : nullptr;
 }
 
-}  // namespace
-
-extern "C" int orv_mutex_init(orv_mutex_t* mutex) {
-    if (!mutex) return EINVAL;
-    auto created = std::make_unique<OrvMutex>();
-    int rc = pthread_mutex_init(&created->native, nullptr);
+// The handle is set only once the pthread object is ready.
+template <typename T, typename Init>
+int create(void** handle, Init init) {
+    if (!handle) return EINVAL;
+    auto created = std::make_unique<T>();
+    int rc = init(&created->native, nullptr);
     if (rc != 0) return rc;
-    *mutex = created.release();
+    *handle = created.release();
     return 0;
 }
+
+// The handle is cleared whatever the pthread call says: the memory is gone.
+template <typename T, typename Destroy>
+int destroy(void** handle, Destroy destroyNative) {
+    T* object = from<T>(handle);
+    if (!object) return EINVAL;
+    std::unique_ptr<T> owned(object);
+    *handle = nullptr;
+    return destroyNative(&owned->native);
+}
+
+}  // namespace
+
+extern "C" int orv_mutex_init(orv_mutex_t* mutex) { return create<OrvMutex>(mutex, pthread_mutex_init); }
 
 extern "C" int orv_mutex_lock(orv_mutex_t* mutex) {
     OrvMutex* m = from<OrvMutex>(mutex);
@@ -42,22 +56,9 @@ extern "C" int orv_mutex_unlock(orv_mutex_t* mutex) {
     return m ? pthread_mutex_unlock(&m->native) : EINVAL;
 }
 
-extern "C" int orv_mutex_destroy(orv_mutex_t* mutex) {
-    OrvMutex* m = from<OrvMutex>(mutex);
-    if (!m) return EINVAL;
-    std::unique_ptr<OrvMutex> owned(m);
-    *mutex = nullptr;
-    return pthread_mutex_destroy(&owned->native);
-}
+extern "C" int orv_mutex_destroy(orv_mutex_t* mutex) { return destroy<OrvMutex>(mutex, pthread_mutex_destroy); }
 
-extern "C" int orv_cond_init(orv_cond_t* cond) {
-    if (!cond) return EINVAL;
-    auto created = std::make_unique<OrvCond>();
-    int rc = pthread_cond_init(&created->native, nullptr);
-    if (rc != 0) return rc;
-    *cond = created.release();
-    return 0;
-}
+extern "C" int orv_cond_init(orv_cond_t* cond) { return create<OrvCond>(cond, pthread_cond_init); }
 
 extern "C" int orv_cond_wait(orv_cond_t* cond, orv_mutex_t* mutex) {
     OrvCond* c = from<OrvCond>(cond);
@@ -75,13 +76,7 @@ extern "C" int orv_cond_signal(orv_cond_t* cond) {
     return c ? pthread_cond_signal(&c->native) : EINVAL;
 }
 
-extern "C" int orv_cond_destroy(orv_cond_t* cond) {
-    OrvCond* c = from<OrvCond>(cond);
-    if (!c) return EINVAL;
-    std::unique_ptr<OrvCond> owned(c);
-    *cond = nullptr;
-    return pthread_cond_destroy(&owned->native);
-}
+extern "C" int orv_cond_destroy(orv_cond_t* cond) { return destroy<OrvCond>(cond, pthread_cond_destroy); }
 
 extern "C" int orv_atomic32_add_and_fetch(volatile int* value, int delta) {
     return __atomic_add_fetch(value, delta, __ATOMIC_SEQ_CST);
