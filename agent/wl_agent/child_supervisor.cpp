@@ -94,11 +94,16 @@ void ChildSupervisor::onExit(const ChildExit& exit) {
     scheduleRestart(m_program.name + " " + how);
 }
 
+void ChildSupervisor::setMaxDelay(std::chrono::seconds limit) {
+    m_maxDelay = std::max(limit, kFirstDelay);
+    m_delay = std::min(m_delay, m_maxDelay);
+}
+
 void ChildSupervisor::scheduleRestart(const std::string& what) {
     m_state = State::Waiting;
     m_restartAt = m_clock() + m_delay;
     m_log(what + "; restarting it in " + seconds(m_delay));
-    m_delay = std::min(m_delay * 2, kMaxDelay);
+    m_delay = std::min(m_delay * 2, m_maxDelay);
 }
 
 void ChildSupervisor::stop() {

@@ -33,7 +33,7 @@ public:
 
     static constexpr int kCannotRunHere = 3;
     static constexpr std::chrono::seconds kFirstDelay{1};
-    static constexpr std::chrono::seconds kMaxDelay{60};
+    static constexpr std::chrono::seconds kMaxDelay{60};   // unless setMaxDelay says otherwise
     static constexpr std::chrono::seconds kSteadyRun{60};  // a run this long resets the back-off
     static constexpr std::chrono::milliseconds kStopGrace{3000};
 
@@ -41,6 +41,9 @@ public:
     virtual ~ChildSupervisor() { stop(); }
     ChildSupervisor(const ChildSupervisor&) = delete;
     ChildSupervisor& operator=(const ChildSupervisor&) = delete;
+
+    // The restart back-off doubles up to this (at least 1 s).
+    void setMaxDelay(std::chrono::seconds limit);
 
     void start();
     // From the agent's main loop: notices an exit, restarts when due.
@@ -66,6 +69,7 @@ private:
     std::chrono::steady_clock::time_point m_startedAt;
     std::chrono::steady_clock::time_point m_restartAt;
     std::chrono::seconds m_delay = kFirstDelay;
+    std::chrono::seconds m_maxDelay = kMaxDelay;
 };
 
 }  // namespace wlagent

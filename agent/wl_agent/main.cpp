@@ -215,10 +215,13 @@ int main(int argc, char** argv) {
     // The spool's bounds and which sinks read it: the agent counts what the
     // bound discards before every sink had it.
     wlforward::ForwardSettings forwarding;
+    std::chrono::seconds restartMax = wlagent::ChildSupervisor::kMaxDelay;
     {
         std::vector<std::string> problems;
-        forwarding =
-            wlforward::readForwardSettings(wlagent::AgentConfig::load(opt.config, problems), opt.root, problems);
+        const wlagent::AgentConfig settings = wlagent::AgentConfig::load(opt.config, problems);
+        forwarding = wlforward::readForwardSettings(settings, opt.root, problems);
+        restartMax = std::chrono::seconds(
+            settings.getNumber("children", "restart_max_seconds", 1, 3600, restartMax.count(), problems));
         for (const std::string& line : problems) say(opt.config + ": " + line);
     }
     wlagent::ReportSpool spool(opt.root, opt.printReports, forwarding);
@@ -253,6 +256,7 @@ int main(int argc, char** argv) {
     wlagent::CollectorSupervisor collector(
         wlagent::collectorOptions(opt.root, opt.collectorBackend), processes,
         [] { return std::chrono::steady_clock::now(); }, say);
+    collector.setMaxDelay(restartMax);
     if (opt.collector) {
         collector.start();
     } else {
@@ -262,6 +266,7 @@ int main(int argc, char** argv) {
     // wl-forward takes the spool to the sinks; the agent never waits for it.
     wlagent::ChildSupervisor forwarder(
         wlagent::forwarderSpec(opt.root, opt.config), processes, [] { return std::chrono::steady_clock::now(); }, say);
+    forwarder.setMaxDelay(restartMax);
     if (opt.forward && !wlforward::enabledSinks(forwarding).empty()) {
         forwarder.start();
     } else {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <vector>
 
 #include "collector_supervisor.h"
 #include "log_capture.h"
@@ -103,26 +104,33 @@ protected:
 }  // namespace
 
 TEST_F(SupervisorTest, CrashesAreRestartedWithDoublingBackOffResetBySteadyRun) {
-    auto s = make();
-    s->start();
-    ASSERT_EQ(processes.spawned.size(), 1u);
-    const int delays[] = {1, 2, 4, 8, 16, 32, 60, 60};
-    for (int d : delays) {
-        exitWith(*s, ChildExit{false, 1});
-        EXPECT_TRUE(lines.contains("collector exited with status 1; restarting it in " + std::to_string(d) + " s"))
-            << lines.dump();
-        size_t before = processes.spawned.size();
-        now += std::chrono::seconds(d) - 1ms;
-        s->poll();
-        EXPECT_EQ(processes.spawned.size(), before) << "restarted early, delay " << d;
-        now += 1ms;
-        s->poll();
-        EXPECT_EQ(processes.spawned.size(), before + 1) << "not restarted after " << d << " s";
+    struct Case {
+        int limit;  // 0: the default
+        std::vector<int> delays;
+    } cases[] = {{0, {1, 2, 4, 8, 16, 32, 60, 60}}, {3, {1, 2, 3, 3}}, {1, {1, 1}}};
+    for (const Case& c : cases) {
+        lines.all.clear();
+        auto s = make();
+        if (c.limit) s->setMaxDelay(std::chrono::seconds(c.limit));
+        s->start();
+        for (int d : c.delays) {
+            exitWith(*s, ChildExit{false, 1});
+            EXPECT_TRUE(lines.contains("collector exited with status 1; restarting it in " + std::to_string(d) + " s"))
+                << "limit " << c.limit << lines.dump();
+            size_t before = processes.spawned.size();
+            now += std::chrono::seconds(d) - 1ms;
+            s->poll();
+            EXPECT_EQ(processes.spawned.size(), before) << "restarted early, delay " << d;
+            now += 1ms;
+            s->poll();
+            EXPECT_EQ(processes.spawned.size(), before + 1) << "not restarted after " << d << " s";
+        }
+        now += CollectorSupervisor::kSteadyRun;
+        lines.all.clear();
+        exitWith(*s, ChildExit{true, SIGKILL});
+        EXPECT_TRUE(lines.contains("collector killed by signal 9 (Killed); restarting it in 1 s")) << lines.dump();
+        s->stop();
     }
-    now += CollectorSupervisor::kSteadyRun;
-    lines.all.clear();
-    exitWith(*s, ChildExit{true, SIGKILL});
-    EXPECT_TRUE(lines.contains("collector killed by signal 9 (Killed); restarting it in 1 s")) << lines.dump();
 }
 
 TEST_F(SupervisorTest, ExitStatusThreeIsFinalAndItsReasonIsLogged) {
