@@ -120,7 +120,12 @@ extern "C" ini_handle_t ini_file_load(const char* path) {
         while (start < text.size()) {
             size_t end = text.find('\n', start);
             if (end == std::string::npos) end = text.size();
-            parseLine(*doc, current, text.substr(start, end - start));
+            std::string line = text.substr(start, end - start);
+            // Names and values are handed out as C strings: what follows a
+            // NUL could never be read, and would hide the value's true end.
+            const size_t nul = line.find('\0');
+            if (nul != std::string::npos) line.resize(nul);
+            parseLine(*doc, current, line);
             start = end + 1;
         }
     }

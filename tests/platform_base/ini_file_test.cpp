@@ -52,7 +52,9 @@ TEST(IniFile, ParsesCommentsBlanksAndOddLines) {
     writeFile(tmp / "in.ini",
               "top = level\r\n; a comment = not a key\n# another=comment\n\n"
               "  [ spaced ]  \n  key one   =   value with  inner  blanks  \r\nnovalue\neq=a=b\n"
-              "[broken\nafter_broken=still spaced\n[spaced]\nkey one=replaced later\nhash=#not a comment\n");
+              "[broken\nafter_broken=still spaced\n[spaced]\nkey one=replaced later\nhash=#not a comment\n"
+              "nul=/usr/bin/a \t" +
+                  std::string(1, '\0') + "hidden\n[cut" + std::string(1, '\0') + "]\nin_cut=1\n");
     Ini ini(ini_file_load((tmp / "in.ini").c_str()));
     ASSERT_TRUE(ini);
     const char* cases[][3] = {
@@ -64,6 +66,10 @@ TEST(IniFile, ParsesCommentsBlanksAndOddLines) {
         {"spaced", "novalue", "<absent>"},
         {"", "; a comment", "<absent>"},
         {"", "# another", "<absent>"},
+        // A NUL ends the line: a value read is one that can be saved again.
+        {"spaced", "nul", "/usr/bin/a"},
+        {"cut", "in_cut", "<absent>"},
+        {"spaced", "in_cut", "1"},
     };
     for (const auto& c : cases) EXPECT_EQ(valueOf(ini, c[0], c[1]), c[2]) << c[0] << "." << c[1];
 }
