@@ -22,9 +22,9 @@ add_library(baseeng SHARED
   src/base_model_engine.cpp
   src/rasp_model_engine.cpp
   src/factories.cpp)
-target_include_directories(baseeng
-  PUBLIC ${CMAKE_SOURCE_DIR}/module/libbase ${CMAKE_SOURCE_DIR}/platform/include
-  PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/platform/include)
+target_include_directories(baseeng PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/platform/include)
+# The record and interface headers shared with the module (module/CMakeLists.txt).
+target_link_libraries(baseeng PUBLIC wl::model_library_headers)
 target_link_libraries(baseeng PRIVATE wl_rapidjson Threads::Threads)
 target_link_libraries(baseeng PRIVATE kembase)
 target_compile_definitions(baseeng PRIVATE WL_ENGINE_HAS_LOG=1)

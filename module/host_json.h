@@ -2,9 +2,9 @@
 #ifndef WL_HOST_JSON_H
 #define WL_HOST_JSON_H
 
-#include <cjson/cJSON.h>
-
 #include <memory>
+
+#include <cjson/cJSON.h>
 
 struct JsonTreeDeleter {
     void operator()(cJSON* tree) const { cJSON_Delete(tree); }

@@ -39,28 +39,37 @@ extern "C" {
 extern WhitelistContext g_whitelist_context;
 extern orv_event_t g_vr_event;
 
-// Starts the work thread; the result of cl_ev_create_isolated_thread, or 0 when
-// it already runs.
+// Every context argument below is g_whitelist_context or a test's own: the
+// caller's, and kept by pointer (timers and the config centre call back with
+// it), so it must outlive the module.
+
+// The result of cl_ev_create_isolated_thread, or 0 when the thread already
+// runs; a thread that cannot start ends the process (exit code 1012).
 unsigned int orv_whitelist_init(void);
 
-// Start-up and the main loop, then nothing: the thread lives as long as the
-// process unless start-up fails.
+// Start-up and the main loop, then nothing: null after a failed start-up,
+// otherwise no return. arg is not read.
 void* work_thread_func(void* arg);
+// No result: returns once the asset lists are collected, serving the loops
+// and the task channel meanwhile.
 void check_asset_ready(WhitelistContext* context);
-// Up to 20 tries of vrccl_action_init, 3 seconds apart. 0 or -1.
+// 0, or -1 after 20 failed tries of vrccl_action_init 3 seconds apart.
 int whitelist_init_vrccl(void);
 
-// The work thread in steps, so that each can run on its own: start-up up to
-// the main loop (0), or -1 after a fatal step and the tear-down; one pass of
-// the main loop; the tear-down of a failed start-up.
+// The work thread in steps, so that each can run on its own:
+// 0 when start-up reached the main loop, -1 after a fatal step and the tear-down.
 int whitelist_startup(WhitelistContext* context);
+// No result: one pass of the main loop.
 void whitelist_main_loop_pass(WhitelistContext* context);
+// No result: releases what start-up made, except timers and engines.
 void whitelist_teardown(WhitelistContext* context);
 
+// No result: opens the module's log under "@/../var/log/agent/white_list".
 void initialize_log(void);
-// Registers "wl_dbg", the task channel "WL_HDL" and the config-centre
-// endpoint and address. 0, or -1 with the failure logged.
+// 0, or -1 with the failure logged: registers "wl_dbg", the task channel
+// "WL_HDL" and the config-centre endpoint and address into the context.
 int init_ipc_handle(WhitelistContext* context);
+// No result: undoes init_ipc_handle and clears the context's handles.
 void uninitialize_ipc_handler(WhitelistContext* context);
 }
 

@@ -1,9 +1,11 @@
+#define WL_LOG_SOURCE "whitelist_api"
+
 #include "whitelist_api.h"
 
 #include <cjson/cJSON.h>
 
-#define WL_LOG_SOURCE "whitelist_api"
-#include "libbase/wl_log.h"
+#include "whitelist_impl.h"
+#include "wl_log.h"
 
 namespace {
 
@@ -26,7 +28,7 @@ int parse_start_form(const cJSON* data, task_input_st* input) {
     const cJSON* list = cJSON_GetObjectItem(data, "list");
     if (!cJSON_IsArray(list)) {
         WL_LOG(LOG_LVL_ERROR, "invalid input data");
-        return 2;
+        return WL_TASK_BAD_COMMAND;
     }
     // One working record for all elements: a key an element leaves out keeps
     // the previous element's value.
@@ -54,7 +56,7 @@ int parse_start_form(const cJSON* data, task_input_st* input) {
         WL_LOG(LOG_LVL_INFO, "model_name %s, study_times %d, process_path %s", record.model_name.c_str(),
                record.study_times, record.process_path.c_str());
     }
-    return 0;
+    return WL_TASK_OK;
 }
 
 int parse_name_form(const cJSON* data, task_input_st* input) {
@@ -66,7 +68,7 @@ int parse_name_form(const cJSON* data, task_input_st* input) {
     const cJSON* list = cJSON_GetObjectItem(data, "list");
     if (!cJSON_IsArray(list)) {
         WL_LOG(LOG_LVL_ERROR, "invalid input data");
-        return 2;
+        return WL_TASK_BAD_COMMAND;
     }
     const cJSON* element = nullptr;
     cJSON_ArrayForEach(element, list) {
@@ -76,7 +78,7 @@ int parse_name_form(const cJSON* data, task_input_st* input) {
     }
     WL_LOG(LOG_LVL_INFO, "study_time %d, re_study %s, model_switch %s", input->study_time,
            input->re_study ? "true" : "false", input->model_switch ? "true" : "false");
-    return 0;
+    return WL_TASK_OK;
 }
 
 }  // namespace
@@ -85,13 +87,13 @@ int whitelist_parse_task_input(cJSON* root, task_input_st* input) {
     const cJSON* opr_code = cJSON_GetObjectItem(root, "opr_code");
     if (!cJSON_IsNumber(opr_code)) {
         WL_LOG(LOG_LVL_ERROR, "invalid input data");
-        return -1;
+        return WL_TASK_REFUSED;
     }
     input->opr_code = opr_code->valueint;
     const cJSON* data = cJSON_GetObjectItem(root, "data");
     if (!cJSON_IsObject(data)) {
         WL_LOG(LOG_LVL_ERROR, "invalid input data");
-        return -1;
+        return WL_TASK_REFUSED;
     }
     return is_start_code(input->opr_code) ? parse_start_form(data, input) : parse_name_form(data, input);
 }

@@ -1,3 +1,5 @@
+#define WL_LOG_SOURCE "whitelist_api"
+
 #include "whitelist_api_catalogue.h"
 
 #include <algorithm>
@@ -13,9 +15,7 @@
 #include "ini_file.h"
 #include "whitelist_api.h"
 #include "whitelist_impl.h"
-
-#define WL_LOG_SOURCE "whitelist_api"
-#include "libbase/wl_log.h"
+#include "wl_log.h"
 
 const model_catalogue_st g_base_catalogue = {"@/../var/base/base_model.cfg", "baseengine", false, &g_model_array};
 const model_catalogue_st g_rasp_catalogue = {"@/../var/base/rasp_model.cfg", "raspengine", true, &g_rasp_model_array};

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "libbase/model_records.h"
+#include "model_records.h"
 
 struct model_catalogue_st {
     const char* path;          // "@"-relative file path

@@ -1,11 +1,12 @@
 #define WL_LOG_SOURCE "whitelist_api"
+
 #include <map>
 #include <vector>
 
-#include "libbase/base.h"
-#include "libbase/model_records.h"
-#include "libbase/rasp.h"
-#include "libbase/register.h"
+#include "base.h"
+#include "model_records.h"
+#include "rasp.h"
+#include "register.h"
 #include "vrccl_action.h"
 #include "whitelist_api.h"
 

@@ -1,7 +1,7 @@
 #include "whitelist_api_engine_calls.h"
 
-#include "libbase/base.h"
-#include "libbase/rasp.h"
+#include "base.h"
+#include "rasp.h"
 
 BaseInterface* whitelist_base_library() { return base_engine ? base_engine->m_baseEngine : nullptr; }
 

@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "libbase/base_interface.h"
-#include "libbase/model_records.h"
+#include "base_interface.h"
+#include "model_records.h"
 
 // The library object the engine holds; null while the engine has none.
 BaseInterface* whitelist_base_library();

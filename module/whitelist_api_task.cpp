@@ -1,14 +1,15 @@
-#include <cjson/cJSON.h>
+#define WL_LOG_SOURCE "whitelist_api"
 
 #include <cstring>
+
+#include <cjson/cJSON.h>
 
 #include "vrccl_action.h"
 #include "whitelist_api.h"
 #include "whitelist_api_catalogue.h"
 #include "whitelist_api_engine_calls.h"
-
-#define WL_LOG_SOURCE "whitelist_api"
-#include "libbase/wl_log.h"
+#include "whitelist_impl.h"
+#include "wl_log.h"
 
 namespace {
 
@@ -30,13 +31,14 @@ bool init_model(const engine_side_st& side, _USR_INPUT* input) {
     return library && library->initModel(input);
 }
 
+// The library's code; without a library the model counts as refused.
 int interact_model(const engine_side_st& side, _USR_INPUT* input) {
     if (side.base) {
         BaseInterface* library = whitelist_base_library();
-        return library ? library->interactModel(input) : -1;
+        return library ? library->interactModel(input) : WL_TASK_REFUSED;
     }
     RaspInterface* library = whitelist_rasp_library();
-    return library ? library->interactModel(input) : -1;
+    return library ? library->interactModel(input) : WL_TASK_REFUSED;
 }
 
 void parse_input(const engine_side_st& side, _USR_INPUT* input) {
@@ -46,17 +48,18 @@ void parse_input(const engine_side_st& side, _USR_INPUT* input) {
         whitelist_rasp_parse_input(input);
 }
 
-// Parses a command for the task functions; 0, or 2 with the message logged.
+// Parses a command for the task functions; WL_TASK_OK, or WL_TASK_BAD_COMMAND
+// with the message logged.
 int parse_command(cJSON* root, task_input_st& input) {
     if (!root) {
         WL_LOG(LOG_LVL_ERROR, "input msg is NULL");
-        return 2;
+        return WL_TASK_BAD_COMMAND;
     }
-    if (whitelist_parse_task_input(root, &input) != 0) {
+    if (whitelist_parse_task_input(root, &input) != WL_TASK_OK) {
         WL_LOG(LOG_LVL_ERROR, "invalid input data");
-        return 2;
+        return WL_TASK_BAD_COMMAND;
     }
-    return 0;
+    return WL_TASK_OK;
 }
 
 // Tells the collector the ids a started model has that it doesn't know yet.
@@ -75,7 +78,7 @@ void subscribe_new_pids(const path_pid_map& map) {
 int task_start(const engine_side_st& side, cJSON* root) {
     task_input_st input;
     int result = parse_command(root, input);
-    if (result != 0) return result;
+    if (result != WL_TASK_OK) return result;
 
     process_tree tree = whitelist_scan_process_tree();
     for (const base_init_st& record : input.models) {
@@ -95,7 +98,7 @@ int task_start(const engine_side_st& side, cJSON* root) {
         } else {
             // The code printed is the command's result so far.
             WL_LOG(LOG_LVL_WARN, "model %s init fail, code %d", record.model_name.c_str(), result);
-            result = -1;
+            result = WL_TASK_REFUSED;
         }
         parse_input(side, &usr_input);
     }
@@ -105,15 +108,15 @@ int task_start(const engine_side_st& side, cJSON* root) {
 int task_interact(const engine_side_st& side, int opr, cJSON* root) {
     task_input_st input;
     int result = parse_command(root, input);
-    if (result != 0) return result;
+    if (result != WL_TASK_OK) return result;
 
     for (const std::string& name : input.model_names) {
         _USR_INPUT usr_input;
         usr_input = whitelist_build_interact_input(opr, name, input);
         result = interact_model(side, &usr_input);
-        if (result != 0) {
+        if (result != WL_INTERACT_OK) {
             WL_LOG(LOG_LVL_WARN, "model %s interact fail. code %d", name.c_str(), result);
-            result = -1;
+            result = WL_TASK_REFUSED;
         }
         parse_input(side, &usr_input);
     }
@@ -144,7 +147,7 @@ int remove_by_prefix(const engine_side_st& side, const std::string& name) {
 int task_delete(const engine_side_st& side, int opr, cJSON* root) {
     task_input_st input;
     int result = parse_command(root, input);
-    if (result != 0) return result;
+    if (result != WL_TASK_OK) return result;
 
     // Counts over the whole command: once something went, every later name
     // rewrites the file.
@@ -152,10 +155,11 @@ int task_delete(const engine_side_st& side, int opr, cJSON* root) {
     for (const std::string& name : input.model_names) {
         _USR_INPUT usr_input;
         usr_input = whitelist_build_interact_input(opr, name, input);
+        // WL_INTERACT_DELETE_ANYWAY stays the result of the command.
         result = interact_model(side, &usr_input);
-        if (result != 0 && result != -2) {
+        if (result != WL_INTERACT_OK && result != WL_INTERACT_DELETE_ANYWAY) {
             WL_LOG(LOG_LVL_WARN, "model %s interact fail. code %d", name.c_str(), result);
-            result = -1;
+            result = WL_TASK_REFUSED;
         } else {
             removed += remove_by_prefix(side, name);
             if (removed > 0) whitelist_rewrite_catalogue(side.catalogue);

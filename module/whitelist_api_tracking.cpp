@@ -1,4 +1,5 @@
-#include <cjson/cJSON.h>
+#define WL_LOG_SOURCE "whitelist_api"
+
 #include <libgen.h>
 #include <unistd.h>
 
@@ -8,17 +9,17 @@
 #include <memory>
 #include <string>
 
-#include "dirwalk.h"
+#include <cjson/cJSON.h>
+
+#include "dir_walk.h"
 #include "host_json.h"
 #include "vrccl_action.h"
 #include "whitelist_api.h"
 #include "whitelist_api_engine_calls.h"
 #include "whitelist_api_state.h"
 #include "whitelist_impl.h"
-
-#define WL_LOG_SOURCE "whitelist_api"
-#include "libbase/wl_log.h"
-#include "libbase/wl_proc.h"
+#include "wl_log.h"
+#include "wl_proc.h"
 
 bool g_base_open_process_called = false;
 bool g_rasp_open_process_called = false;
@@ -29,9 +30,6 @@ constexpr int kPathSize = 1024;
 
 struct file_closer {
     void operator()(FILE* file) const { fclose(file); }
-};
-struct walk_deleter {
-    void operator()(void* walk) const { dirwalk_destroy(walk); }
 };
 
 // Ids are held sign-extended in the 64-bit sets; only the low 32 bits count.
@@ -109,7 +107,7 @@ process_tree whitelist_scan_process_tree() {
     process_tree tree;
     char root[kPathSize];
     snprintf(root, sizeof(root), "%s/proc/", g_wl_proc_root);
-    std::unique_ptr<void, walk_deleter> walk(dirwalk_create(root, 0, 1));
+    DirWalk walk = open_dir_walk(root);
     if (!walk) {
         WL_LOG(LOG_LVL_ERROR, "create walk dir handle failed.");
         return tree;

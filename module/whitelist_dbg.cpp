@@ -30,10 +30,10 @@ int upload_one_file(cJSON* root) {
     // A debugging tool sends this; without a path there is nothing to upload.
     if (!cJSON_IsString(path)) {
         WL_LOG(LOG_LVL_WARN, "upload file without path, ignored");
-        return -1;
+        return WL_TASK_REFUSED;
     }
     add_upload_file_fn upload = add_upload_file_symbol(g_add_upload_file_slot);
-    if (upload == nullptr) return -1;
+    if (upload == nullptr) return WL_TASK_REFUSED;
     return upload(WL_UPLOAD_KIND_ORIGIN_LOG, path->valuestring);
 }
 

@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "whitelist_event"
+
 #include "whitelist_event.h"
 
 #include <cstring>

@@ -70,7 +70,7 @@ unsigned int whitelist_task_push_fn(unsigned long ctx1, unsigned long ctx2, cons
             return WL_ERR_FAILED;
         }
         const task_handler_st* handler = find_task_handler(static_cast<unsigned int>(opr_code));
-        if (handler != nullptr) return handler->run(root.get()) == 0 ? 0u : WL_ERR_FAILED;
+        if (handler != nullptr) return handler->run(root.get()) == WL_TASK_OK ? 0u : WL_ERR_FAILED;
     }
     // An unknown command counts as handled.
     WL_LOG(LOG_LVL_INFO, "invalid opr code %d", opr_code);

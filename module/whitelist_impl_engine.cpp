@@ -1,11 +1,12 @@
 #define WL_LOG_SOURCE "whitelist_impl"
+
 #include <sys/stat.h>
 
 #include <cstdio>
 
 #include "cl_ev.h"
 #include "dirutils.h"
-#include "dirwalk.h"
+#include "dir_walk.h"
 #include "whitelist_api.h"
 #include "whitelist_impl.h"
 #include "wl_log.h"
@@ -39,23 +40,6 @@ void clean_origin_log_dir(const char* pattern) {
     check_dump_path(path);
 }
 
-// Owns a directory walker for its scope.
-class DirWalk {
-public:
-    explicit DirWalk(const char* path) : m_walk(dirwalk_create(path, 0, 1)) {}
-    ~DirWalk() {
-        if (m_walk != nullptr) {
-            dirwalk_destroy(m_walk);
-        }
-    }
-    DirWalk(const DirWalk&) = delete;
-    DirWalk& operator=(const DirWalk&) = delete;
-    bool ok() const { return m_walk != nullptr; }
-    const char* next(int* isDir) { return dirwalk_read(m_walk, isDir); }
-
-private:
-    dirwalk_t m_walk;
-};
 }  // namespace
 
 extern "C" {
@@ -69,23 +53,23 @@ int whitelist_init_engine(void) {
 int whitelist_engine_switch(void) {
     if (whitelist_base_engine_init() == 0) {
         WL_LOG(LOG_LVL_ERROR, "base engine init fail");
-        return -1;
+        return WL_TASK_REFUSED;
     }
     whitelist_base_load_model_data();
     init_whitelist_timer(&g_whitelist_context);
     g_whitelist_context.base_engine_on = 1;
-    return 0;
+    return WL_TASK_OK;
 }
 
 int whitelist_rasp_switch(void) {
     if (whitelist_rasp_engine_init() == 0) {
         WL_LOG(LOG_LVL_ERROR, "inner model init fail");
-        return -1;
+        return WL_TASK_REFUSED;
     }
     whitelist_rasp_load_model_data();
     init_whitelist_rasp_timer(&g_whitelist_context);
     g_whitelist_context.rasp_engine_on = 1;
-    return 0;
+    return WL_TASK_OK;
 }
 
 void init_whitelist_timer(WhitelistContext* context) {
@@ -156,15 +140,15 @@ void clean_whitelist_raspori_log(void) { clean_origin_log_dir(kRaspOriginLogDir)
 
 // A fuse, not a rotation: once over the limit, every file goes.
 int check_dump_path(const char* path) {
-    DirWalk counting(path);
-    if (!counting.ok()) {
+    DirWalk counting = open_dir_walk(path);
+    if (!counting) {
         WL_LOG(LOG_LVL_ERROR, "open dump_path[%s] failed.\n", path);
         return -1;
     }
     long long budget = WL_ORIGIN_LOG_LIMIT;
     int isDir = 0;
     const char* entry = nullptr;
-    while ((entry = counting.next(&isDir)) != nullptr) {
+    while ((entry = dirwalk_read(counting.get(), &isDir)) != nullptr) {
         if (isDir) {
             continue;
         }
@@ -182,12 +166,12 @@ int check_dump_path(const char* path) {
     }
     WL_LOG(LOG_LVL_INFO, "dump block is over size, try to clean.\n");
     WL_LOG(LOG_LVL_INFO, "==start to clean dump path.\n");
-    DirWalk cleaning(path);
-    if (!cleaning.ok()) {
+    DirWalk cleaning = open_dir_walk(path);
+    if (!cleaning) {
         WL_LOG(LOG_LVL_ERROR, "open dump_path[%s] failed.\n", path);
         return 0;
     }
-    while ((entry = cleaning.next(&isDir)) != nullptr) {
+    while ((entry = dirwalk_read(cleaning.get(), &isDir)) != nullptr) {
         if (isDir) {
             continue;
         }

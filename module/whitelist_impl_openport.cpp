@@ -1,8 +1,10 @@
-#include <cjson/cJSON.h>
+#define WL_LOG_SOURCE "whitelist_impl"
 
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+
+#include <cjson/cJSON.h>
 
 #include "asset_collection.h"
 #include "dirutils.h"
@@ -10,9 +12,7 @@
 #include "whitelist.h"
 #include "whitelist_impl.h"
 #include "whitelist_upload.h"
-
-#define WL_LOG_SOURCE "whitelist_impl"
-#include "libbase/wl_log.h"
+#include "wl_log.h"
 
 namespace {
 

@@ -1,27 +1,23 @@
+#define WL_LOG_SOURCE "whitelist_impl"
+
 #include <memory>
 
 #include "dirutils.h"
-#include "dirwalk.h"
+#include "dir_walk.h"
 #include "file_upload_utils.h"
 #include "whitelist_api_state.h"
 #include "whitelist_impl.h"
 #include "whitelist_upload.h"
-
-#define WL_LOG_SOURCE "whitelist_impl"
-#include "libbase/wl_log.h"
+#include "wl_log.h"
 
 add_upload_file_fn g_add_upload_file = nullptr;
 
 namespace {
 
-struct walk_deleter {
-    void operator()(void* walk) const { dirwalk_destroy(walk); }
-};
-
 int upload_directory(const char* directory, int kind) {
     char path[2048] = {0};
     dirutils_path_transform(directory, path, sizeof(path));
-    std::unique_ptr<void, walk_deleter> walk(dirwalk_create(path, 0, 1));
+    DirWalk walk = open_dir_walk(path);
     if (!walk) {
         WL_LOG(LOG_LVL_ERROR, "create walk dir handle failed.");
         return (int)WL_ERR_FAILED;
@@ -33,7 +29,7 @@ int upload_directory(const char* directory, int kind) {
             add_upload_file(kind, entry);
     }
     WL_LOG(LOG_LVL_DETAIL, "scan end");
-    return 0;
+    return WL_TASK_OK;
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "whitelist_invoke"
+
 #include "whitelist_invoke.h"
 
 #include <cstdint>

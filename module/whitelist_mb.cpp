@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "whitelist_mb"
+
 #include "whitelist_mb.h"
 
 #include <cerrno>

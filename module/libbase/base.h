@@ -5,14 +5,13 @@
 #ifndef WL_BASE_H
 #define WL_BASE_H
 
-#include "kem_result.h"
-
 #include <atomic>
 #include <set>
 #include <string>
 
 #include "base_interface.h"
 #include "event_info.h"
+#include "kem_result.h"
 #include "model_records.h"
 #include "orv_sync.h"
 #include "transformer.h"

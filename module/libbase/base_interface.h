@@ -16,6 +16,9 @@
 // Text results of getModelStatus / getModelData.
 #define WL_RESULT_ERROR "ERROR"
 #define WL_RESULT_EMPTY "{}"
+// Results of interactModel that mean done: WL_INTERACT_OK, and for a delete
+// also WL_INTERACT_DELETE_ANYWAY. Any other value is a refusal.
+enum { WL_INTERACT_OK = 0, WL_INTERACT_DELETE_ANYWAY = -2 };
 
 class BaseInterface {
 public:
@@ -28,7 +31,7 @@ public:
     virtual int processEvent(_BASE_EVENTINFO& event) = 0;
     virtual std::string getBlackLog(_BASE_EVENTINFO& event, int flag) = 0;
     virtual int saveOriginLog(_BASE_EVENTINFO& event, const char* logDir) = 0;
-    virtual int interactModel(_USR_INPUT* input) = 0;  // 0 success; -2 also for a delete
+    virtual int interactModel(_USR_INPUT* input) = 0;  // WL_INTERACT_*
     virtual std::string getModelStatus(std::string modelName) = 0;
     virtual int elapseTime(int seconds, int reserved) = 0;
     virtual int feedbackAlarm(_BASE_EVENTINFO& event) = 0;

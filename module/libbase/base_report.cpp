@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "base"
+
 #include <cwchar>
 #include <vector>
 

@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "base"
+
 #include "base.h"
 #include "base_support.h"
 #include "whitelist_upload.h"

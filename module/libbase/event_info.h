@@ -4,10 +4,11 @@
 #ifndef WL_EVENT_INFO_H
 #define WL_EVENT_INFO_H
 
+#include <wchar.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <wchar.h>
 
 #include "action_records.h"
 
@@ -16,6 +17,35 @@
 typedef uint64_t __attribute__((aligned(4))) wl_u64;
 
 static_assert(sizeof(wchar_t) == 4, "wide text elements are 32 bits");
+
+// The host events' numbers, _BASE_EVENTINFO::event_type.
+enum {
+    WL_EVENT_PROCESS_CREATION = 1,
+    WL_EVENT_FILE_CREATION = 6,
+    WL_EVENT_FILE_MODIFICATION = 7,
+    WL_EVENT_FILE_DELETION = 8,
+    WL_EVENT_FILE_RENAMING = 9,
+    WL_EVENT_FILE_TIME_MODIFICATION = 10,
+    WL_EVENT_NETWORK_CONNECTION = 15,
+    WL_EVENT_DNS_QUERY = 16,
+    WL_EVENT_PORT_LISTENING = 17,
+};
+
+// The runtime-application actions' numbers, _RASP_EVENTINFO::action_type;
+// they overlap the host events'.
+enum {
+    WL_ACTION_DNS = 0,
+    WL_ACTION_ADDRESS = 1,
+    WL_ACTION_EXECUTE = 2,
+    WL_ACTION_WRITE = 3,
+    WL_ACTION_READ = 4,
+    WL_ACTION_DELETE = 5,
+    WL_ACTION_HSQL = 6,
+    WL_ACTION_MYSQL = 7,
+    WL_ACTION_ORACLE = 8,
+    WL_ACTION_POSTGRE = 9,
+    WL_ACTION_SQLSERVER = 10,
+};
 
 #pragma pack(push, 4)
 
@@ -72,18 +102,18 @@ struct _BASE_LISTEN_INFO {
 };
 
 union _BASE_EVENT_DETAIL {
-    _BASE_PROCESSES_INFO process;  // event_type 1: the new process
-    _BASE_FILES_INFO file;         // 6 to 10
-    _BASE_CONNECT_INFO connect;    // 15
-    _BASE_DNS_INFO dns;            // 16
-    _BASE_LISTEN_INFO listen;      // 17
+    _BASE_PROCESSES_INFO process;  // WL_EVENT_PROCESS_CREATION: the new process
+    _BASE_FILES_INFO file;         // WL_EVENT_FILE_*
+    _BASE_CONNECT_INFO connect;    // WL_EVENT_NETWORK_CONNECTION
+    _BASE_DNS_INFO dns;            // WL_EVENT_DNS_QUERY
+    _BASE_LISTEN_INFO listen;      // WL_EVENT_PORT_LISTENING
 };
 
 struct _BASE_EVENTINFO {
     wl_u64 event_time;
     uint16_t event_type;
     uint16_t reserved0;
-    _BASE_PROCESSES_INFO process_info;  // the acting process; the parent for event_type 1
+    _BASE_PROCESSES_INFO process_info;  // the acting process; the parent for WL_EVENT_PROCESS_CREATION
     _BASE_EVENT_DETAIL detail;
     // Result fields, written by the model library.
     uint8_t origin_log_flag;

@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "rasp"
+
 #include "rasp.h"
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "rasp"
+
 #include <vector>
 
 #include "base_support.h"

@@ -1,4 +1,5 @@
 #define WL_LOG_SOURCE "rasp"
+
 #include "base_support.h"
 #include "rasp.h"
 #include "whitelist_upload.h"

@@ -1,8 +1,10 @@
 #define WL_LOG_SOURCE "register"
+
 #include "register.h"
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -14,12 +16,37 @@
 Register* white_register = Register::GetInstance();
 
 namespace {
-// sub_type - kFirstActionType selects a bit of these masks.
-constexpr unsigned int kFirstActionType = 1026;
-constexpr unsigned int kLastMaskBit = 31;
-constexpr uint32_t kFileActionMask = 0xf01c0001u;
-constexpr uint32_t kProcessActionMask = 0x00000002u;
-constexpr uint32_t kNetActionMask = 0x00000038u;
+// The bits of the given action types; a type that cannot be routed does not
+// compile.
+constexpr uint32_t actionMask(std::initializer_list<int> types) {
+    uint32_t mask = 0;
+    for (int type : types) {
+        if (type < kFirstRoutedActionType || type > kLastRoutedActionType) throw "action type outside the masks";
+        mask |= 1u << (type - kFirstRoutedActionType);
+    }
+    return mask;
+}
+
+// The bits of every action type from first to last.
+constexpr uint32_t actionRangeMask(int first, int last) {
+    uint32_t mask = 0;
+    for (int type = first; type <= last; ++type) mask |= actionMask({type});
+    return mask;
+}
+
+// Which record shape each action type carries. The file shape also takes the
+// types after time modification up to the last routable one: the bus may carry
+// them, though the collector sends none.
+constexpr uint32_t kFileActionMask =
+    actionMask({ACTION_FILE_CREATION, ACTION_FILE_MODIFICATION, ACTION_FILE_DELETION, ACTION_FILE_RENAMING}) |
+    actionRangeMask(ACTION_FILE_TIME_MODIFICATION, kLastRoutedActionType);
+constexpr uint32_t kProcessActionMask = actionMask({ACTION_PROCESS_CREATION});
+constexpr uint32_t kNetActionMask = actionMask({ACTION_NETWORK_CONNECTION, ACTION_DNS_QUERY, ACTION_PORT_LISTENING});
+
+// The masks as the bus contract fixes them; a new kind changes them here too.
+static_assert(kFileActionMask == 0xf01c0001u, "file action types");
+static_assert(kProcessActionMask == 0x00000002u, "process action types");
+static_assert(kNetActionMask == 0x00000038u, "network action types");
 
 // Both queues refuse an entry once kEventQueueLimit are waiting; counted by
 // walking, since the lists keep no size the engines would have to maintain.
@@ -130,9 +157,10 @@ void Register::queueBaseEvent(int sub_type, void* data) {
     // ~65 KB: off the bus thread's stack, which is not ours to size.
     auto record = std::make_unique<_BASE_EVENTINFO>();  // value-initialised: all zero
 
-    const unsigned int bit = static_cast<unsigned int>(sub_type) - kFirstActionType;
+    // Unsigned, so that a type below the first one is out of range as well.
+    const unsigned int bit = static_cast<unsigned int>(sub_type) - static_cast<unsigned int>(kFirstRoutedActionType);
     bool known = false;
-    if (bit <= kLastMaskBit && data != nullptr) {
+    if (bit <= static_cast<unsigned int>(kLastRoutedActionType - kFirstRoutedActionType) && data != nullptr) {
         const uint32_t flag = 1u << bit;
         if (kFileActionMask & flag) {
             m_transformer.TransformFileMsg(*static_cast<const file_event_info*>(data), *record);

@@ -8,6 +8,11 @@
 #include "mbframe.h"
 #include "transformer.h"
 
+// The action types (the bus's sub_type) that can be routed: type t selects bit
+// t - kFirstRoutedActionType of the routing masks.
+constexpr int kFirstRoutedActionType = ACTION_FILE_CREATION;
+constexpr int kLastRoutedActionType = kFirstRoutedActionType + 31;
+
 class Register : public MbFrame::IPlugin {
 public:
     static Register* GetInstance();

@@ -1,4 +1,5 @@
 #include "transformer.h"
+
 #include "transformer_tables.h"
 
 Transformer::Transformer() {
@@ -6,30 +7,32 @@ Transformer::Transformer() {
         const char* name;
         int number;
     } kEventTypes[] = {
-        {"PROCESS_CREATION", 1},
-        {"FILE_CREATION", 6},
-        {"FILE_MODIFICATION", 7},
-        {"FILE_DELETION", 8},
-        {"FILE_RENAMING", 9},
-        {"FILE_TIME_MODIFICATION", 10},
-        {"NETWORK_CONNECTION", 15},
-        {"DNS_QUERY", 16},
-        {"HOST_PORT_LISTENING", 17},
-        {"LISTENING", 17},
-        {"dns", 0},
-        {"address", 1},
-        {"execute", 2},
-        {"write", 3},
-        {"read", 4},
-        {"delete", 5},
-        {"hsql", 6},
-        {"mysql", 7},
-        {"oracle", 8},
-        {"postgre", 9},
-        {"sqlserver", 10},
+        {"PROCESS_CREATION", WL_EVENT_PROCESS_CREATION},
+        {"FILE_CREATION", WL_EVENT_FILE_CREATION},
+        {"FILE_MODIFICATION", WL_EVENT_FILE_MODIFICATION},
+        {"FILE_DELETION", WL_EVENT_FILE_DELETION},
+        {"FILE_RENAMING", WL_EVENT_FILE_RENAMING},
+        {"FILE_TIME_MODIFICATION", WL_EVENT_FILE_TIME_MODIFICATION},
+        {"NETWORK_CONNECTION", WL_EVENT_NETWORK_CONNECTION},
+        {"DNS_QUERY", WL_EVENT_DNS_QUERY},
+        {"HOST_PORT_LISTENING", WL_EVENT_PORT_LISTENING},
+        {"LISTENING", WL_EVENT_PORT_LISTENING},
+        {"dns", WL_ACTION_DNS},
+        {"address", WL_ACTION_ADDRESS},
+        {"execute", WL_ACTION_EXECUTE},
+        {"write", WL_ACTION_WRITE},
+        {"read", WL_ACTION_READ},
+        {"delete", WL_ACTION_DELETE},
+        {"hsql", WL_ACTION_HSQL},
+        {"mysql", WL_ACTION_MYSQL},
+        {"oracle", WL_ACTION_ORACLE},
+        {"postgre", WL_ACTION_POSTGRE},
+        {"sqlserver", WL_ACTION_SQLSERVER},
     };
     static const int kEventIds[][2] = {
-        {513, 1}, {518, 6}, {519, 8}, {520, 9}, {521, 7}, {526, 15}, {527, 16}, {532, 17},
+        {513, WL_EVENT_PROCESS_CREATION}, {518, WL_EVENT_FILE_CREATION},     {519, WL_EVENT_FILE_DELETION},
+        {520, WL_EVENT_FILE_RENAMING},    {521, WL_EVENT_FILE_MODIFICATION}, {526, WL_EVENT_NETWORK_CONNECTION},
+        {527, WL_EVENT_DNS_QUERY},        {532, WL_EVENT_PORT_LISTENING},
     };
     for (const auto& entry : kEventTypes) eventTypeMap.insert(std::make_pair(std::string(entry.name), entry.number));
     for (const auto& entry : kEventIds) eventIdMap.insert(std::make_pair(entry[0], entry[1]));

@@ -14,31 +14,6 @@
 
 #include "event_info.h"
 
-// Event numbers of eventTypeMap that the conversions branch on.
-enum {
-    WL_EVENT_PROCESS_CREATION = 1,
-    WL_EVENT_FILE_CREATION = 6,
-    WL_EVENT_FILE_MODIFICATION = 7,
-    WL_EVENT_FILE_DELETION = 8,
-    WL_EVENT_FILE_RENAMING = 9,
-    WL_EVENT_FILE_TIME_MODIFICATION = 10,
-    WL_EVENT_NETWORK_CONNECTION = 15,
-    WL_EVENT_DNS_QUERY = 16,
-    WL_EVENT_PORT_LISTENING = 17,
-};
-
-// Action numbers of the runtime-application stream (same table, overlapping).
-enum {
-    WL_ACTION_DNS = 0,
-    WL_ACTION_ADDRESS = 1,
-    WL_ACTION_EXECUTE = 2,
-    WL_ACTION_WRITE = 3,
-    WL_ACTION_READ = 4,
-    WL_ACTION_DELETE = 5,
-    WL_ACTION_HSQL = 6,
-    WL_ACTION_SQLSERVER = 10,
-};
-
 class Transformer {
 public:
     Transformer();

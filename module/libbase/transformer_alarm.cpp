@@ -1,6 +1,8 @@
 // Alarm feedback: a JSON array of flat objects, each naming its model. An
 // element without its kind or model ends the list; one that fails inside its
 // conversion is dropped alone.
+#define WL_LOG_SOURCE "transformer"
+
 #include <cstring>
 #include <initializer_list>
 #include <memory>
@@ -11,8 +13,6 @@
 #include "transformer.h"
 #include "transformer_members.h"
 #include "transformer_tables.h"
-
-#define WL_LOG_SOURCE "transformer"
 #include "wl_log.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // Events aimed at one of the host's own addresses never reach a model.
-#include "transformer.h"
-
 #define WL_LOG_SOURCE "transformer"
+
+#include "transformer.h"
 #include "wl_log.h"
 
 namespace {

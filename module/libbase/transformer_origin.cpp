@@ -1,5 +1,7 @@
 // Origin logs: a JSON array whose elements carry one event each, as JSON text
 // under "message", with flat lower-case keys.
+#define WL_LOG_SOURCE "transformer"
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -10,8 +12,6 @@
 #include "transformer_members.h"
 #include "transformer_tables.h"
 #include "wl_clock.h"
-
-#define WL_LOG_SOURCE "transformer"
 #include "wl_log.h"
 
 namespace {

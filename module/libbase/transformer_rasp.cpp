@@ -1,11 +1,11 @@
 // Runtime-application telemetry: one JSON object per message, the request
 // under "data" and the action under "data"."data".
+#define WL_LOG_SOURCE "transformer"
+
 #include <rapidjson/document.h>
 
 #include "transformer.h"
 #include "transformer_members.h"
-
-#define WL_LOG_SOURCE "transformer"
 #include "wl_log.h"
 
 void Transformer::initRaspInfo(_RASP_EVENTINFO& event) {

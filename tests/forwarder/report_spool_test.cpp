@@ -11,7 +11,7 @@
 #include "forward_settings.h"
 #include "report_spool.h"
 #include "spool_reader.h"
-#include "temp_root.h"
+#include "temp_dir.h"
 
 using namespace wlagent;
 
@@ -19,7 +19,7 @@ namespace {
 
 wlforward::ForwardSettings settingsFrom(const std::string& root, const std::string& text,
                                         std::vector<std::string>& problems) {
-    spit(root + "/agent.conf", text);
+    writeFile(root + "/agent.conf", text);
     return wlforward::readForwardSettings(AgentConfig::load(root + "/agent.conf", problems), root, problems);
 }
 
@@ -40,7 +40,7 @@ std::vector<std::string> lines(const wlspool::Stream& stream) {
 }  // namespace
 
 TEST(ForwardSettings, DefaultsAndRefusals) {
-    TempRoot root;
+    TempDir root;
     std::vector<std::string> problems;
     wlforward::ForwardSettings d = settingsFrom(root.path(), "", problems);
     EXPECT_TRUE(problems.empty());
@@ -87,7 +87,7 @@ TEST(ForwardSettings, DefaultsAndRefusals) {
 }
 
 TEST(ReportSpool, ReportsAndUploadsLandInTheSpool) {
-    TempRoot root;
+    TempDir root;
     std::vector<std::string> problems;
     wlforward::ForwardSettings s = settingsFrom(root.path(), "[spool]\nsync=false\n", problems);
     ReportSpool spool(root.path(), false, s);
@@ -98,9 +98,9 @@ TEST(ReportSpool, ReportsAndUploadsLandInTheSpool) {
     EXPECT_EQ(spool.add(nullptr, 3), -1);
     EXPECT_EQ(lines(wlspool::reportStream(root.path())), std::vector<std::string>{envelope});
 
-    spit(root.path() + "/origin.json", "[1,2,3]");
+    writeFile(root.path() + "/origin.json", "[1,2,3]");
     EXPECT_EQ(spool.addFile(3, (root.path() + "/origin.json").c_str()), 0);
-    EXPECT_EQ(slurp(root.path() + "/var/spool/uploads/kind3/origin.json"), "[1,2,3]");
+    EXPECT_EQ(readFile(root.path() + "/var/spool/uploads/kind3/origin.json"), "[1,2,3]");
     std::vector<std::string> manifest = lines(wlspool::uploadStream(root.path()));
     ASSERT_EQ(manifest.size(), 1u);
     EXPECT_NE(manifest[0].find("\"file\":\"kind3/origin.json\""), std::string::npos) << manifest[0];
@@ -111,7 +111,7 @@ TEST(ReportSpool, ReportsAndUploadsLandInTheSpool) {
 }
 
 TEST(ReportSpool, UploadBoundRemovesOldestAndCountsUnsentOnes) {
-    TempRoot root;
+    TempDir root;
     std::vector<std::string> problems;
     wlforward::ForwardSettings s =
         settingsFrom(root.path(), "[spool]\nsync=false\nmax_upload_bytes=1048576\n", problems);
@@ -121,7 +121,7 @@ TEST(ReportSpool, UploadBoundRemovesOldestAndCountsUnsentOnes) {
     std::string big(400 * 1024, 'z');
     for (int i = 0; i < 4; ++i) {
         std::string path = root.path() + "/log" + std::to_string(i) + ".json";
-        spit(path, big);
+        writeFile(path, big);
         ::utimensat(AT_FDCWD, path.c_str(), nullptr, 0);
         ASSERT_EQ(spool.addFile(3, path.c_str()), 0);
         // Distinct modification times, oldest first.
@@ -136,7 +136,7 @@ TEST(ReportSpool, UploadBoundRemovesOldestAndCountsUnsentOnes) {
     // The file sink (on by default) had sent none of them.
     EXPECT_EQ(spool.droppedFiles(), 2u);
     std::string tooBig = root.path() + "/huge.json";
-    spit(tooBig, std::string(2 << 20, 'h'));
+    writeFile(tooBig, std::string(2 << 20, 'h'));
     EXPECT_EQ(spool.addFile(4, tooBig.c_str()), -1);
     EXPECT_EQ(spool.droppedFiles(), 3u);
 }

@@ -8,7 +8,7 @@
 #include "backoff.h"
 #include "sink_runner.h"
 #include "spool_writer.h"
-#include "temp_root.h"
+#include "temp_dir.h"
 
 using namespace wlforward;
 using std::chrono::milliseconds;
@@ -49,7 +49,7 @@ struct ScriptedSink : Sink {
 };
 
 struct Fixture : ::testing::Test {
-    TempRoot root;
+    TempDir root;
     wlspool::Stream reports = wlspool::reportStream(root.path());
     wlspool::Stream uploads = wlspool::uploadStream(root.path());
     std::vector<std::string> log;
@@ -202,7 +202,7 @@ TEST_F(Fixture, UploadsFollowTheManifestAndSkipBadOrMissingEntries) {
     std::string error;
     ASSERT_TRUE(manifest.open(error)) << error;
     std::filesystem::create_directories(root.path() + "/var/spool/uploads/kind3");
-    spit(root.path() + "/var/spool/uploads/kind3/a.json", "[]");
+    writeFile(root.path() + "/var/spool/uploads/kind3/a.json", "[]");
     for (const char* line : {"{\"kind\":3,\"file\":\"kind3/a.json\",\"name\":\"a.json\"}",
                              "{\"kind\":3,\"file\":\"../../etc/passwd\",\"name\":\"passwd\"}",
                              "{\"kind\":3,\"file\":\"kind3/gone.json\",\"name\":\"gone.json\"}",

@@ -11,7 +11,7 @@
 #include "nats_sink.h"
 #include "status_file.h"
 #include "syslog_format.h"
-#include "temp_root.h"
+#include "temp_dir.h"
 
 using namespace wlforward;
 
@@ -114,7 +114,7 @@ TEST(HttpVerdict, StatusesByMeaning) {
 }
 
 TEST(FileSink, AppendsRotatesAndCopiesFiles) {
-    TempRoot root;
+    TempDir root;
     FileSinkSettings s;
     s.path = root.path() + "/out/reports.jsonl";
     s.filesDir = root.path() + "/out/uploads";
@@ -124,18 +124,18 @@ TEST(FileSink, AppendsRotatesAndCopiesFiles) {
     std::vector<Report> batch = {Report{0, &a, {}}, Report{8, &b, {}}};
     SendResult r = sink.send(batch);
     EXPECT_EQ(r.delivered, 2u);
-    EXPECT_EQ(slurp(s.path), a + "\n" + b + "\n");
+    EXPECT_EQ(readFile(s.path), a + "\n" + b + "\n");
     r = sink.send({Report{16, &b, {}}});  // past max_bytes: the old copy moves to .1
     EXPECT_EQ(r.delivered, 1u);
-    EXPECT_EQ(slurp(s.path), b + "\n");
-    EXPECT_EQ(slurp(s.path + ".1"), a + "\n" + b + "\n");
+    EXPECT_EQ(readFile(s.path), b + "\n");
+    EXPECT_EQ(readFile(s.path + ".1"), a + "\n" + b + "\n");
 
-    spit(root.path() + "/src.json", "[\"log\"]");
+    writeFile(root.path() + "/src.json", "[\"log\"]");
     Upload u;
     parseUploadEntry("{\"kind\":3,\"file\":\"kind3/o.json\",\"name\":\"o.json\"}", u.entry);
     u.path = root.path() + "/src.json";
     EXPECT_EQ(sink.sendFile(u).delivered, 1u);
-    EXPECT_EQ(slurp(s.filesDir + "/kind3/o.json"), "[\"log\"]");
+    EXPECT_EQ(readFile(s.filesDir + "/kind3/o.json"), "[\"log\"]");
     u.path = root.path() + "/missing";
     EXPECT_FALSE(sink.sendFile(u).error.empty());
 }

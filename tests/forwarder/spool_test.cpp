@@ -10,7 +10,7 @@
 
 #include "spool_reader.h"
 #include "spool_writer.h"
-#include "temp_root.h"
+#include "temp_dir.h"
 
 using namespace wlspool;
 
@@ -50,7 +50,7 @@ std::vector<std::string> readAll(const Stream& stream, uint64_t from = 0, size_t
 }
 
 struct Fixture : ::testing::Test {
-    TempRoot root;
+    TempDir root;
     Stream stream{root.path() + "/spool", "reports.jsonl"};
     std::optional<uint64_t> floor;  // what the sinks still need
     SpoolWriter::Floor floorFn() {
@@ -74,7 +74,7 @@ TEST_F(Fixture, RotatesBySizeAndReadsBackInOrderAcrossFiles) {
     EXPECT_TRUE(exists(stream.rotated(rotated)));
     EXPECT_FALSE(exists(stream.rotated(rotated + 1)));
     // Higher is older: the highest holds the first report.
-    EXPECT_EQ(slurp(stream.rotated(rotated)).substr(0, written[0].size()), written[0]);
+    EXPECT_EQ(readFile(stream.rotated(rotated)).substr(0, written[0].size()), written[0]);
     struct stat st;
     ASSERT_EQ(::stat(stream.rotated(1).c_str(), &st), 0);
     EXPECT_LE(st.st_size, 1024);
@@ -93,7 +93,7 @@ TEST_F(Fixture, BoundCountsOnlyWhatSomeSinkHadNotSent) {
         {"no sink at all", std::nullopt, false},
     };
     for (const Case& c : cases) {
-        TempRoot dir;
+        TempDir dir;
         Stream s{dir.path(), "reports.jsonl"};
         std::optional<uint64_t> floor = c.floor;
         SpoolWriter w(s, SpoolLimits{1024, 4096, false}, [&] { return floor; });

@@ -64,10 +64,10 @@ TEST_F(HostDispatchTest, EachCodeReachesItsHandler) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.first);
         std::string handler = std::string(c.second).substr(0, std::string(c.second).find('('));
-        for (int handler_result : {0, -1, 2}) {
+        for (int handler_result : {WL_TASK_OK, WL_TASK_REFUSED, WL_TASK_BAD_COMMAND}) {
             host_doubles::reset();
-            host_doubles::state().handler_results[handler] = handler_result;
-            unsigned int expected = handler_result == 0 ? 0u : WL_ERR_FAILED;
+            call_log::script(handler, handler_result);
+            unsigned int expected = handler_result == WL_TASK_OK ? 0u : WL_ERR_FAILED;
             std::string msg = R"({"opr_code":)" + std::to_string(c.first) + "}";
             EXPECT_EQ(whitelist_task_push_fn(0, 0, msg.c_str(), static_cast<unsigned int>(msg.size())), expected);
             EXPECT_EQ(calls(), std::vector<std::string>{c.second});

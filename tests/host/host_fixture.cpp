@@ -21,12 +21,7 @@ void clear_context() {
 }  // namespace
 
 void HostTest::SetUp() {
-    char pattern[] = "/tmp/wl_host_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    m_root = pattern;
-    std::filesystem::create_directories(m_root + "/install");
     std::filesystem::create_directories(m_root + "/config");
-    dirutils_set_install_dir((m_root + "/install").c_str());
     writePortConfig("[port]\ncount=0\n");
     host_doubles::reset();
     agent_symbols::reset();
@@ -39,8 +34,6 @@ void HostTest::TearDown() {
     clear_context();
     whitelist_uninit_upload_lock();
     wl_clock_reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(m_root, ignored);
 }
 
 void HostTest::writePortConfig(const std::string& body) {

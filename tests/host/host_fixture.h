@@ -10,6 +10,7 @@
 
 #include "doubles/host_doubles.h"
 #include "log_capture.h"
+#include "temp_dir.h"
 
 class HostTest : public ::testing::Test {
 protected:
@@ -21,7 +22,8 @@ protected:
     // Ports of the context's filter list, front to back.
     std::vector<int> filteredPorts() const;
 
-    std::string m_root;
+    TempInstallRoot m_dir{"install"};
+    const std::string m_root = m_dir.path();
     LogCapture m_log;
 };
 

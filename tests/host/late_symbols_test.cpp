@@ -40,7 +40,7 @@ TEST_F(HostLateSymbolsTest, MissingThenFound) {
     EXPECT_TRUE(agent_symbols::uploads().empty());
 
     // Without g_ms_conf the switch can't be read: the pass runs as switched on.
-    host_doubles::state().calls.clear();
+    call_log::clear();
     whitelist_main_loop_pass(&g_whitelist_context);
     EXPECT_EQ(calls(), (std::vector<std::string>{"cl_ev_loop_nowait(1)", "cl_event_loop_once", "task_loop_once",
                                                  "orv_event_timedwait(2000)"}));
@@ -64,7 +64,7 @@ TEST_F(HostLateSymbolsTest, MissingThenFound) {
     EXPECT_NE(uploads[0].text.find(R"("seq_id":"77")"), std::string::npos) << uploads[0].text;
 
     ASSERT_TRUE(agent_symbols::set_module_switch(1, 0));
-    host_doubles::state().calls.clear();
+    call_log::clear();
     whitelist_main_loop_pass(&g_whitelist_context);
     EXPECT_EQ(calls(), (std::vector<std::string>{"cl_ev_loop_nowait(1)", "cl_event_loop_once", "usleep(5000000)"}));
     EXPECT_FALSE(m_log.contains("g_ms_conf"));

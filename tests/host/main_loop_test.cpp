@@ -24,7 +24,7 @@ protected:
     }
 
     Calls pass() {
-        host_doubles::state().calls.clear();
+        call_log::clear();
         whitelist_main_loop_pass(&g_whitelist_context);
         return host_doubles::calls();
     }

@@ -1,5 +1,6 @@
 // The work thread's start-up order, its fatal steps and the tear-down, the
 // asset wait, the collector retries and the entry point.
+#include <algorithm>
 #include <filesystem>
 
 #include "config.h"
@@ -29,11 +30,17 @@ const Calls kFullTeardown = concat({"push_task_unreg_handler(WL_HDL)", "kem_ipc_
 
 TEST_F(HostTest, StartupReachesTheMainLoopInOrder) {
     ASSERT_EQ(whitelist_startup(&g_whitelist_context), 0) << m_log.dump();
-    Calls expected = {"orv_event_init(0,1)",      "autolog_init(5)",
-                      "reg_ipc_handler(wl_dbg)",  "push_task_reg_handler(WL_HDL)",
-                      "kem_ipc_create(wl_hdl,0)", "kem_addr_create(acfg,1,2)",
-                      "whitelist_msgbus_init",    "whitelist_init_rasp_handler(transmit_rasp_data)",
-                      "vrccl_action_init",        "whitelist_init_engine"};
+    Calls expected = {"orv_event_init(0,1)",
+                      "autolog_init(5)",
+                      "reg_ipc_handler(wl_dbg)",
+                      "push_task_reg_handler(WL_HDL)",
+                      "kem_ipc_create(wl_hdl,0)",
+                      "kem_addr_create(acfg,1,2)",
+                      "orv_mutex_init",
+                      "whitelist_msgbus_init",
+                      "whitelist_init_rasp_handler(transmit_rasp_data)",
+                      "vrccl_action_init",
+                      "whitelist_init_engine"};
     expected = concat(expected, kAssetQueries);
     expected =
         concat(expected, {"upload_openport_process", "whitelist_base_update_open_process",
@@ -79,6 +86,11 @@ TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
          0,
          concat({"kem_addr_create(acfg,1,2)"}, kFullTeardown),
          {{1, "load config failed\n"}, {1, "init port filter list. ret -1"}, {1, "init resource fail"}}},
+        // The upload lock and the step both say so.
+        {"orv_mutex_init",
+         12,
+         concat({"orv_mutex_init"}, kFullTeardown),
+         {{1, "init upload lock fail"}, {1, "init upload lock fail"}}},
         {"whitelist_msgbus_init", 1, concat({"whitelist_msgbus_init"}, kFullTeardown), {{1, "init msgbus fail"}}},
         {"whitelist_init_rasp_handler",
          -1,
@@ -99,7 +111,7 @@ TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
         m_log.clear();
         writePortConfig("[port]\ncount=1\nport_0=443\n");
         if (c.fails != nullptr)
-            state().results[c.fails] = c.value;
+            call_log::script(c.fails, c.value);
         else
             std::filesystem::remove(m_root + "/config/whitelist_port.cfg");
 
@@ -107,7 +119,8 @@ TEST_F(HostTest, StartupFatalStepsEndInTheTeardown) {
 
         EXPECT_EQ(host_doubles::calls_from(c.tail.front()), c.tail);
         for (const auto& message : c.messages) {
-            EXPECT_EQ(m_log.count(message.second, message.first), 1) << message.second << "\n" << m_log.dump();
+            const auto times = std::count(c.messages.begin(), c.messages.end(), message);
+            EXPECT_EQ(m_log.count(message.second, message.first), times) << message.second << "\n" << m_log.dump();
         }
         EXPECT_EQ(g_vr_event, nullptr);
         EXPECT_EQ(g_whitelist_context.task_handle, nullptr);
@@ -169,7 +182,7 @@ TEST_F(HostTest, AssetWaitServesCommandsButRefusesStarts) {
 
 TEST_F(HostTest, EntryStartsOneThreadEvenAfterAFailedStart) {
     state().run_thread = true;
-    state().results["orv_event_init"] = 1;  // the thread ends at once, through the tear-down
+    call_log::script("orv_event_init", 1);  // the thread ends at once, through the tear-down
 
     EXPECT_EQ(orv_whitelist_init(), 0u);
     ASSERT_TRUE(waitUntil([] { return host_doubles::count("autolog_deinit") == 1; })) << m_log.dump();

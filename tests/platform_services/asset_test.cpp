@@ -8,7 +8,7 @@
 
 #include "asset_collection.h"
 #include "asset_control.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -36,14 +36,14 @@ protected:
         return cJSON_IsArray(list) ? cJSON_GetArraySize(list) : -1;
     }
 
-    TempInstallDir m_dir;
+    TempInstallRoot m_dir{"agent"};
 };
 
 TEST_F(ServicesAssetTest, PublishedListComesFirstThenTheFile) {
     EXPECT_EQ(get_asset_info_state_v2(ASSET_KIND_PROCESS, 0), 0);
     EXPECT_EQ(listSize(ASSET_KIND_PROCESS), -1);
-    std::filesystem::create_directories(m_dir.root() + "/var/asset");
-    std::ofstream(m_dir.root() + "/var/asset/" + std::to_string(ASSET_KIND_PROCESS) + ".json")
+    std::filesystem::create_directories(m_dir.path() + "/var/asset");
+    std::ofstream(m_dir.path() + "/var/asset/" + std::to_string(ASSET_KIND_PROCESS) + ".json")
         << "{\"list\":[{\"process_id\":\"1\"},{\"process_id\":\"2\"},{\"process_id\":\"3\"}]}";
     EXPECT_NE(get_asset_info_state_v2(ASSET_KIND_PROCESS, 0), 0);
     EXPECT_EQ(listSize(ASSET_KIND_PROCESS), 3);

@@ -11,7 +11,7 @@
 #include "ipc_handler.h"
 #include "kem_ipc.h"
 #include "log_capture.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ void on_command(unsigned long, unsigned long, unsigned int cmd, const char* msg)
 }
 
 TEST(ServicesIpcHandlerTest, EachCommandReachesItsSlotOnTheRegisteringThread) {
-    TempInstallDir dir;
+    TempInstallRoot dir{"agent"};
     ipc_handler_table table{on_status<0>, on_status<1>, nullptr, on_command};
     ASSERT_EQ(reg_ipc_handler("wl_dbg", &table), 0);
     struct Unregister {

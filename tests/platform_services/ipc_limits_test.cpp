@@ -16,7 +16,7 @@
 #include "log_capture.h"
 #include "scoped_env.h"
 #include "socket_client.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -39,10 +39,10 @@ bool answered(const char* name) {
 class IpcLimitsTest : public ::testing::Test {
 protected:
     explicit IpcLimitsTest(std::vector<std::pair<std::string, std::string>> env = {}) : m_env(std::move(env)) {}
-    std::string socketOf(const std::string& name) { return m_dir.root() + "/var/run/ipc/" + name + ".sock"; }
+    std::string socketOf(const std::string& name) { return m_dir.path() + "/var/run/ipc/" + name + ".sock"; }
 
     ScopedEnv m_env;
-    TempInstallDir m_dir;
+    TempInstallRoot m_dir{"agent"};
     LogCapture m_log;
 };
 
@@ -54,8 +54,8 @@ TEST_F(IpcLimitsTest, AnotherUserIsRefusedByEveryEndpointEvenWhenTheSocketModeLe
     ASSERT_TRUE(server.ok());
     ipc_handler_table table = {nullptr, nullptr, nullptr, debug_command};
     ASSERT_EQ(reg_ipc_handler("wl_dbg", &table), 0);
-    ASSERT_TRUE(open_path_to_sockets(m_dir.root()));
-    ASSERT_EQ(chmod((m_dir.root() + "/var/run/ipc").c_str(), 0755), 0);
+    ASSERT_TRUE(open_path_to_sockets(m_dir.path()));
+    ASSERT_EQ(chmod((m_dir.path() + "/var/run/ipc").c_str(), 0755), 0);
     g_debugSeen.clear();
     for (const char* name : {"srv", "wl_dbg"}) {
         SCOPED_TRACE(name);
@@ -86,10 +86,10 @@ TEST_F(IpcLimitsTest, AnotherUserIsRefusedByEveryEndpointEvenWhenTheSocketModeLe
 }
 
 TEST_F(IpcLimitsTest, ClientRefusesAListenerThatIsNotTheAgents) {
-    const std::string dir = m_dir.root() + "/var/run/ipc";
+    const std::string dir = m_dir.path() + "/var/run/ipc";
     ServerThread server("srv", true);  // makes the directory
     ASSERT_TRUE(server.ok());
-    ASSERT_TRUE(open_path_to_sockets(m_dir.root()));
+    ASSERT_TRUE(open_path_to_sockets(m_dir.path()));
     ASSERT_EQ(chmod(dir.c_str(), 0777), 0);  // as if someone had loosened it
     const std::string path = socketOf("rogue");
     ForkedPeer rogue(

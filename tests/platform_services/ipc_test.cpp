@@ -17,7 +17,7 @@
 #include "log_capture.h"
 #include "ipc_server_thread.h"
 #include "socket_client.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -61,7 +61,7 @@ protected:
             std::chrono::seconds(15));
     }
 
-    TempInstallDir m_dir;
+    TempInstallRoot m_dir{"agent"};
     kem_ipc_t m_client = nullptr;
     std::vector<kem_addr_t> m_addrs;
 };
@@ -143,7 +143,7 @@ TEST_P(ServicesIpcPeerTest, MisbehavingPeerLosesOnlyItsOwnConnection) {
     const MisbehavingPeer& c = GetParam();
     ServerThread server("srv", true);
     ASSERT_TRUE(server.ok());
-    const std::string path = m_dir.root() + "/var/run/ipc/srv.sock";
+    const std::string path = m_dir.path() + "/var/run/ipc/srv.sock";
     // Half-way through its request while the other peer misbehaves.
     const std::string request = wire_frame(1004, 77, "module_switch");
     SocketPeer good(path);

@@ -13,7 +13,7 @@
 #include "scoped_env.h"
 #include "socket_client.h"
 #include "task_push.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -44,14 +44,14 @@ protected:
     }
 
     ScopedEnv m_env;
-    TempInstallDir m_dir;
+    TempInstallRoot m_dir{"agent"};
     LogCapture m_log;
     task_handle_t m_handle = nullptr;
     std::string m_path;
 };
 
 TEST_F(TaskPushLimitsTest, AnotherUserIsRefusedEvenWhenTheSocketModeLetsItIn) {
-    ASSERT_TRUE(open_path_to_sockets(m_dir.root()));
+    ASSERT_TRUE(open_path_to_sockets(m_dir.path()));
     ASSERT_EQ(chmod(m_path.c_str(), 0666), 0);  // a mistake in the file mode must not open the channel
     const std::string path = m_path;
     ForkedPeer intruder(

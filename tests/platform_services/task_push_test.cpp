@@ -10,7 +10,7 @@
 
 #include "socket_client.h"
 #include "task_push.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ protected:
         push_task_unreg_handler("IDLE");
     }
 
-    TempInstallDir m_dir;
+    TempInstallRoot m_dir{"agent"};
     task_handle_t m_handle = nullptr;
 };
 
@@ -158,7 +158,7 @@ TEST_F(ServicesTaskPushTest, UnpumpedHandlerHoldsUpOnlyItsOwnClient) {
 
 TEST_F(ServicesTaskPushTest, SocketIsPrivateAndGoesWithTheLastHandler) {
     const std::string path = push_task_socket_path();
-    EXPECT_EQ(path, m_dir.root() + "/agent/../var/run/task_push.sock");
+    EXPECT_EQ(path, m_dir.path() + "/agent/../var/run/task_push.sock");
     struct stat st;
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));

@@ -23,7 +23,7 @@
 #include "orv_rasp.h"
 #include "scoped_env.h"
 #include "socket_client.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -94,11 +94,11 @@ protected:
             std::lock_guard<std::mutex> lock(g_lock);
             g_lines.clear();
         }
-        m_socket = m_dir.root() + "/var/run/rasp_telemetry.sock";
-        ASSERT_EQ(mkdir((m_dir.root() + "/var").c_str(), 0755), 0);
-        ASSERT_EQ(mkdir((m_dir.root() + "/var/run").c_str(), 0755), 0);
-        ASSERT_EQ(mkdir((m_dir.root() + "/var/base").c_str(), 0755), 0);
-        ASSERT_TRUE(open_path_to_sockets(m_dir.root()));
+        m_socket = m_dir.path() + "/var/run/rasp_telemetry.sock";
+        ASSERT_EQ(mkdir((m_dir.path() + "/var").c_str(), 0755), 0);
+        ASSERT_EQ(mkdir((m_dir.path() + "/var/run").c_str(), 0755), 0);
+        ASSERT_EQ(mkdir((m_dir.path() + "/var/base").c_str(), 0755), 0);
+        ASSERT_TRUE(open_path_to_sockets(m_dir.path()));
         ASSERT_TRUE(load());
     }
     void TearDown() override { unload(); }
@@ -118,7 +118,7 @@ protected:
 
     // The models know this test's own executable: its forked peers run it.
     void catalogueKnowsThisProgram() {
-        std::ofstream out(m_dir.root() + "/var/base/rasp_model.cfg");
+        std::ofstream out(m_dir.path() + "/var/base/rasp_model.cfg");
         out << "[raspengine]\ncount=2\n[model_0]\nmodel_name=other\nprocess_path=/usr/sbin/nginx\n"
             << "[model_1]\nmodel_name=me\napp_name=me\nprocess_path=" << self_exe() << "\nstudy_time=1\nport=80\n";
     }
@@ -145,7 +145,7 @@ protected:
     }
 
     ScopedEnv m_env;
-    TempInstallDir m_dir;
+    TempInstallRoot m_dir{"agent"};
     LogCapture m_log;
     std::string m_socket;
     void* m_library = nullptr;

@@ -14,7 +14,7 @@
 #include "fake_collector.h"
 #include "log_capture.h"
 #include "mbframe.h"
-#include "temp_install_dir.h"
+#include "temp_dir.h"
 #include "vrccl_action.h"
 #include "vrccl_control.h"
 
@@ -128,9 +128,9 @@ protected:
         vrccl_action_free();
         vrccl_control_reset();
     }
-    std::string socketPath() const { return root.root() + "/var/run/vrccl.sock"; }
+    std::string socketPath() const { return root.path() + "/var/run/vrccl.sock"; }
 
-    TempInstallDir root;
+    TempInstallRoot root{"agent"};
     LogCapture log;
 };
 
@@ -139,8 +139,8 @@ class VrcclConnectedTest : public VrcclClientTest {
 protected:
     void SetUp() override {
         VrcclClientTest::SetUp();
-        std::filesystem::create_directories(root.root() + "/var/run");
-        bus = std::make_unique<RealBus>(root.root());
+        std::filesystem::create_directories(root.path() + "/var/run");
+        bus = std::make_unique<RealBus>(root.path());
         ASSERT_TRUE(bus->ready());
         collector = std::make_unique<FakeCollector>(socketPath());
         ASSERT_EQ(vrccl_action_init(), 0) << log.dump();
@@ -177,7 +177,7 @@ extern "C" __attribute__((visibility("default"))) void transmit_action_data(cons
 
 TEST_F(VrcclClientTest, InitFailsWhenNoCollectorAnswers) {
     vrccl_action_free();  // safe before any init
-    std::filesystem::create_directories(root.root() + "/var/run");
+    std::filesystem::create_directories(root.path() + "/var/run");
     enum Listener { None, Stale, Live };
     struct Case {
         const char* name;
@@ -363,7 +363,7 @@ TEST_F(VrcclConnectedTest, RecordsWithoutAReceiverAreCountedAsDropped) {
 }
 
 TEST_F(VrcclClientTest, WithoutTheBusLibraryRecordsFlowAndTheDropIsStillCounted) {
-    std::filesystem::create_directories(root.root() + "/var/run");
+    std::filesystem::create_directories(root.path() + "/var/run");
     FakeCollector collector(socketPath());
     ASSERT_EQ(vrccl_action_init(), 0);
     EXPECT_TRUE(log.contains("cannot load the bus library")) << log.dump();

@@ -1,7 +1,8 @@
 // Scripted stand-ins for everything the module host calls outside its own
 // area: the agent's closed libraries and the module's other areas. Each
-// records its call in one shared log, so a test can assert the exact order
-// across all of them, and returns what the state says.
+// records its call in the call log (call_log.h), so a test can assert the
+// exact order across all of them, and returns the result scripted for its
+// function name there, or what the state says.
 #ifndef WL_TEST_HOST_DOUBLES_H
 #define WL_TEST_HOST_DOUBLES_H
 
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "call_log.h"
 #include "ipc_handler.h"
 #include "kem_ipc.h"
 #include "task_push.h"
@@ -27,18 +29,14 @@ struct Request {
 };
 
 struct State {
-    // Script: results the doubles return.
-    // Results by function name; an absent one succeeds. For a function that
-    // returns a handle or a flag, any entry makes it fail.
-    std::map<std::string, int> results;
+    // Script (results by function name are in the call log: for a function
+    // that returns a handle or a flag, any non-zero one makes it fail).
     std::deque<int> vrccl_init_results;  // in order; then vrccl_init_default
     int vrccl_init_default = 0;
     bool run_thread = false;  // the thread function really runs (joined by reset)
     std::function<int(int kind, int call)> asset_state = [](int, int) { return 1; };
-    std::map<std::string, int> handler_results;  // model-command results by name
 
     // Records.
-    std::vector<std::string> calls;
     std::deque<std::string> tasks;  // run through the task function by task_loop_once
     std::vector<unsigned int> task_results;
     task_push_fn task_fn = nullptr;
@@ -49,20 +47,18 @@ struct State {
     std::map<void*, std::unique_ptr<bool>> events;  // signalled flags
 };
 
-// Guards the call log; the rest of the state is for single-threaded use.
+// Guards the task queue and function; the rest is for single-threaded use.
 std::mutex& mutex();
 State& state();
-// Joins a thread the cl_ev double started, restores the default state and
-// installs the recording clock.
+// Joins a thread the cl_ev double started, restores the default state, empties
+// the call log and installs the recording clock.
 void reset();
 
-void record(const std::string& call);
-// Records call and returns the scripted result of the function name.
-int scripted(const std::string& call, const std::string& name);
-std::vector<std::string> calls();
-int count(const std::string& call);
-// The log from the first entry equal to `call` on (empty if absent).
-std::vector<std::string> calls_from(const std::string& call);
+using call_log::calls;
+using call_log::calls_from;
+using call_log::count;
+using call_log::record;
+using call_log::scripted;
 
 // Handles the IPC doubles return.
 void* task_handle();

@@ -1,4 +1,5 @@
-// The other areas of the module, as the host calls them.
+// The other areas of the module, as the host calls them; the model-management
+// refreshes come from wl_fake_model_management.
 #include <cjson/cJSON.h>
 
 #include "host_doubles.h"
@@ -13,10 +14,7 @@ namespace {
 
 // Records the handler with its operation number; returns its scripted result.
 int model_command(const std::string& name, int opr = -1) {
-    record(opr < 0 ? name : name + "(" + std::to_string(opr) + ")");
-    std::lock_guard<std::mutex> lock(mutex());
-    auto it = state().handler_results.find(name);
-    return it == state().handler_results.end() ? 0 : it->second;
+    return scripted(opr < 0 ? name : name + "(" + std::to_string(opr) + ")", name);
 }
 
 std::string with_context(const char* name, const WhitelistContext* context) {
@@ -48,9 +46,6 @@ void init_whitelist_rasp_timer(WhitelistContext* c) { record(with_context("init_
 void uninit_whitelist_timer(WhitelistContext* c) { record(with_context("uninit_whitelist_timer", c)); }
 void uninit_whitelist_rasp_timer(WhitelistContext* c) { record(with_context("uninit_whitelist_rasp_timer", c)); }
 
-void upload_openport_process(void) { record("upload_openport_process"); }
-int whitelist_base_update_open_process(void) { return model_command("whitelist_base_update_open_process"); }
-void whitelist_rasp_update_open_process(void) { record("whitelist_rasp_update_open_process"); }
 void reload_vrccl_filter(void) { record("reload_vrccl_filter"); }
 
 int whitelist_engine_switch(void) { return model_command("whitelist_engine_switch"); }

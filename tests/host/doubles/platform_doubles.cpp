@@ -1,4 +1,6 @@
 // The agent's closed libraries as the host calls them.
+#include <dlfcn.h>
+
 #include "asset_collection.h"
 #include "cl_ev.h"
 #include "host_doubles.h"
@@ -147,6 +149,13 @@ int orv_event_reset(orv_event_t event) {
 int orv_event_timedwait(orv_event_t event, int timeout_ms, int) {
     record(args("orv_event_timedwait", {std::to_string(timeout_ms)}));
     return state().events.count(event) && *state().events[event] ? 0 : 1;
+}
+
+// The real mutex, unless the test makes the call fail (the upload lock's step).
+int orv_mutex_init(orv_mutex_t* mutex) {
+    if (int result = host_doubles::scripted("orv_mutex_init", "orv_mutex_init")) return result;
+    static const auto real = reinterpret_cast<int (*)(orv_mutex_t*)>(dlsym(RTLD_NEXT, "orv_mutex_init"));
+    return real(mutex);
 }
 
 int orv_event_destroy(orv_event_t event) {
