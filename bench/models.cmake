@@ -7,4 +7,5 @@ add_executable(models_bench
   ${CMAKE_SOURCE_DIR}/tests/models/doubles/model_library_double.cpp
   ${CMAKE_SOURCE_DIR}/tests/models/doubles/model_lists_double.cpp)
 target_include_directories(models_bench PRIVATE ${CMAKE_SOURCE_DIR}/tests/models)
-target_link_libraries(models_bench PRIVATE wl_models wl_common kembase benchmark::benchmark_main ${CMAKE_DL_LIBS})
+target_link_libraries(models_bench PRIVATE wl_models wl_common wl_fake_model_library wl_fake_report_upload
+  wl_agent_symbols_core wl_call_log kembase benchmark::benchmark_main ${CMAKE_DL_LIBS})

@@ -32,8 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     models_double::add_filter_port(22);
     upload_openport_process();
     // At most one report, and it is JSON the manager can read.
-    FUZZ_CHECK(models_double::uploads().size() <= 1);
-    for (const auto& upload : models_double::uploads()) {
+    FUZZ_CHECK(module_fakes::uploads().size() <= 1);
+    for (const auto& upload : module_fakes::uploads()) {
         cJSON* parsed = cJSON_Parse(upload.text.c_str());
         FUZZ_CHECK(parsed != nullptr);
         cJSON_Delete(parsed);

@@ -14,30 +14,23 @@
 
 #include "collector_supervisor.h"
 #include "log_capture.h"
+#include "temp_dir.h"
 
 using namespace wlagent;
 using namespace std::chrono_literals;
 
 namespace {
 
-class TempRoot {
+// An install tree for the stand-in collector: a shell script, or a plain file
+// with mode.
+class TempRoot : public TempDir {
 public:
-    TempRoot() {
-        char pattern[] = "/tmp/wl_sup_XXXXXX";
-        m_path = mkdtemp(pattern);
-        std::filesystem::create_directories(m_path + "/vr_agent");
-    }
-    ~TempRoot() { std::filesystem::remove_all(m_path); }
-    const std::string& path() const { return m_path; }
-    // The stand-in collector: a shell script, or a plain file with mode.
+    TempRoot() { std::filesystem::create_directories(*this / "vr_agent"); }
     void writeCollector(const std::string& body, mode_t mode = 0755) const {
-        std::string file = m_path + "/vr_agent/wl-collector";
+        std::string file = *this / "vr_agent/wl-collector";
         std::ofstream(file) << "#!/bin/sh\n" << body << "\n";
         ::chmod(file.c_str(), mode);
     }
-
-private:
-    std::string m_path;
 };
 
 class ScriptedProcesses : public ProcessControl {

@@ -9,21 +9,19 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "bus_test_support.h"
+#include "call_log.h"
 #include "dirutils.h"
 #include "log_capture.h"
+#include "temp_dir.h"
 #include "orv_log.h"
 #include "register.h"
 #include "whitelist.h"
 
 namespace {
-std::map<std::string, int> g_results;
-std::vector<std::string> g_calls;
-
 std::string hex(const unsigned char* id) {
     std::string text;
     char byte[3];
@@ -36,12 +34,9 @@ std::string hex(const unsigned char* id) {
 }  // namespace
 
 // Called by the stand-ins, found in the executable's exported symbols.
-extern "C" int wl_fake_bus_result(const char* step) {
-    auto found = g_results.find(step);
-    return found == g_results.end() ? 0 : found->second;
-}
+extern "C" int wl_fake_bus_result(const char* step) { return call_log::result(step); }
 extern "C" void wl_fake_bus_note(const char* call, const unsigned char* id) {
-    g_calls.push_back(id != nullptr ? std::string(call) + " " + hex(id) : std::string(call));
+    call_log::record(id != nullptr ? std::string(call) + " " + hex(id) : std::string(call));
 }
 
 namespace {
@@ -58,20 +53,13 @@ bool isLoaded(const char* path) {
 class BusAttachTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/wl_attach_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_root = dir;
-        std::filesystem::create_directories(m_root + "/lib");
-        std::filesystem::create_directories(m_root + "/agent_plugins");
-        dirutils_set_install_dir((m_root + "/lib").c_str());
-        g_results.clear();
-        g_calls.clear();
+        std::filesystem::create_directories(m_root / "agent_plugins");
+        call_log::reset();
     }
-    void TearDown() override { std::filesystem::remove_all(m_root); }
 
     // A stand-in library, or with a null target a file that isn't one.
     void place(const std::string& name, const char* target) {
-        const std::string path = m_root + "/agent_plugins/" + name;
+        const std::string path = m_root / ("agent_plugins/" + name);
         std::filesystem::remove(path);
         if (target != nullptr) {
             std::filesystem::create_symlink(target, path);
@@ -80,7 +68,7 @@ protected:
         }
     }
 
-    std::string m_root;
+    TempInstallRoot m_root;
     LogCapture m_log;
 };
 
@@ -118,30 +106,30 @@ TEST_F(BusAttachTest, EachFailingStepLogsItsCodeCleansUpAndALaterAttachWorks) {
         for (const auto& failure : failures) {
             SCOPED_TRACE(std::string(plugin.name) + ": " + failure.message);
             place("libtulmb.1.so", failure.library);
-            g_results = {{"DllGetClassObject", failure.objectResult}, {"Advise", failure.adviseResult}};
-            g_calls.clear();
+            call_log::reset();
+            call_log::script("DllGetClassObject", failure.objectResult);
+            call_log::script("Advise", failure.adviseResult);
             m_log.clear();
             EXPECT_FALSE(plugin.attach());
             EXPECT_EQ(m_log.count(failure.message, LOG_LVL_ERROR), 1) << m_log.dump();
-            EXPECT_EQ(g_calls, failure.calls);
+            EXPECT_EQ(call_log::calls(), failure.calls);
             if (failure.library != nullptr) {
                 EXPECT_FALSE(isLoaded(failure.library)) << "closed again";
             }
         }
 
         place("libtulmb.1.so", WL_FAKE_FRAME_LIB);
-        g_results.clear();
-        g_calls.clear();
+        call_log::reset();
         EXPECT_TRUE(plugin.attach()) << plugin.name;
         EXPECT_TRUE(plugin.attach()) << "attached already: nothing is asked again";
-        EXPECT_EQ(g_calls, std::vector<std::string>{advise}) << plugin.name;
+        EXPECT_EQ(call_log::calls(), std::vector<std::string>{advise}) << plugin.name;
         EXPECT_TRUE(isLoaded(WL_FAKE_FRAME_LIB));
         plugin.detach();
-        EXPECT_EQ(g_calls, (std::vector<std::string>{advise, unadvise, "Release"})) << plugin.name;
+        EXPECT_EQ(call_log::calls(), (std::vector<std::string>{advise, unadvise, "Release"})) << plugin.name;
         EXPECT_FALSE(isLoaded(WL_FAKE_FRAME_LIB)) << plugin.name;
-        g_calls.clear();
+        call_log::clear();
         plugin.detach();
-        EXPECT_TRUE(g_calls.empty()) << "nothing left to detach";
+        EXPECT_TRUE(call_log::calls().empty()) << "nothing left to detach";
     }
 }
 
@@ -155,15 +143,17 @@ TEST_F(BusAttachTest, TelemetryHandlerFailuresThenTwoRegistrations) {
     EXPECT_EQ(whitelist_init_rasp_handler(transmit_rasp_data, nullptr), -1);
     EXPECT_EQ(m_log.count("load tulmb symbol: orv_rasp_reg_tele_callback failed:", LOG_LVL_ERROR), 1) << m_log.dump();
     EXPECT_FALSE(isLoaded(WL_FAKE_NONE_LIB));
-    EXPECT_TRUE(g_calls.empty());
+    EXPECT_TRUE(call_log::calls().empty());
 
     place("liborv_rasp.50.so", WL_FAKE_RASP_LIB);
     m_log.clear();
-    EXPECT_EQ(whitelist_init_rasp_handler(transmit_rasp_data, nullptr), 0);
+    call_log::script("orv_rasp_reg_tele_callback", 5);
+    EXPECT_EQ(whitelist_init_rasp_handler(transmit_rasp_data, nullptr), 5) << "the registration's own result";
     dirutils_set_install_dir("/nonexistent/lib");  // where nothing could be loaded again
-    g_results["orv_rasp_reg_tele_callback"] = 7;
-    EXPECT_EQ(whitelist_init_rasp_handler(transmit_rasp_data, nullptr), 7) << "the registration's own result";
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"orv_rasp_reg_tele_callback", "orv_rasp_reg_tele_callback"}));
+    call_log::script("orv_rasp_reg_tele_callback", 7);
+    EXPECT_EQ(whitelist_init_rasp_handler(transmit_rasp_data, nullptr), 7);
+    EXPECT_EQ(call_log::calls(),
+              (std::vector<std::string>{"orv_rasp_reg_tele_callback", "orv_rasp_reg_tele_callback"}));
     EXPECT_TRUE(isLoaded(WL_FAKE_RASP_LIB));
     EXPECT_EQ(m_log.count("", LOG_LVL_ERROR), 0) << m_log.dump();
 }

@@ -11,6 +11,7 @@
 #include "dirutils.h"
 #include "log_capture.h"
 #include "register.h"
+#include "temp_dir.h"
 #include "whitelist.h"
 #include "whitelist_event.h"
 #include "whitelist_invoke.h"
@@ -42,7 +43,7 @@ protected:
 
 TEST_P(BusRoundTripTest, TelemetryTextAndCollectorRecordReachTheirQueues) {
     transmit_rasp_data("{\"type\":\"request\",\"n\":1}");
-    auto message = collectorMessage(1027, processRecord("PROCESS_CREATION", 321, "/usr/sbin/nginx"));
+    auto message = collectorMessage(ACTION_PROCESS_CREATION, processRecord("PROCESS_CREATION", 321, "/usr/sbin/nginx"));
     transmit_action_data(reinterpret_cast<const action_collector_msg*>(message.data()));
     message.assign(message.size(), 0xee);  // the source's buffer is free on return
 
@@ -97,19 +98,16 @@ INSTANTIATE_TEST_SUITE_P(Delivery, BusRoundTripTest, ::testing::Values(true, fal
 
 TEST(BusLiteInstallation, BothPluginsStayUnattachedAndSucceed) {
     LogCapture log;
-    char dir[] = "/tmp/wl_lite_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dirutils_set_install_dir(dir);
+    TempInstallRoot root;
     EXPECT_EQ(whitelist_msgbus_init(), 1);
     EXPECT_TRUE(Register::GetInstance()->registerInit());
-    EXPECT_EQ(log.count("lite no tulmb path: " + std::string(dir) + "/../agent_plugins/libtulmb.1.so, not load"), 2)
+    EXPECT_EQ(log.count("lite no tulmb path: " + (root / "lib") + "/../agent_plugins/libtulmb.1.so, not load"), 2)
         << log.dump();
     transmit_rasp_data("{}");
     EXPECT_TRUE(log.contains("bus need init first.")) << log.dump();
     whitelist_msgbus_uninit();
     Register::GetInstance()->registerUninit();
     EXPECT_FALSE(log.contains("OnUnadvised succeed")) << "nothing was attached";
-    rmdir(dir);
 }
 
 }  // namespace

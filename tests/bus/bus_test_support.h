@@ -1,5 +1,5 @@
-// Shared pieces of the bus tests: a counted test event, the engines' queues,
-// and collector records.
+// Shared pieces of the bus tests: a counted test event and the engines'
+// queues; collector records come from event_records.h.
 #ifndef WL_BUS_TEST_SUPPORT_H
 #define WL_BUS_TEST_SUPPORT_H
 
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "event_info.h"
+#include "event_records.h"
 #include "event_queues.h"
 #include "mb_contract.h"
 #include "whitelist_mb.h"
@@ -49,12 +50,5 @@ std::vector<_BASE_EVENTINFO> baseRecords();
 std::vector<std::string> raspTexts();
 inline std::size_t baseQueued() { return baseRecords().size(); }
 inline std::size_t raspQueued() { return raspTexts().size(); }
-
-// Native records as the collector sends them.
-std::vector<unsigned char> processRecord(const char* eventName, int32_t pid, const char* path);
-std::vector<unsigned char> fileRecord(const char* eventName, const char* filePath);
-
-// A collector message around a payload, as action_collector_msg lays it out.
-std::vector<unsigned char> collectorMessage(int type, const std::vector<unsigned char>& payload);
 
 #endif

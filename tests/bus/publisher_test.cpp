@@ -1,6 +1,7 @@
 // WhitelistInvoke's publishing, against a dispatch of the test's own.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 #include "bus_test_support.h"
@@ -38,7 +39,8 @@ protected:
 TEST(BusTransformTest, ShortCollectorRecordIsZeroPaddedToTheLargestNativeRecord) {
     const char name[] = "PROCESS_CREATION";  // unterminated in the sender's 5 bytes
     _RESPONSE_APP_REQUEST_INFO native{};
-    ASSERT_TRUE(wlist_invoke->Transform(WL_PUBLISH_ACTION, 1027, const_cast<char*>(name), 5, native));
+    ASSERT_TRUE(
+        wlist_invoke->Transform(WL_PUBLISH_ACTION, ACTION_PROCESS_CREATION, const_cast<char*>(name), 5, native));
     const unsigned char* copy = static_cast<const unsigned char*>(native.data);
     std::size_t nonZero = 0;
     for (std::size_t i = 5; i <= kNativeRecordMaxSize; ++i) {  // ASan: all inside the buffer
@@ -50,7 +52,7 @@ TEST(BusTransformTest, ShortCollectorRecordIsZeroPaddedToTheLargestNativeRecord)
 
 TEST_F(BusPublisherTest, BadArgumentsAndUnknownTypesInvokeNothing) {
     wlist_invoke->Publish_t(1, 0, m_text, 0);
-    auto empty = collectorMessage(1027, {});
+    auto empty = collectorMessage(ACTION_PROCESS_CREATION, {});
     transmit_action_data(reinterpret_cast<const action_collector_msg*>(empty.data()));
     EXPECT_EQ(m_log.count("param error."), 2) << m_log.dump();
     EXPECT_FALSE(m_log.contains("rec one message."));
@@ -103,7 +105,7 @@ TEST_F(BusPublisherTest, PublishedEventsOutliveTheCallWhileTheBusHoldsThem) {
     std::string text = "{\"id\":7}";
     wlist_invoke->Publish_t(1, 0, &text[0], static_cast<unsigned int>(text.size() + 1));
     text.assign(text.size(), 'x');  // the caller's buffer is free again
-    auto message = collectorMessage(1026, fileRecord("FILE_DELETION", "/etc/passwd"));
+    auto message = collectorMessage(ACTION_FILE_DELETION, fileRecord("FILE_DELETION", "/etc/passwd"));
     transmit_action_data(reinterpret_cast<const action_collector_msg*>(message.data()));
     const std::vector<unsigned char> sent(message.begin() + 280, message.end() - 1);
     message.assign(message.size(), 0xee);
@@ -113,10 +115,10 @@ TEST_F(BusPublisherTest, PublishedEventsOutliveTheCallWhileTheBusHoldsThem) {
     EXPECT_STREQ(static_cast<const char*>(m_dispatch.m_events[0]->GetNativeEvent()->data), "{\"id\":7}");
     const _RESPONSE_APP_REQUEST_INFO* action = m_dispatch.m_events[1]->GetNativeEvent();
     EXPECT_EQ(m_dispatch.m_events[1]->GetUniqueID(), 20u);
-    EXPECT_EQ(action->sub_type, 1026);
+    EXPECT_EQ(action->sub_type, ACTION_FILE_DELETION);
     EXPECT_EQ(std::memcmp(action->data, sent.data(), sent.size()), 0);
     EXPECT_TRUE(m_log.contains("Event: 19 OriginCltJson: {\"id\":7}")) << m_log.dump();
-    EXPECT_TRUE(m_log.contains("Event: 20 ActionCltType: 1026")) << m_log.dump();
+    EXPECT_TRUE(m_log.contains("Event: 20 ActionCltType: " + std::to_string(ACTION_FILE_DELETION))) << m_log.dump();
 }
 
 }  // namespace

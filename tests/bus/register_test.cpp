@@ -59,7 +59,7 @@ TEST_F(BusRegisterTest, QueueLimitOfBothQueues) {
             orv_mutex_lock(&g_raspDataLock);
             g_raspData.resize(prefilled, "{}");
             orv_mutex_unlock(&g_raspDataLock);
-            CountedEvent event(id, id == 19 ? static_cast<void*>(text) : record.data(), 1027);
+            CountedEvent event(id, id == 19 ? static_cast<void*>(text) : record.data(), ACTION_PROCESS_CREATION);
             deliver(event);
             EXPECT_EQ(id == 19 ? raspQueued() : baseQueued(), 100u) << id << " after " << prefilled;
         }
@@ -77,8 +77,9 @@ TEST_F(BusRegisterTest, QueueLimitOfBothQueues) {
 
 TEST_F(BusRegisterTest, UnknownActionTypesQueueAClearedRecord) {
     auto process = processRecord("PROCESS_CREATION", 7, "/bin/sh");
-    // 1028 is inside the mask range but in no mask; 1025 and 1058 are outside.
-    for (int sub_type : {1028, 1025, 1058}) {
+    // The type after process creation is inside the mask range but in no mask;
+    // the two around the range are outside.
+    for (int sub_type : {ACTION_PROCESS_CREATION + 1, kFirstRoutedActionType - 1, kLastRoutedActionType + 1}) {
         QueueReset::clear();
         m_log.clear();
         CountedEvent event(20, process.data(), sub_type);
@@ -124,9 +125,17 @@ _BASE_EVENTINFO converted(Conversion conversion, const std::vector<unsigned char
 
 TEST_F(BusRegisterTest, EveryActionTypeTakesItsMasksConversion) {
     std::map<int, Conversion> expected;
-    for (int sub_type : {1026, 1044, 1045, 1046, 1054, 1055, 1056, 1057}) expected[sub_type] = Conversion::File;
-    expected[1027] = Conversion::Process;
-    for (int sub_type : {1029, 1030, 1031}) expected[sub_type] = Conversion::Net;
+    for (int sub_type : {ACTION_FILE_CREATION, ACTION_FILE_MODIFICATION, ACTION_FILE_DELETION, ACTION_FILE_RENAMING}) {
+        expected[sub_type] = Conversion::File;
+    }
+    // The types after time modification are file records up to the end of the range.
+    for (int sub_type = ACTION_FILE_TIME_MODIFICATION; sub_type <= kLastRoutedActionType; ++sub_type) {
+        expected[sub_type] = Conversion::File;
+    }
+    expected[ACTION_PROCESS_CREATION] = Conversion::Process;
+    for (int sub_type : {ACTION_NETWORK_CONNECTION, ACTION_DNS_QUERY, ACTION_PORT_LISTENING}) {
+        expected[sub_type] = Conversion::Net;
+    }
 
     const std::vector<unsigned char> bytes = recordForAnyConversion();
     std::map<Conversion, _BASE_EVENTINFO> results;
@@ -140,8 +149,13 @@ TEST_F(BusRegisterTest, EveryActionTypeTakesItsMasksConversion) {
         }
     }
 
-    for (int sub_type : {0, -1, 1, 1000, 1025, 1058, 1026 + 32, 1026 + 63, 2048}) expected[sub_type] = Conversion::None;
-    for (int sub_type = 1026; sub_type <= 1057; ++sub_type) expected.emplace(sub_type, Conversion::None);
+    for (int sub_type :
+         {0, -1, 1, 1000, kFirstRoutedActionType - 1, kLastRoutedActionType + 1, kFirstRoutedActionType + 63, 2048}) {
+        expected[sub_type] = Conversion::None;
+    }
+    for (int sub_type = kFirstRoutedActionType; sub_type <= kLastRoutedActionType; ++sub_type) {
+        expected.emplace(sub_type, Conversion::None);
+    }
     for (const auto& [sub_type, conversion] : expected) {
         QueueReset::clear();
         m_log.clear();
@@ -166,7 +180,7 @@ TEST_F(BusRegisterTest, TelemetryEventWithoutTextQueuesNothing) {
 
 TEST_F(BusRegisterTest, UnsubscribedIdIsRefused) {
     auto process = processRecord("PROCESS_CREATION", 7, "/bin/sh");
-    CountedEvent event(21, process.data(), 1027);
+    CountedEvent event(21, process.data(), ACTION_PROCESS_CREATION);
     deliver(event);
     EXPECT_EQ(baseQueued() + raspQueued(), 0u);
     EXPECT_EQ(m_log.count("Base don't support the type!", LOG_LVL_ERROR), 1) << m_log.dump();

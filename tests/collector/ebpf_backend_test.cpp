@@ -33,6 +33,7 @@
 
 #include "capture_backend.h"
 #include "dns_query.h"
+#include "recording_sink.h"
 
 extern char** environ;
 
@@ -41,60 +42,6 @@ namespace {
 using namespace std::chrono_literals;
 using wlc::EventKind;
 using wlc::HostEvent;
-
-// ---- a sink that keeps everything ----------------------------------------------
-
-class RecordingSink : public wlc::EventSink {
-public:
-    void onEvent(HostEvent&& event) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(std::move(event));
-        changed_.notify_all();
-    }
-    // Where the next event will go: a mark to wait from.
-    size_t mark() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_.size();
-    }
-    // The first event from `from` on that matches, waiting up to `timeout`.
-    std::optional<HostEvent> waitFor(size_t from, const std::function<bool(const HostEvent&)>& match,
-                                     std::chrono::milliseconds timeout = 5s) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        std::optional<HostEvent> found;
-        changed_.wait_for(lock, timeout, [&] {
-            for (; from < events_.size(); ++from) {
-                if (match(events_[from])) {
-                    found = events_[from];
-                    return true;
-                }
-            }
-            return false;
-        });
-        return found;
-    }
-    size_t count(size_t from, const std::function<bool(const HostEvent&)>& match) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        size_t n = 0;
-        for (; from < events_.size(); ++from) n += match(events_[from]) ? 1 : 0;
-        return n;
-    }
-    // Waits until `want` events from `from` on match (or the timeout); how many did.
-    size_t waitCount(size_t from, size_t want, const std::function<bool(const HostEvent&)>& match,
-                     std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        size_t n = 0;
-        changed_.wait_for(lock, timeout, [&] {
-            for (; from < events_.size(); ++from) n += match(events_[from]) ? 1 : 0;
-            return n >= want;
-        });
-        return n;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<HostEvent> events_;
-};
 
 // ---- worker processes ---------------------------------------------------------------
 

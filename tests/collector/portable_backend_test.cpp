@@ -38,6 +38,7 @@
 #include "portable/proc_info.h"
 #include "portable/socket_tracker.h"
 #include "portable/watch_set.h"
+#include "recording_sink.h"
 
 namespace {
 
@@ -582,22 +583,6 @@ TEST(PortableSocketTracker, ReportsEachOutboundOrListeningSocketOnce) {
 
 // --- the real thing -----------------------------------------------------
 
-class RecordingSink : public EventSink {
-public:
-    void onEvent(HostEvent&& event) override {
-        std::lock_guard lock(mutex_);
-        events_.push_back(std::move(event));
-    }
-    std::vector<HostEvent> events() const {
-        std::lock_guard lock(mutex_);
-        return events_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<HostEvent> events_;
-};
-
 struct ActorPlan {
     std::string dir, created, existing, renamed;
     uint16_t connectPort = 0;
@@ -798,16 +783,12 @@ TEST(PortableBackendLive, ReportsAWatchedChildAndNothingOfItsSibling) {
         {"exit", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::Exit, e); }); }},
     };
 
-    std::vector<HostEvent> events;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    auto allMet = [&] {
-        return std::all_of(std::begin(expectations), std::end(expectations),
-                           [&](const Expectation& x) { return x.met(events); });
-    };
-    while (!allMet() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        events = sink.events();
-    }
+    std::vector<HostEvent> events = sink.waitUntil(
+        [&](const std::vector<HostEvent>& ev) {
+            return std::all_of(std::begin(expectations), std::end(expectations),
+                               [&](const Expectation& x) { return x.met(ev); });
+        },
+        std::chrono::seconds(15));
     for (const Expectation& x : expectations) EXPECT_TRUE(x.met(events)) << "missing: " << x.what;
 
     int status = 0;
@@ -872,23 +853,17 @@ TEST(PortableBackendLive, AdoptsWhatAWatchedProcessForkedBeforeTheStart) {
     std::string error;
     ASSERT_TRUE(backend->start(sink, error)) << error;
     auto seen = [&](EventKind kind, pid_t pid) {
-        auto events = sink.events();
-        return std::any_of(events.begin(), events.end(), [&](const HostEvent& e) {
-            return e.kind == kind && e.pid == pid && (kind != EventKind::Fork || e.ppid == parent);
-        });
+        return sink
+            .waitFor(0,
+                     [&](const HostEvent& e) {
+                         return e.kind == kind && e.pid == pid && (kind != EventKind::Fork || e.ppid == parent);
+                     })
+            .has_value();
     };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!seen(EventKind::Fork, early) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    EXPECT_TRUE(backend->isWatched(early));
     EXPECT_TRUE(seen(EventKind::Fork, early));
+    EXPECT_TRUE(backend->isWatched(early));
 
     ::close(release[1]);  // both read end-of-file and leave
-    while (!(seen(EventKind::Exit, early) && seen(EventKind::Exit, parent)) &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     EXPECT_TRUE(seen(EventKind::Exit, early));
     EXPECT_TRUE(seen(EventKind::Exit, parent));
     EXPECT_FALSE(backend->isWatched(early));

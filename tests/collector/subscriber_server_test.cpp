@@ -8,11 +8,10 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-#include <chrono>
 #include <cstring>
-#include <mutex>
-#include <thread>
 
+#include "call_log.h"
+#include "log_capture.h"
 #include "subscriber_server.h"
 #include "vrccl_action.h"
 #include "vrccl_wire.h"
@@ -28,6 +27,7 @@ protected:
         m_dir = ::testing::TempDir() + "/wlc-server-" + std::to_string(::getpid());
         ::mkdir(m_dir.c_str(), 0700);
         m_path = m_dir + "/vrccl.sock";
+        call_log::reset();
     }
     void TearDown() override {
         m_server.reset();
@@ -36,22 +36,14 @@ protected:
 
     void startServer(wlc::ServerLimits limits = {}) {
         wlc::ServerHooks hooks;
-        hooks.watch = [this](int32_t pid) { record("watch", pid); };
-        hooks.unwatch = [this](int32_t pid) { record("unwatch", pid); };
+        hooks.watch = [](int32_t pid) { call_log::record("watch " + std::to_string(pid)); };
+        hooks.unwatch = [](int32_t pid) { call_log::record("unwatch " + std::to_string(pid)); };
         hooks.status = [](const std::vector<int32_t>& pids, std::size_t receivers) {
             return "{\"pids\":" + std::to_string(pids.size()) + ",\"receivers\":" + std::to_string(receivers) + "}";
         };
         m_server = std::make_unique<wlc::SubscriberServer>(m_path, "test", hooks, limits);
         std::string error;
         ASSERT_TRUE(m_server->start(error)) << error;
-    }
-    void record(const char* what, int32_t pid) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_calls.push_back(what + std::string(" ") + std::to_string(pid));
-    }
-    std::vector<std::string> calls() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_calls;
     }
     // Waits until the server has taken in what was sent: a status round trip.
     void sync(WireClient& client) {
@@ -70,8 +62,6 @@ protected:
 
     std::string m_dir, m_path;
     std::unique_ptr<wlc::SubscriberServer> m_server;
-    std::mutex m_mutex;
-    std::vector<std::string> m_calls;
 };
 
 TEST_F(CollectorServer, GreetsWithItsBackendAndListensOwnerOnly) {
@@ -113,8 +103,8 @@ TEST_F(CollectorServer, SubscriptionsAreSharedAcrossClientsAndEndWithThem) {
         EXPECT_EQ(m_server->subscribedPids(), (std::vector<int32_t>{100, 200}));
     }
     // b's disconnection withdraws what it held.
-    for (int i = 0; i < 300 && calls().size() < 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(calls(), (std::vector<std::string>{"watch 100", "watch 200", "unwatch 100", "unwatch 200"}));
+    EXPECT_TRUE(waitUntil([] { return call_log::calls().size() >= 4; }));
+    EXPECT_EQ(call_log::calls(), (std::vector<std::string>{"watch 100", "watch 200", "unwatch 100", "unwatch 200"}));
 }
 
 TEST_F(CollectorServer, RecordsGoToSubscribersInSequence) {

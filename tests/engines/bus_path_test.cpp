@@ -54,12 +54,12 @@ protected:
 TEST_F(BusPathTest, CollectorRecordBecomesAnAlarm) {
     Library::instance().queueVerdict(Engine::Base, {0, 0, 0, "FILTER_PEROID"});
     Library::instance().setDefaultText(Engine::Base, "getBlackLog", "{\"shell\":1}");
-    auto message = collectorMessage(1045, fileRecord("FILE_CREATION", "/var/www/shell.php"));
+    auto message = collectorMessage(ACTION_FILE_DELETION, fileRecord("FILE_CREATION", "/var/www/shell.php"));
     transmit_action_data(reinterpret_cast<const action_collector_msg*>(message.data()));
 
-    ASSERT_TRUE(waitUntil([] { return !recorders::uploads(WL_REPORT_ALARM).empty(); })) << m_log.dump();
+    ASSERT_TRUE(waitUntil([] { return !module_fakes::uploads(WL_REPORT_ALARM).empty(); })) << m_log.dump();
     std::vector<fake_model::Call> seen = Library::instance().calls(Engine::Base, "processEvent");
     ASSERT_EQ(1u, seen.size());
     EXPECT_EQ(6, seen[0].eventType);
-    EXPECT_EQ("{\"shell\":1}", recorders::uploads(WL_REPORT_ALARM)[0].text);
+    EXPECT_EQ("{\"shell\":1}", module_fakes::uploads(WL_REPORT_ALARM)[0].text);
 }

@@ -178,14 +178,6 @@ bool initialize(fake_model::Engine engine) {
                                               : RaspEngine::GetInstance()->Initialize();
 }
 
-_BASE_EVENTINFO make_base_event(int eventType, unsigned long long tag) {
-    _BASE_EVENTINFO event;
-    memset(&event, 0, sizeof(event));
-    event.event_type = static_cast<uint16_t>(eventType);
-    event.event_time = tag;
-    return event;
-}
-
 void queue_base_event(const _BASE_EVENTINFO& event) { push_bounded(&g_baseDataLock, g_baseData, event); }
 void queue_rasp_text(const std::string& text) { push_bounded(&g_raspDataLock, g_raspData, text); }
 size_t base_queue_size() { return locked_size(&g_baseDataLock, g_baseData); }
@@ -196,11 +188,6 @@ void EngineTest::SetUp() {
     fake_model::Library::instance().reset();
     recorders::reset();
     FakeClock::install();
-    char pattern[] = "/tmp/wl_engines_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    m_root = pattern;
-    std::filesystem::create_directories(path("lib"));
-    dirutils_set_install_dir(path("lib").c_str());
 }
 
 void EngineTest::TearDown() {
@@ -209,8 +196,6 @@ void EngineTest::TearDown() {
     BaseEngine::GetInstance()->Uninitialize();
     RaspEngine::GetInstance()->Uninitialize();
     wl_clock_reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(m_root, ignored);
 }
 
 void EngineTest::writeFile(const std::string& relative, const std::string& content) const {

@@ -1,5 +1,5 @@
 // What the engine tests share: a controllable clock behind g_wl_clock, a
-// temporary install root, event builders and the engines' stop at the end.
+// temporary install root, the queues and the engines' stop at the end.
 #ifndef WL_ENGINE_TEST_ENV_H
 #define WL_ENGINE_TEST_ENV_H
 
@@ -10,7 +10,9 @@
 #include <gtest/gtest.h>
 
 #include "event_info.h"
+#include "event_records.h"
 #include "orv_sync.h"
+#include "temp_dir.h"
 #include "fake_model_library.h"
 
 // Replaces the module's sleeps and wall clock. Worker pauses become a short
@@ -40,8 +42,6 @@ bool held_elsewhere(orv_mutex_t mutex);
 bool wait_calls(fake_model::Engine engine, const std::string& op, int n);
 bool initialize(fake_model::Engine engine);
 
-// A cleared host record with the given type and a tag in event_time.
-_BASE_EVENTINFO make_base_event(int eventType, unsigned long long tag);
 // Both drop the item when the queue is at its bound, as the sources do.
 void queue_base_event(const _BASE_EVENTINFO& event);
 void queue_rasp_text(const std::string& text);
@@ -55,10 +55,10 @@ class EngineTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-    std::string path(const std::string& relative) const { return m_root + "/" + relative; }
+    std::string path(const std::string& relative) const { return m_dir / relative; }
     void writeFile(const std::string& relative, const std::string& content = "") const;
 
-    std::string m_root;
+    TempInstallRoot m_dir;
 };
 
 #endif

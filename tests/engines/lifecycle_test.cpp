@@ -119,7 +119,7 @@ TEST_P(StartFailureTest, FailsWithItsMessageCleansUpAndCanStartAgain) {
         Library::instance().queueResult(kind, failure.failingOp, -1);
     }
     // Something queued before the start shows whether the stop path ran.
-    base ? queue_base_event(make_base_event(6, 1)) : queue_rasp_text("{}");
+    base ? queue_base_event(*baseRecord(6, 1)) : queue_rasp_text("{}");
 
     EXPECT_FALSE(initialize(kind));
     EXPECT_TRUE(log.contains(base ? failure.baseMessage : failure.raspMessage, 1)) << log.dump();
@@ -165,7 +165,7 @@ TEST_F(EngineTest, StartAndStopTwiceThenStartAgainWithANewObject) {
 
     ASSERT_TRUE(initialize(Engine::Base));
     ASSERT_TRUE(initialize(Engine::Rasp));
-    queue_base_event(make_base_event(6, 42));
+    queue_base_event(*baseRecord(6, 42));
     queue_rasp_text("{}");
     EXPECT_TRUE(wait_calls(Engine::Base, "processEvent", 1));
     EXPECT_TRUE(wait_calls(Engine::Rasp, "processEvent", 1));

@@ -33,7 +33,7 @@ void probe_locks(Engine engine) {
 const char* worker_of(Engine engine) { return engine == Engine::Base ? "base_work" : "rasp_work"; }
 
 void queue_event(Engine engine, unsigned long long tag) {
-    engine == Engine::Base ? queue_base_event(make_base_event(6, tag)) : queue_rasp_text("event" + std::to_string(tag));
+    engine == Engine::Base ? queue_base_event(*baseRecord(6, tag)) : queue_rasp_text("event" + std::to_string(tag));
 }
 
 class LockTest : public EngineTest, public ::testing::WithParamInterface<Engine> {
@@ -57,15 +57,19 @@ TEST_P(LockTest, FirstStatusCallRunsWithoutTheEngineLock) {
     EXPECT_TRUE(asked);
 }
 
+// The probe sees a lock taken by any thread, so only the calling thread may run:
+// the others wait in their sleeps, which they enter holding no lock.
 TEST_P(LockTest, EveryOtherLibraryCallHoldsTheEngineLockAndNoQueueLock) {
     const Engine engine = GetParam();
     const bool base = engine == Engine::Base;
+    const char* worker = worker_of(engine);
     FakeClock::gate(true);
-    FakeClock::holdThread("base_work_delay", true);  // it takes the queue lock on its own
+    FakeClock::holdThread(worker, true);
+    FakeClock::holdThread("base_work_delay", true);
     probe_locks(engine);
     ASSERT_TRUE(initialize(engine));
     ASSERT_TRUE(wait_calls(engine, "getModelStatus", 1));
-    ASSERT_TRUE(waitUntil([] { return FakeClock::sleepsEntered() >= 1; }));
+    ASSERT_TRUE(waitUntil([&] { return FakeClock::sleepsEntered() >= 1 && FakeClock::usleepsOf(worker) >= 1; }));
     EXPECT_EQ(0, Library::instance().calls(engine, "getModelStatus")[0].locks & kEngineLock);
     Library::instance().reset();
 
@@ -74,7 +78,9 @@ TEST_P(LockTest, EveryOtherLibraryCallHoldsTheEngineLockAndNoQueueLock) {
     Library::instance().queueVerdict(engine, Verdict{0, 2, 0, "FILTER_PEROID"});
     Library::instance().queueVerdict(engine, Verdict{0, 2, 1, "FILTER_PEROID"});
     for (unsigned long long tag = 1; tag <= 3; ++tag) queue_event(engine, tag);
-    ASSERT_TRUE(wait_calls(engine, "processEvent", 3));
+    FakeClock::passThread(worker, 3);
+    ASSERT_TRUE(waitUntil([&] { return FakeClock::usleepsOf(worker) >= 4; }));
+    ASSERT_EQ(3, Library::instance().count(engine, "processEvent"));
     // Timing: every countdown fires by pass 1200.
     Library::instance().setDefaultText(engine, "getChangedModel", "web");
     FakeClock::allowSleeps(1200);
@@ -123,10 +129,10 @@ TEST_F(EngineTest, ADelayPassMovesOneRecordEvenOntoAFullQueue) {
     FakeClock::holdThread("base_work_delay", true);
     ASSERT_TRUE(initialize(Engine::Base));
     ASSERT_TRUE(waitUntil([] { return FakeClock::usleepsOf("base_work_delay") >= 1; }));
-    for (unsigned long long tag = 0; tag < kEventQueueLimit; ++tag) queue_base_event(make_base_event(6, tag));
+    for (unsigned long long tag = 0; tag < kEventQueueLimit; ++tag) queue_base_event(*baseRecord(6, tag));
     orv_mutex_lock(&g_baseDataLock);
     for (unsigned long long tag = 1; tag <= 2; ++tag) {
-        g_baseDelayData.emplace_back(make_base_event(6, 1000 + tag), FakeClock::now() - 100);
+        g_baseDelayData.emplace_back(*baseRecord(6, 1000 + tag), FakeClock::now() - 100);
     }
     orv_mutex_unlock(&g_baseDataLock);
     FakeClock::passThread("base_work_delay", 1);

@@ -22,7 +22,7 @@ const Verdict kDelay{0, 1, 1, "FILTER_PEROID"};
 // everything queued before it has then been decided.
 void drain(Engine engine, int processedBefore) {
     Library::instance().queueVerdict(engine, kEnds);
-    engine == Engine::Base ? queue_base_event(make_base_event(6, 999999)) : queue_rasp_text("marker");
+    engine == Engine::Base ? queue_base_event(*baseRecord(6, 999999)) : queue_rasp_text("marker");
     ASSERT_TRUE(wait_calls(engine, "processEvent", processedBefore + 1));
 }
 
@@ -57,7 +57,7 @@ TEST_P(OutcomeTest, DecidesFromTheLibraryVerdict) {
     if (c.verdict.match_verdict >= 0) {
         Library::instance().queueVerdict(c.engine, c.verdict);
     }
-    base ? queue_base_event(make_base_event(c.eventType, 1)) : queue_rasp_text("{\"app\":1}");
+    base ? queue_base_event(*baseRecord(c.eventType, 1)) : queue_rasp_text("{\"app\":1}");
     drain(c.engine, 1);
 
     std::vector<fake_model::Call> saved = Library::instance().calls(c.engine, "saveOriginLog");
@@ -66,7 +66,8 @@ TEST_P(OutcomeTest, DecidesFromTheLibraryVerdict) {
         EXPECT_EQ(base ? BaseEngine::GetInstance()->m_logSavePath : RaspEngine::GetInstance()->m_logSavePath,
                   saved[0].text);
     }
-    std::vector<recorders::Upload> alarms = recorders::uploads(base ? WL_REPORT_ALARM : WL_REPORT_RASP_ALARM);
+    std::vector<module_fakes::ReportUpload> alarms =
+        module_fakes::uploads(base ? WL_REPORT_ALARM : WL_REPORT_RASP_ALARM);
     ASSERT_EQ(c.alarm ? 1u : 0u, alarms.size());
     if (c.alarm) {
         EXPECT_EQ("{\"black\":7}", alarms[0].text);
@@ -74,7 +75,7 @@ TEST_P(OutcomeTest, DecidesFromTheLibraryVerdict) {
     }
     EXPECT_EQ(c.alarm, log.contains("BlackLog : {\"black\":7}", 3));
     EXPECT_EQ(c.delayed ? 1u : 0u, base_delay_size());
-    EXPECT_EQ(alarms.size(), recorders::uploads().size()) << "only alarms may be uploaded by the worker";
+    EXPECT_EQ(alarms.size(), module_fakes::uploads().size()) << "only alarms may be uploaded by the worker";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -101,7 +102,7 @@ TEST_F(EngineTest, EventsLeaveTheQueueInOrderAndLocalConnectionsNeverReachTheLib
     ASSERT_TRUE(initialize(Engine::Base));
     Library::instance().setDefaultVerdict(Engine::Base, kEnds);
     for (unsigned long long tag = 1; tag <= 4; ++tag) {
-        _BASE_EVENTINFO event = make_base_event(15, tag);
+        _BASE_EVENTINFO event = *baseRecord(15, tag);
         const wchar_t* ip = tag == 2 ? L"127.0.0.1" : L"10.1.2.3";
         wmemcpy(event.detail.connect.dst_ip, ip, wcslen(ip));
         queue_base_event(event);
@@ -116,12 +117,11 @@ TEST_F(EngineTest, TelemetryFieldsReachTheLibraryAndLocalAddressesDoNot) {
     LogCapture log;
     ASSERT_TRUE(initialize(Engine::Rasp));
     Library::instance().setDefaultVerdict(Engine::Rasp, kEnds);
-    auto text = [](const char* url, const char* action) {
-        return std::string(R"({"pid":7,"time":9,"data":{"url":")") + url + R"(","data":)" + action + "}}";
-    };
-    queue_rasp_text(text("/read", R"({"type":"file","action":"read","data":"/etc/hosts"})"));
-    queue_rasp_text(text("/local", R"({"action":"address","data":{"hostName":"127.0.0.1"}})"));
-    queue_rasp_text(text("/remote", R"({"action":"address","data":{"hostName":"db.example"}})"));
+    queue_rasp_text(telemetryLine(R"("url":"/read")", R"({"type":"file","action":"read","data":"/etc/hosts"})"));
+    const std::string local =
+        telemetryLine(R"("url":"/local")", R"({"action":"address","data":{"hostName":"127.0.0.1"}})");
+    queue_rasp_text(local);
+    queue_rasp_text(telemetryLine(R"("url":"/remote")", R"({"action":"address","data":{"hostName":"db.example"}})"));
     queue_rasp_text("no json");
     drain(Engine::Rasp, 3);
     std::vector<std::pair<std::string, int>> seen;
@@ -132,7 +132,7 @@ TEST_F(EngineTest, TelemetryFieldsReachTheLibraryAndLocalAddressesDoNot) {
     EXPECT_EQ((std::vector<std::pair<std::string, int>>{{"/read", 4}, {"/remote", 1}, {"", 0}, {"", 0}}), seen);
     EXPECT_TRUE(log.contains("match local Ip success, event has been filter, dstIp: 127.0.0.1", 3));
     EXPECT_TRUE(log.contains("originLog : no json", 4));
-    EXPECT_FALSE(log.contains("originLog : " + text("/local", "")));
+    EXPECT_FALSE(log.contains("originLog : " + local)) << "logged only once past the filter";
 }
 
 class DelayCycleTest : public EngineTest, public ::testing::WithParamInterface<std::pair<Verdict, bool>> {};
@@ -143,7 +143,7 @@ TEST_P(DelayCycleTest, CycleEndsExactlyWhenTheLibraryEndsIt) {
     Library::instance().queueVerdict(Engine::Base, kDelay);
     Library::instance().queueVerdict(Engine::Base, {0, 0, 1, "FILTER_PEROID"});
     Library::instance().queueVerdict(Engine::Base, GetParam().first);
-    queue_base_event(make_base_event(8, 1));
+    queue_base_event(*baseRecord(8, 1));
     for (int round = 1; round <= 2; ++round) {
         ASSERT_TRUE(waitUntil([] { return base_delay_size() == 1; })) << "round " << round;
         FakeClock::setTime(t0 + round);
@@ -158,7 +158,7 @@ TEST_P(DelayCycleTest, CycleEndsExactlyWhenTheLibraryEndsIt) {
     EXPECT_EQ(0, seen[2].delayGate);
     EXPECT_EQ("1", seen[2].eventTag);
     EXPECT_EQ(0u, base_delay_size());
-    EXPECT_EQ(GetParam().second ? 1u : 0u, recorders::uploads(WL_REPORT_ALARM).size());
+    EXPECT_EQ(GetParam().second ? 1u : 0u, module_fakes::uploads(WL_REPORT_ALARM).size());
 }
 
 // Gate 2, black, period changed.
@@ -179,7 +179,7 @@ TEST_F(EngineTest, DelayedRecordReturnsOnTheNextSecondOrWhenTheClockJumpsFarBack
         const time_t t0 = FakeClock::now();
         Library::instance().queueVerdict(Engine::Base, kDelay);
         Library::instance().setDefaultVerdict(Engine::Base, kEnds);
-        queue_base_event(make_base_event(9, 1));
+        queue_base_event(*baseRecord(9, 1));
         ASSERT_TRUE(waitUntil([] { return base_delay_size() == 1; }));
         for (size_t i = 0; i < walk.size(); ++i) {
             FakeClock::setTime(t0 + walk[i]);

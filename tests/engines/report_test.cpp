@@ -71,7 +71,7 @@ TEST_P(ParseInputTest, ReadsTheModelBackAndReports) {
     if (row.statusSent) {
         expected.emplace_back(row.status, base ? WL_REPORT_LEARN_STATUS : WL_REPORT_RASP_LEARN_STATUS);
     }
-    for (const recorders::Upload& upload : recorders::uploads()) {
+    for (const module_fakes::ReportUpload& upload : module_fakes::uploads()) {
         uploaded.emplace_back(upload.text, upload.type);
     }
     EXPECT_EQ(expected, uploaded);
@@ -104,7 +104,7 @@ TEST_F(StartedEnginesTest, AlarmsAreFedBackInOrderThenTheModelIsSavedOnce) {
     EXPECT_EQ("/file", rasp[1].eventTag);
     EXPECT_EQ(BaseEngine::GetInstance()->m_modelSavePath, Library::instance().calls(Engine::Base, "saveModel")[0].text);
     EXPECT_EQ(RaspEngine::GetInstance()->m_modelSavePath, Library::instance().calls(Engine::Rasp, "saveModel")[0].text);
-    EXPECT_TRUE(recorders::uploads().empty()) << "feedback uploads nothing";
+    EXPECT_TRUE(module_fakes::uploads().empty()) << "feedback uploads nothing";
 }
 
 TEST_F(StartedEnginesTest, EmptyFeedbackIsRefusedUnreadableFeedbackStillSaves) {

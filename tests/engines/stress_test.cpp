@@ -37,7 +37,7 @@ TEST_F(EngineTest, EventsCommandsTimingAndFeedbackTogetherKeepTheLockRules) {
     const std::vector<std::function<void()>> bodies = {
         [&] {
             ++tag;
-            queue_base_event(make_base_event(tag % 2 ? 6 : 1, tag));
+            queue_base_event(*baseRecord(tag % 2 ? 6 : 1, tag));
         },
         [] { queue_rasp_text("{\"data\":{\"data\":{\"action\":\"dns\",\"data\":\"example.org\"}}}"); },
         [] { FakeClock::setTime(FakeClock::now() + 1); },

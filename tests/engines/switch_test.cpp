@@ -46,9 +46,9 @@ TEST_F(SwitchTest, InitEngineStartsBothWithModelsAndTimersAndUninitDetaches) {
     EXPECT_EQ(0, whitelist_init_engine());
     EXPECT_EQ(1, g_whitelist_context.base_engine_on);
     EXPECT_EQ(1, g_whitelist_context.rasp_engine_on);
-    EXPECT_EQ(1, recorders::journalCount("register init"));
-    EXPECT_EQ(1, recorders::journalCount("whitelist_base_load_model_data"));
-    EXPECT_EQ(1, recorders::journalCount("whitelist_rasp_load_model_data"));
+    EXPECT_EQ(1, call_log::count("register init"));
+    EXPECT_EQ(1, call_log::count("whitelist_base_load_model_data"));
+    EXPECT_EQ(1, call_log::count("whitelist_rasp_load_model_data"));
     // The reversed test leaves the base refresh unstarted.
     EXPECT_EQ(nullptr, g_whitelist_context.timer_base_open_process);
     EXPECT_EQ(4u, recorders::timers().size());
@@ -62,7 +62,7 @@ TEST_F(SwitchTest, InitEngineStartsBothWithModelsAndTimersAndUninitDetaches) {
     FakeClock::gate(false);
     whitelist_base_engine_uninit();
     whitelist_rasp_engine_uninit();
-    EXPECT_EQ(1, recorders::journalCount("register uninit"));
+    EXPECT_EQ(1, call_log::count("register uninit"));
     EXPECT_EQ(nullptr, BaseEngine::GetInstance()->m_baseEngine);
     EXPECT_EQ(nullptr, RaspEngine::GetInstance()->m_raspEngine);
 }
@@ -74,18 +74,18 @@ TEST_F(SwitchTest, FailedEnginesAreReportedAndTheOtherStillStarts) {
     EXPECT_TRUE(log.contains("base engine init fail", 1));
     EXPECT_EQ(0, g_whitelist_context.base_engine_on);
     EXPECT_EQ(1, g_whitelist_context.rasp_engine_on);
-    EXPECT_EQ(0, recorders::journalCount("whitelist_base_load_model_data"));
+    EXPECT_EQ(0, call_log::count("whitelist_base_load_model_data"));
 
     // A failed attach stops the base start before the engine is asked.
     recorders::setRegisterInitResult(false);
     Library::instance().reset();
-    EXPECT_EQ(-1, whitelist_engine_switch());
+    EXPECT_EQ(WL_TASK_REFUSED, whitelist_engine_switch());
     EXPECT_EQ(0, Library::instance().count(Engine::Base, "getBaseInterface"));
 
     FakeClock::gate(false);  // lets the timing thread see the stop
     RaspEngine::GetInstance()->Uninitialize();
     Library::instance().setFactoryMode(Engine::Rasp, FactoryMode::Throw);
-    EXPECT_EQ(-1, whitelist_rasp_switch());
+    EXPECT_EQ(WL_TASK_REFUSED, whitelist_rasp_switch());
     EXPECT_TRUE(log.contains("inner model init fail", 1));
 }
 
@@ -128,7 +128,7 @@ TEST_F(SwitchTest, TimerGroupsStopAtTheFirstFailureAndTestTheFieldsTheyTest) {
     init_whitelist_timer(&g_whitelist_context);
     EXPECT_EQ(1800000u, recorders::timers().at(2).period);
     recorders::timers().at(2).callback();
-    EXPECT_EQ(1, recorders::journalCount("whitelist_base_update_open_process"));
+    EXPECT_EQ(1, call_log::count("whitelist_base_update_open_process"));
 }
 
 // A config reply 0 then 1: each running timer closed once, the fields
@@ -136,13 +136,13 @@ TEST_F(SwitchTest, TimerGroupsStopAtTheFirstFailureAndTestTheFieldsTheyTest) {
 TEST_F(SwitchTest, TimersStopOnceAndStartAnew) {
     init_whitelist_timer(&g_whitelist_context);
     init_whitelist_rasp_timer(&g_whitelist_context);
-    const size_t before = recorders::journal().size();
+    const size_t before = call_log::calls().size();
     LogCapture log;
     for (int round = 0; round < 2; ++round) {
         uninit_whitelist_timer(&g_whitelist_context);
         uninit_whitelist_rasp_timer(&g_whitelist_context);
     }
-    std::vector<std::string> closes = recorders::journal();
+    std::vector<std::string> closes = call_log::calls();
     closes.erase(closes.begin(), closes.begin() + static_cast<long>(before));
     EXPECT_EQ((std::vector<std::string>{"timer close 1", "timer close 2", "timer close 3", "timer close 4"}), closes);
     EXPECT_EQ(2, log.count("uninit whitelist timer suc.", 3));
@@ -206,13 +206,14 @@ TEST_F(DumpPathTest, ExactlyTheLimitStaysOneByteMoreEmptiesTheDirectoryButKeepsS
 TEST_F(EngineTest, ReloadAnnouncesEveryKnownProcessAgain) {
     g_model_pid->clear();
     reload_vrccl_filter();
-    EXPECT_TRUE(recorders::journal().empty());
+    EXPECT_TRUE(call_log::calls().empty());
     (*g_model_pid)[4321] = false;
     (*g_model_pid)[17] = true;
     (*g_model_pid)[0x100000005ULL] = true;
     reload_vrccl_filter();
-    EXPECT_EQ((std::vector<std::string>{"subscribe 260 17 -1", "subscribe 260 4321 -1", "subscribe 260 5 -1"}),
-              recorders::journal())
+    EXPECT_EQ((std::vector<std::string>{"vrccl_action_subscribe(260,17,-1)", "vrccl_action_subscribe(260,4321,-1)",
+                                        "vrccl_action_subscribe(260,5,-1)"}),
+              call_log::calls())
         << "only the low 32 bits are sent";
     EXPECT_EQ(3u, g_model_pid->size());
     EXPECT_FALSE(g_model_pid->at(4321));

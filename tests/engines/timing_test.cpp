@@ -36,7 +36,7 @@ protected:
         ASSERT_TRUE(waitUntil([pass] { return FakeClock::sleepsEntered() >= pass + 1; }));
     }
     int count(const char* op) { return Library::instance().count(GetParam().engine, op); }
-    size_t uploads(int type) { return recorders::uploads(type).size(); }
+    size_t uploads(int type) { return module_fakes::uploads(type).size(); }
 };
 
 TEST_P(TimingTest, CountdownsFireAtPassesTwentyFortyAndTwelveHundred) {
@@ -63,7 +63,7 @@ TEST_P(TimingTest, CountdownsFireAtPassesTwentyFortyAndTwelveHundred) {
     ASSERT_EQ(1, count("getModelData"));
     EXPECT_EQ("web", Library::instance().calls(e, "getModelData")[0].text);
     // The changed model goes out whatever its text.
-    EXPECT_EQ("ERROR", recorders::uploads(GetParam().modelReport).at(0).text);
+    EXPECT_EQ("ERROR", module_fakes::uploads(GetParam().modelReport).at(0).text);
 
     runThrough(1199);
     EXPECT_EQ(1, count("getModelStatus"));

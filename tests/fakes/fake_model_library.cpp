@@ -21,6 +21,7 @@ struct Records {
     std::map<Key, std::string> defaults;
     std::map<Engine, std::deque<Verdict>> verdicts;
     std::map<Engine, Verdict> defaultVerdicts;
+    std::map<Key, std::function<void(const Call&)>> hooks;
 };
 
 struct State {
@@ -78,6 +79,11 @@ void record(const Call& call) {
 
 void fill(Call&, std::nullptr_t) {}
 
+void fill(Call& call, const _USR_INPUT* input) {
+    call.text = input->modelName;
+    call.input = *input;
+}
+
 void fill(Call& call, const _BASE_EVENTINFO* event) {
     call.eventType = event->event_type;
     call.delayGate = event->delay_gate;
@@ -130,8 +136,8 @@ public:
     std::string getModelData(std::string name) override { return run("getModelData", name); }
     std::string getModelStatus(std::string name) override { return run("getModelStatus", name); }
     std::string getChangedModel() override { return run("getChangedModel"); }
-    bool initModel(_USR_INPUT*) override { return number(run("initModel")) != 0; }
-    int interactModel(_USR_INPUT*) override { return number(run("interactModel")); }
+    bool initModel(_USR_INPUT* input) override { return number(run("initModel", "", input)) != 0; }
+    int interactModel(_USR_INPUT* input) override { return number(run("interactModel", "", input)); }
     int elapseTime(int seconds, int) override { return number(run("elapseTime", "", nullptr, seconds)); }
     int processEvent(Event& event) override {
         int result = number(run("processEvent", "", &event));
@@ -152,6 +158,8 @@ private:
         std::function<int()> probe = locked([](State& s) { return s.probes[kEngine]; });
         if (probe) call.locks = probe();
         record(call);
+        auto hook = locked([&](State& s) { return s.records.hooks[Key(kEngine, op)]; });
+        if (hook) hook(call);
         return next(kEngine, op);
     }
     int m_object;
@@ -184,6 +192,19 @@ void Library::queueResult(Engine engine, const std::string& op, int value) {
     queueText(engine, op, std::to_string(value));
 }
 
+int Library::takeResult(Engine engine, const std::string& op, int fallback) {
+    std::string out;
+    bool taken =
+        locked([&](State& s) { return take(s.records.queued, std::map<Key, std::string>(), Key(engine, op), out); });
+    return taken ? number(out) : fallback;
+}
+
+void Library::setHook(Engine engine, const std::string& op, std::function<void(const Call&)> hook) {
+    locked([&](State& s) { s.records.hooks[Key(engine, op)] = std::move(hook); });
+}
+
+void Library::note(const Call& call) { record(call); }
+
 void Library::setDefaultText(Engine engine, const std::string& op, const std::string& text) {
     locked([&](State& s) { s.records.defaults[Key(engine, op)] = text; });
 }
@@ -213,6 +234,14 @@ int Library::count(Engine engine, const std::string& op) const { return static_c
 std::vector<std::string> Library::opSequence(Engine engine) const {
     std::vector<std::string> ops;
     for (const Call& call : calls(engine, "")) ops.push_back(call.op);
+    return ops;
+}
+
+std::vector<std::string> Library::opSequence() const {
+    std::vector<std::string> ops;
+    for (const Call& call : locked([](State& s) { return s.records.calls; })) {
+        ops.push_back((call.engine == Engine::Base ? "base:" : "rasp:") + call.op);
+    }
     return ops;
 }
 

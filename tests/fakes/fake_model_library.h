@@ -22,7 +22,7 @@ struct Call {
         : engine(e), op(std::move(o)), text(std::move(t)), first(f), object(n) {}
     Engine engine;
     std::string op;    // operation name; "destroy" for the destructor
-    std::string text;  // path, model name or the empty name for "all models"
+    std::string text;  // path, model name (the empty one for "all models") or alarm text
     int first;         // elapseTime's seconds, getBlackLog's flag
     int object;        // serial number of the library object
     // The event as the library received it.
@@ -31,6 +31,7 @@ struct Call {
     std::string modelStatus;  // narrowed for the host record
     std::string eventTag;     // host: event_time as text; rasp: url
     int locks = 0;            // what the lock probe answered during the call
+    _USR_INPUT input;         // initModel, interactModel: the whole command
 };
 
 // What processEvent writes into the record.
@@ -53,6 +54,9 @@ public:
     void setFactoryMode(Engine engine, FactoryMode mode);
     // Integer results (initModel: 0/1); unscripted ones are 0, initModel 1.
     void queueResult(Engine engine, const std::string& op, int value);
+    // The queued integer result of op, else `fallback`; for the callers of
+    // the engines that note their own calls.
+    int takeResult(Engine engine, const std::string& op, int fallback);
     // Text results of getModelStatus, getModelData, getChangedModel, getBlackLog.
     void setDefaultText(Engine engine, const std::string& op, const std::string& text);
     void queueText(Engine engine, const std::string& op, const std::string& text);
@@ -60,10 +64,17 @@ public:
     void queueVerdict(Engine engine, const Verdict& verdict);
     void setDefaultVerdict(Engine engine, const Verdict& verdict);
 
+    // Runs inside each call of op, after it is recorded and before it answers.
+    void setHook(Engine engine, const std::string& op, std::function<void(const Call&)> hook);
+    // Records a call made around the library, in order with its own calls.
+    void note(const Call& call);
+
     // With an empty op, every call of the engine.
     std::vector<Call> calls(Engine engine, const std::string& op) const;
     int count(Engine engine, const std::string& op) const;
     std::vector<std::string> opSequence(Engine engine) const;
+    // Both engines' calls in order, as "base:<op>" and "rasp:<op>".
+    std::vector<std::string> opSequence() const;
     int liveObjects(Engine engine) const;
     // Asked on the calling thread during each call of the engine's objects;
     // its answer is kept in Call::locks. Empty: 0.

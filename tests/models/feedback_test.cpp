@@ -1,6 +1,7 @@
 // Alarm feedback: sorting by alarm_source and handing each group over.
 #include "models_fixture.h"
 #include "whitelist_api.h"
+#include "whitelist_impl.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ TEST_F(FeedbackTest, AlarmsGoByTheirSourceOuterFirst) {
     EXPECT_EQ(feedback(R"([{"alarm_source":0,"id":"in"},{"alarm_source":1,"id":"out"},
                           {"alarm_source":2,"id":"two"},{"alarm_source":-1,"id":"neg"},
                           {"alarm_source":"1","id":"text"},"str"])"),
-              0);
+              WL_TASK_OK);
     EXPECT_EQ(models_double::engine_sequence(),
               (std::vector<std::string>{"base:dealAlarmEvent", "rasp:dealAlarmEvent"}));
     EXPECT_EQ(called(Engine::Base, "dealAlarmEvent"),
@@ -33,8 +34,8 @@ TEST_F(FeedbackTest, AlarmsGoByTheirSourceOuterFirst) {
 TEST_F(FeedbackTest, AnEngineThatRefusesMakesTheResultTwo) {
     for (Engine refusing : {Engine::Base, Engine::Rasp}) {
         models_double::reset_engines();
-        models_double::script(refusing).alarm_results = {false};
-        EXPECT_EQ(feedback(R"([{"alarm_source":2}])"), 2);
+        models_double::queue_results(refusing, "dealAlarmEvent", {0});
+        EXPECT_EQ(feedback(R"([{"alarm_source":2}])"), WL_TASK_BAD_COMMAND);
         // The inner list goes over even after the outer one failed.
         EXPECT_EQ(models_double::engine_sequence().size(), 2u);
     }
@@ -47,12 +48,12 @@ TEST_F(FeedbackTest, UnusableCommandsAndEmptyListsReachNoEngine) {
         const char* command;  // null: no tree at all
         int result;
     } rows[] = {
-        {nullptr, 2},
-        {R"({"opr_code":7})", -1},
-        {R"({"opr_code":7,"data":[{"list":[]}]})", -1},
-        {R"({"opr_code":7,"data":{"list":{"alarm_source":1}}})", -1},
-        {R"({"opr_code":7,"data":{"list":[]}})", 0},
-        {R"({"opr_code":7,"data":{"list":[7,{"id":1}]}})", 0},
+        {nullptr, WL_TASK_BAD_COMMAND},
+        {R"({"opr_code":7})", WL_TASK_REFUSED},
+        {R"({"opr_code":7,"data":[{"list":[]}]})", WL_TASK_REFUSED},
+        {R"({"opr_code":7,"data":{"list":{"alarm_source":1}}})", WL_TASK_REFUSED},
+        {R"({"opr_code":7,"data":{"list":[]}})", WL_TASK_OK},
+        {R"({"opr_code":7,"data":{"list":[7,{"id":1}]}})", WL_TASK_OK},
     };
     for (const auto& row : rows) {
         JsonPtr root = row.command ? parse_json(row.command) : JsonPtr(nullptr, cJSON_Delete);

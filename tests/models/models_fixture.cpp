@@ -16,12 +16,9 @@ JsonPtr parse_json(const std::string& text) {
 }
 
 void ModelsTest::SetUp() {
-    char pattern[] = "/tmp/wl_models_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    m_root = pattern;
+    // Made again after a TearDown within the test.
     std::filesystem::create_directories(path("lib"));
     std::filesystem::create_directories(path("var/base"));
-    dirutils_set_install_dir(path("lib").c_str());
     g_model_array->clear();
     g_rasp_model_array->clear();
     g_model_pid->clear();

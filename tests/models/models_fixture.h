@@ -14,6 +14,7 @@
 #include "doubles/agent_doubles.h"
 #include "doubles/model_library_double.h"
 #include "log_capture.h"
+#include "temp_dir.h"
 #include "model_records.h"
 
 typedef std::unique_ptr<cJSON, decltype(&cJSON_Delete)> JsonPtr;
@@ -32,7 +33,8 @@ protected:
     std::string rasp_catalogue() const { return path("lib/../var/base/rasp_model.cfg"); }
     void write_file(const std::string& relative, const std::string& content) const;
 
-    std::string m_root;
+    TempInstallRoot m_dir;
+    const std::string m_root = m_dir.path();
     LogCapture m_log;
 };
 

@@ -115,7 +115,7 @@ TEST_F(OpenPortTest, UploadSendsTheReportAsOpenProcUnlessAListIsMissing) {
         set_open_ports(row.ports);
         upload_openport_process();
         std::vector<std::string> sent;
-        for (const auto& upload : models_double::uploads()) {
+        for (const auto& upload : module_fakes::uploads()) {
             EXPECT_EQ(upload.type, 6) << row.name;
             sent.push_back(upload.text);
         }

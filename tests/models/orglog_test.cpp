@@ -17,13 +17,13 @@ TEST_F(OriginLogTest, MissingDirectoryFailsAndAMissingSymbolIsTriedAgain) {
     write_file("var/base/originLog/a.log", "x");
     g_add_upload_file = nullptr;  // forget a symbol an earlier test found
     models_double::set_symbols_missing(true);
-    EXPECT_EQ(whitelist_upload_org_log(nullptr, 0), 0);
-    EXPECT_TRUE(models_double::file_uploads().empty());
+    EXPECT_EQ(whitelist_upload_org_log(nullptr, 0), WL_TASK_OK);
+    EXPECT_TRUE(agent_symbols::uploaded_files().empty());
     EXPECT_EQ(m_log.count("load symbol _add_upload_file failed", 1), 2);
 
     models_double::set_symbols_missing(false);
-    EXPECT_EQ(whitelist_upload_org_log(nullptr, 0), 0);
-    const auto& uploads = models_double::file_uploads();
+    EXPECT_EQ(whitelist_upload_org_log(nullptr, 0), WL_TASK_OK);
+    const auto uploads = agent_symbols::uploaded_files();
     ASSERT_EQ(uploads.size(), 2u);
     EXPECT_EQ(uploads[0].kind, 3);
     EXPECT_EQ(std::filesystem::path(uploads[0].path).filename(), "a.log");

@@ -1,6 +1,7 @@
 // The one parser of model commands, in its two forms.
 #include "models_fixture.h"
 #include "whitelist_api.h"
+#include "whitelist_impl.h"
 
 namespace {
 
@@ -14,11 +15,11 @@ TEST(ParseTest, UnusableCommandsAreRefusedWithTheirCodes) {
         const char* json;
         int result;
     } rows[] = {
-        {R"({"data":{"list":[]}})", -1},
-        {R"({"opr_code":1,"data":[]})", -1},
-        {R"({"opr_code":1,"data":{}})", 2},
-        {R"({"opr_code":6,"data":{"list":"web"}})", 2},
-        {R"({"opr_code":2,"data":{"list":[]}})", 0},
+        {R"({"data":{"list":[]}})", WL_TASK_REFUSED},
+        {R"({"opr_code":1,"data":[]})", WL_TASK_REFUSED},
+        {R"({"opr_code":1,"data":{}})", WL_TASK_BAD_COMMAND},
+        {R"({"opr_code":6,"data":{"list":"web"}})", WL_TASK_BAD_COMMAND},
+        {R"({"opr_code":2,"data":{"list":[]}})", WL_TASK_OK},
     };
     for (const auto& row : rows) {
         task_input_st input;
@@ -35,7 +36,7 @@ TEST(ParseTest, StartElementsCarryOverWhatTheyLeaveOut) {
         "not an object",
         {"model_name":7,"alarm":1,"port":[]}]}})",
                     input),
-              0);
+              WL_TASK_OK);
     ASSERT_EQ(input.models.size(), 3u);
     EXPECT_EQ(input.models[0].study_times, 70000);
     const base_init_st& api = input.models[1];

@@ -33,7 +33,7 @@ protected:
     }
     Subscribed subscribed() const {
         Subscribed result;
-        for (const auto& s : models_double::subscriptions()) result.emplace_back(s.action, s.id);
+        for (const auto& s : module_fakes::subscriptions()) result.emplace_back(s.action, s.id);
         return result;
     }
 };
@@ -135,7 +135,7 @@ TEST_F(TrackingTest, PassFindsChildrenOneLevelDownTwiceAndMarksThemEvenWhenRefus
     ASSERT_GT(family.m_child, 0);
     ASSERT_GT(family.m_grandchild, 0);
     skip_first_calls();
-    models_double::script(models_double::Engine::Base).init_results = {false};
+    models_double::queue_results(models_double::Engine::Base, "initModel", {0});
     base_init_st model = make_model("web", 70000, {80});
     g_model_array->push_back(model);
     models_double::set_asset(5, listen_json({{80, (unsigned long long)family.m_leader}}));

@@ -51,7 +51,4 @@ constexpr std::size_t kRecordSize = 66732;
 // 64-bit record fields sit on 4-byte boundaries: read them by value.
 inline uint64_t u64(wl_u64 value) { return value; }
 
-// Too large for comfort on a stack.
-inline std::unique_ptr<_BASE_EVENTINFO> clearedRecord() { return std::make_unique<_BASE_EVENTINFO>(); }
-
 #endif

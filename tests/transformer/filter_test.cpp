@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "byte_image.h"
+#include "event_records.h"
 #include "log_capture.h"
 #include "transformer.h"
 
@@ -35,7 +36,7 @@ TEST(TransformerFilterBaseEvent, DropsOnlyConnectionsToALocalAddress) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.dstIp);
         LogCapture log;
-        auto event = clearedRecord();
+        auto event = baseRecord();
         event->event_type = c.type;
         stringToWchart(event->detail.connect.dst_ip, 32, c.dstIp);
         std::set<std::string> local = c.local;
@@ -48,8 +49,7 @@ TEST(TransformerFilterBaseEvent, DropsOnlyConnectionsToALocalAddress) {
 TEST(TransformerFilterRaspEvent, ComparesTheHostNameOfAddressActions) {
     Transformer transformer;
     std::set<std::string> local = {"10.0.0.1"};
-    _RASP_EVENTINFO event;
-    transformer.initRaspInfo(event);
+    _RASP_EVENTINFO event = raspRecord();
     event.action_type = 1;
     event.hostName = "db.local";
     event.dst_ip = "10.0.0.1";  // not compared

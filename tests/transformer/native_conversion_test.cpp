@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "byte_image.h"
+#include "event_records.h"
 #include "transformer.h"
 
 namespace {
@@ -59,7 +60,7 @@ void expectSame(const _BASE_EVENTINFO& actual, const ByteImage& expected) {
 
 template <typename Native>
 void expectConverted(Pair& p, bool (Transformer::*convert)(const Native&, _BASE_EVENTINFO&)) {
-    auto record = clearedRecord();
+    auto record = baseRecord();
     Transformer transformer;
     EXPECT_TRUE((transformer.*convert)(p.in.as<Native>(), *record));
     expectSame(*record, p.out);
@@ -164,7 +165,7 @@ TEST(TransformerNativeConversion, UnknownNameLeavesRecordUntouched) {
     p.in.putNarrow(36, "PROCESS_EXIT");
     p.in.putNarrow(7436, "/bin/true");
     Transformer transformer;
-    auto record = clearedRecord();
+    auto record = baseRecord();
     EXPECT_FALSE(transformer.TransformProcessMsg(p.in.as<process_event_info>(), *record));
     EXPECT_FALSE(transformer.TransformFileMsg(p.in.as<file_event_info>(), *record));
     EXPECT_FALSE(transformer.TransformNetEvent(p.in.as<net_event_info>(), *record));
@@ -176,7 +177,7 @@ TEST(TransformerNativeConversion, TextRunningToTheRecordEndStopsThere) {
     ByteImage in(kNativeRecordMaxSize);
     std::memset(in.data(), 'x', in.size());
     in.putNarrow(32, "FILE_CREATION");
-    auto record = clearedRecord();
+    auto record = baseRecord();
     EXPECT_TRUE(Transformer().TransformFileMsg(in.as<file_event_info>(), *record));
     EXPECT_EQ(wcharToString(record->detail.file.file_permissions), std::string(127, 'x'));
 }

@@ -113,9 +113,12 @@ TEST_F(TransformerOriginLog, RequiredKeysDecideWhatIsKept) {
     const std::string conn = kProcessKeys + ",\"dst_ip\":\"1.1.1.1\",\"src_ip\":\"2.2.2.2\",\"protocol\":\"tcp\"";
     const std::pair<std::string, bool> cases[] = {
         {event("PROCESS_CREATION", "\"parent_pid\":1,\"parent_ppath\":\"/p\""), true},
+        {event("PROCESS_CREATION", "\"parent_pid\":1"), false},
+        {event("PROCESS_CREATION", "\"parent_ppath\":\"/p\""), false},
         {event("NETWORK_CONNECTION", conn + ",\"dst_port\":80"), true},
         {event("NETWORK_CONNECTION", conn + ",\"src_port\":80"), false},
         {event("HOST_PORT_LISTENING", "\"dst_port\":22,\"dst_ip\":\"0.0.0.0\",\"protocol\":null"), true},
+        {event("HOST_PORT_LISTENING", "\"dst_port\":22,\"dst_ip\":\"0.0.0.0\""), false},
         {event("PROCESS_EXIT", kProcessKeys), false},
     };
     for (const auto& [text, kept] : cases) {
@@ -127,41 +130,104 @@ TEST_F(TransformerOriginLog, RequiredKeysDecideWhatIsKept) {
 
 std::string wide(const wchar_t* text) { return wcharToString(text); }
 
-TEST_F(TransformerOriginLog, ProcessCreationFillsTheChildAndTheParent) {
-    const std::string keys = kProcessKeys +
-                             ",\"process_sha256\":\"s256\",\"parent_pid\":7,\"parent_ppath\":\"/sbin/init\","
-                             "\"parent_pmd5\":\"pm\",\"parent_pcmd_line\":\"init 3\",\"parent_psha256\":\"ps\"";
-    ASSERT_TRUE(convert(envelope({event("PROCESS_CREATION", keys)})));
-    ASSERT_EQ(m_events.size(), 1u);
-    const _BASE_PROCESSES_INFO& child = m_events[0].detail.process;
-    const _BASE_PROCESSES_INFO& parent = m_events[0].process_info;
-    EXPECT_EQ(u64(child.process_id), 11u);
-    EXPECT_EQ(wide(child.process_guid), "g");
-    EXPECT_EQ(wide(child.process_path), "/bin/app");
-    EXPECT_EQ(wide(child.process_md5), "m");
-    EXPECT_EQ(wide(child.process_cmd_line), "app -x");
-    EXPECT_EQ(wide(child.process_user_name), "root");
-    EXPECT_EQ(wide(child.process_sha256), "s256");
-    EXPECT_EQ(u64(parent.process_id), 7u);
-    EXPECT_EQ(wide(parent.process_path), "/sbin/init");
-    EXPECT_EQ(wide(parent.process_md5), "pm");
-    EXPECT_EQ(wide(parent.process_cmd_line), "init 3");
-    EXPECT_EQ(wide(parent.process_sha256), "ps");
-    EXPECT_EQ(wide(parent.process_guid), "") << "the parent has no GUID key";
+// What each kind needs to be kept, the acting process's keys included.
+std::string requiredKeys(const std::string& kind) {
+    if (kind == "PROCESS_CREATION") return kProcessKeys + ",\"parent_pid\":7,\"parent_ppath\":\"/sbin/init\"";
+    if (kind == "FILE_DELETION") return "\"process_id\":11,\"process_path\":\"/bin/app\"";
+    if (kind == "NETWORK_CONNECTION")
+        return kProcessKeys +
+               ",\"dst_port\":80,\"src_port\":51000,\"dst_ip\":\"1.1.1.1\",\"src_ip\":\"2.2.2.2\","
+               "\"protocol\":\"tcp\"";
+    if (kind == "DNS_QUERY") return kProcessKeys + ",\"query_status\":3,\"query_name\":\"a\",\"query_result\":\"b\"";
+    if (kind == "HOST_PORT_LISTENING")
+        return kProcessKeys + ",\"dst_port\":22,\"dst_ip\":\"0.0.0.0\",\"protocol\":\"tcp\"";
+    // File kinds: owner, group and permissions are written only together.
+    return kProcessKeys + ",\"file_user_name\":\"www\",\"file_group_name\":\"staff\",\"file_permissions\":\"0640\"";
 }
 
-TEST_F(TransformerOriginLog, RenamingKeepsTheOldNameToItsNarrowCapacity) {
-    const std::string oldName = "/srv/" + std::string(40, 'o');
-    ASSERT_TRUE(
-        convert(envelope({event("FILE_RENAMING", kProcessKeys + ",\"file_name\":\"/srv/new\",\"prev_file_name\":\"" +
-                                                     oldName + "\",\"file_md5\":\"" + std::string(40, 'a') + "\"")})));
-    ASSERT_EQ(m_events.size(), 1u);
-    const _BASE_FILES_INFO& file = m_events[0].detail.file;
-    EXPECT_EQ(wide(file.prev_file_name), oldName.substr(0, 32));
-    EXPECT_EQ(wide(file.file_md5), std::string(32, 'a'));
-    EXPECT_EQ(wide(file.file_name), "/srv/new");
-    EXPECT_EQ(wide(file.file_event_name), "FILE_RENAMING");
-    EXPECT_EQ(wide(m_events[0].process_info.process_path), "/bin/app");
+using Field = std::string (*)(const _BASE_EVENTINFO&);
+#define TEXT(member) [](const _BASE_EVENTINFO& e) { return wide(e.member); }
+#define NUMBER(member) [](const _BASE_EVENTINFO& e) { return std::to_string(u64(e.member)); }
+
+// Each key into its own field, cut to the field's capacity: the text under
+// test comes first, so that it wins over the same key among the required ones.
+TEST_F(TransformerOriginLog, EachKeyFillsItsFieldToItsCapacity) {
+    const struct {
+        const char* kind;
+        const char* key;
+        Field field;
+        std::size_t capacity;
+    } cases[] = {
+        {"PROCESS_CREATION", "process_guid", TEXT(detail.process.process_guid), 40},
+        {"PROCESS_CREATION", "process_path", TEXT(detail.process.process_path), 260},
+        {"PROCESS_CREATION", "process_md5", TEXT(detail.process.process_md5), 33},
+        {"PROCESS_CREATION", "process_cmd_line", TEXT(detail.process.process_cmd_line), 1024},
+        {"PROCESS_CREATION", "process_user_name", TEXT(detail.process.process_user_name), 128},
+        {"PROCESS_CREATION", "process_sha256", TEXT(detail.process.process_sha256), 128},
+        {"PROCESS_CREATION", "parent_ppath", TEXT(process_info.process_path), 260},
+        {"PROCESS_CREATION", "parent_pmd5", TEXT(process_info.process_md5), 33},
+        {"PROCESS_CREATION", "parent_pcmd_line", TEXT(process_info.process_cmd_line), 1024},
+        {"PROCESS_CREATION", "parent_psha256", TEXT(process_info.process_sha256), 128},
+        {"FILE_CREATION", "process_cmd_line", TEXT(process_info.process_cmd_line), 1024},
+        {"FILE_CREATION", "file_name", TEXT(detail.file.file_name), 260},
+        {"FILE_CREATION", "file_user_name", TEXT(detail.file.file_user_name), 128},
+        {"FILE_CREATION", "file_group_name", TEXT(detail.file.file_group_name), 128},
+        {"FILE_CREATION", "file_permissions", TEXT(detail.file.file_permissions), 128},
+        // The old name gets the narrow capacity of a hash.
+        {"FILE_RENAMING", "prev_file_name", TEXT(detail.file.prev_file_name), 33},
+        {"FILE_RENAMING", "file_md5", TEXT(detail.file.file_md5), 33},
+        {"FILE_DELETION", "process_path", TEXT(process_info.process_path), 260},
+        {"FILE_DELETION", "process_guid", TEXT(process_info.process_guid), 40},
+        {"FILE_DELETION", "file_name", TEXT(detail.file.file_name), 260},
+        {"NETWORK_CONNECTION", "dst_ip", TEXT(detail.connect.dst_ip), 32},
+        {"NETWORK_CONNECTION", "src_ip", TEXT(detail.connect.src_ip), 32},
+        {"NETWORK_CONNECTION", "protocol", TEXT(detail.connect.protocol), 4},
+        {"DNS_QUERY", "query_name", TEXT(detail.dns.query_name), 512},
+        {"DNS_QUERY", "query_result", TEXT(detail.dns.query_result), 256},
+        {"HOST_PORT_LISTENING", "dst_ip", TEXT(detail.listen.address), 32},
+        {"HOST_PORT_LISTENING", "protocol", TEXT(detail.listen.protocol), 4},
+    };
+    const std::string text(1100, 'x');
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.kind) + " " + c.key);
+        m_events.clear();
+        ASSERT_TRUE(convert(
+            envelope({event(c.kind, "\"" + std::string(c.key) + "\":\"" + text + "\"," + requiredKeys(c.kind))})));
+        ASSERT_EQ(m_events.size(), 1u);
+        EXPECT_EQ(c.field(m_events[0]), text.substr(0, c.capacity - 1));
+    }
+}
+
+TEST_F(TransformerOriginLog, NumbersNamesAndKeysNoneFills) {
+    const std::string noProcessId =
+        "\"process_path\":\"/bin/app\",\"process_cmd_line\":\"app\",\"process_user_name\":\"u\"";
+    const struct {
+        const char* kind;
+        std::string keys;
+        Field field;
+        const char* expected;
+    } cases[] = {
+        {"PROCESS_CREATION", requiredKeys("PROCESS_CREATION"), NUMBER(detail.process.process_id), "11"},
+        {"PROCESS_CREATION", requiredKeys("PROCESS_CREATION"), NUMBER(process_info.process_id), "7"},
+        {"PROCESS_CREATION", requiredKeys("PROCESS_CREATION"), TEXT(process_info.process_guid), ""},
+        {"FILE_DELETION", requiredKeys("FILE_DELETION"), NUMBER(process_info.process_id), "11"},
+        {"NETWORK_CONNECTION", requiredKeys("NETWORK_CONNECTION"), NUMBER(detail.connect.dst_port), "80"},
+        {"NETWORK_CONNECTION", requiredKeys("NETWORK_CONNECTION"), NUMBER(detail.connect.src_port), "51000"},
+        {"DNS_QUERY", requiredKeys("DNS_QUERY"), NUMBER(detail.dns.query_status), "3"},
+        {"HOST_PORT_LISTENING", requiredKeys("HOST_PORT_LISTENING"), NUMBER(detail.listen.port), "22"},
+        {"FILE_RENAMING", requiredKeys("FILE_RENAMING"), TEXT(detail.file.file_event_name), "FILE_RENAMING"},
+        {"FILE_DELETION", requiredKeys("FILE_DELETION"), TEXT(detail.file.file_event_name), "FILE_DELETION"},
+        // The acting process needs an id or a GUID; without either its fields stay empty.
+        {"FILE_CREATION", "\"process_guid\":\"g\"," + noProcessId, TEXT(process_info.process_path), "/bin/app"},
+        {"FILE_CREATION", noProcessId, TEXT(process_info.process_path), ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.kind) + " " + c.expected);
+        m_events.clear();
+        ASSERT_TRUE(convert(envelope({event(c.kind, c.keys)})));
+        ASSERT_EQ(m_events.size(), 1u);
+        EXPECT_EQ(c.field(m_events[0]), c.expected);
+    }
 }
 
 TEST_F(TransformerOriginLog, OwnerGroupAndPermissionsComeAllOrNone) {

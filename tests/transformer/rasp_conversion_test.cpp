@@ -2,43 +2,34 @@
 #include <gtest/gtest.h>
 
 #include "byte_image.h"
+#include "event_records.h"
 #include "log_capture.h"
 #include "transformer.h"
 
 namespace {
 
-// A message with the given request members and action object.
-std::string message(const std::string& request, const std::string& action) {
-    return "{\"pid\":4242,\"time\":1700000000,\"data\":{" + request + (request.empty() ? "" : ",") +
-           "\"data\":" + action + "}}";
-}
-
 class TransformerRaspConversion : public ::testing::Test {
 protected:
-    _RASP_EVENTINFO fresh() {
-        _RASP_EVENTINFO event;
-        m_transformer.initRaspInfo(event);
-        return event;
-    }
     Transformer m_transformer;
 };
 
 TEST_F(TransformerRaspConversion, RefusedTexts) {
-    for (const std::string& text : {" " + message("", "{\"action\":\"dns\"}"), std::string("{\"data\":{}}")}) {
-        _RASP_EVENTINFO event = fresh();
+    for (const std::string& text : {" " + telemetryLine("", "{\"action\":\"dns\"}"), std::string("{\"data\":{}}")}) {
+        _RASP_EVENTINFO event = raspRecord();
         EXPECT_FALSE(m_transformer.judgeEventType(text, event)) << text;
         EXPECT_EQ(event.action, "");
     }
     LogCapture log;
-    _RASP_EVENTINFO event = fresh();
+    _RASP_EVENTINFO event = raspRecord();
     EXPECT_FALSE(m_transformer.judgeEventType("{\"data\":[\"dns\"", event));
     EXPECT_EQ(log.count("originLog is not a array, not include '}'", 1), 1) << log.dump();
 }
 
 TEST_F(TransformerRaspConversion, CommonFieldsKeepDefaults) {
-    const std::string text = message("\"url\":\"http://app/login\",\"headers\":{\"Host\": \"app\"},\"param\":\"p=1\"",
-                                     "{\"type\":\"file\",\"action\":\"read\",\"data\":\"/etc/hosts\"}") +
-                             "\n";
+    const std::string text =
+        telemetryLine("\"url\":\"http://app/login\",\"headers\":{\"Host\": \"app\"},\"param\":\"p=1\"",
+                      "{\"type\":\"file\",\"action\":\"read\",\"data\":\"/etc/hosts\"}") +
+        "\n";
     _RASP_EVENTINFO event;
     event.match_verdict = 0;
     m_transformer.initRaspInfo(event);
@@ -68,8 +59,8 @@ TEST_F(TransformerRaspConversion, ActionSubjectGoesToItsField) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.action);
         const std::string action = std::string("{\"action\":\"") + c.action + "\",\"data\":" + c.subject + "}";
-        _RASP_EVENTINFO event = fresh();
-        EXPECT_TRUE(m_transformer.judgeEventType(message("\"appCmd\":\"from-request\"", action), event));
+        _RASP_EVENTINFO event = raspRecord();
+        EXPECT_TRUE(m_transformer.judgeEventType(telemetryLine("\"appCmd\":\"from-request\"", action), event));
         EXPECT_EQ(event.action_type, c.actionType);
         EXPECT_EQ(event.*c.field, c.expected);
     }
@@ -80,26 +71,27 @@ TEST_F(TransformerRaspConversion, DatabaseActionsCarryTheStatement) {
     for (uint16_t i = 0; i < 5; ++i) {
         SCOPED_TRACE(actions[i]);
         const std::string statement = std::string("select * from t") + static_cast<char>('0' + i);
-        _RASP_EVENTINFO event = fresh();
+        _RASP_EVENTINFO event = raspRecord();
         EXPECT_TRUE(m_transformer.judgeEventType(
-            message("", std::string("{\"action\":\"") + actions[i] + "\",\"data\":\"" + statement + "\"}"), event));
+            telemetryLine("", std::string("{\"action\":\"") + actions[i] + "\",\"data\":\"" + statement + "\"}"),
+            event));
         EXPECT_EQ(event.action_type, 6 + i);
         EXPECT_EQ(event.action_data, statement);
         EXPECT_EQ(event.sql_text, statement);
 
-        event = fresh();
+        event = raspRecord();
         EXPECT_TRUE(
-            m_transformer.judgeEventType(message("", std::string("{\"action\":\"") + actions[i] + "\"}"), event))
+            m_transformer.judgeEventType(telemetryLine("", std::string("{\"action\":\"") + actions[i] + "\"}"), event))
             << "true without the statement";
         EXPECT_EQ(event.sql_text, "");
     }
 }
 
 TEST_F(TransformerRaspConversion, AddressAction) {
-    _RASP_EVENTINFO event = fresh();
-    const std::string text = message("\"ip\":\"10.1.1.1\",\"srcPort\":51000",
-                                     "{\"action\":\"address\",\"data\":{\"hostName\":\"db.local\","
-                                     "\"url\":\"10.2.2.2\",\"port\":8080}}");
+    _RASP_EVENTINFO event = raspRecord();
+    const std::string text = telemetryLine("\"ip\":\"10.1.1.1\",\"srcPort\":51000",
+                                           "{\"action\":\"address\",\"data\":{\"hostName\":\"db.local\","
+                                           "\"url\":\"10.2.2.2\",\"port\":8080}}");
     ASSERT_TRUE(m_transformer.judgeEventType(text, event));
     EXPECT_EQ(event.action_type, 1);
     EXPECT_EQ(event.hostName, "db.local");

@@ -1,22 +1,16 @@
 #include "recorders.h"
 
-#include <algorithm>
 #include <deque>
 #include <mutex>
+#include <string>
 
 #include "cl_ev.h"
-#include "vrccl_action.h"
-#include "whitelist.h"
-#include "whitelist_api.h"
-#include "whitelist_upload.h"
 
 namespace recorders {
 namespace {
 struct Records {
-    std::vector<Upload> uploads;
     std::deque<bool> timerScript;
     std::vector<Timer> timers;
-    std::vector<std::string> journal;
     bool registerOk = true;
 };
 
@@ -32,15 +26,9 @@ auto locked(F f) {
 }  // namespace
 
 void reset() {
+    call_log::reset();
+    module_fakes::reset();
     locked([](Records& r) { r = Records(); });
-}
-
-std::vector<Upload> uploads(int type) {
-    std::vector<Upload> out;
-    for (const Upload& upload : locked([](Records& r) { return r.uploads; })) {
-        if (type == -1 || upload.type == type) out.push_back(upload);
-    }
-    return out;
 }
 
 void scriptTimerStarts(const std::vector<bool>& results) {
@@ -49,19 +37,6 @@ void scriptTimerStarts(const std::vector<bool>& results) {
 
 std::vector<Timer> timers() {
     return locked([](Records& r) { return r.timers; });
-}
-
-std::vector<std::string> journal() {
-    return locked([](Records& r) { return r.journal; });
-}
-
-int journalCount(const std::string& entry) {
-    std::vector<std::string> all = journal();
-    return static_cast<int>(std::count(all.begin(), all.end(), entry));
-}
-
-void note(const std::string& entry) {
-    locked([&](Records& r) { r.journal.push_back(entry); });
 }
 
 void setRegisterInitResult(bool ok) {
@@ -76,15 +51,8 @@ bool registerInitResult() {
 
 extern "C" {
 
-WhitelistContext g_whitelist_context;
-
-int whitelist_upload_data(const char* text, int type) {
-    recorders::locked([&](recorders::Records& r) { r.uploads.push_back({text ? text : "", type}); });
-    return 0;
-}
-
 cl_timer_t cl_timerplus_start(void*, int, unsigned int period_ms, cl_timer_fn callback, void*) {
-    recorders::note("timer start");
+    call_log::record("timer start");
     return recorders::locked([&](recorders::Records& r) -> cl_timer_t {
         bool ok = r.timerScript.empty() || r.timerScript.front();
         if (!r.timerScript.empty()) r.timerScript.pop_front();
@@ -95,22 +63,8 @@ cl_timer_t cl_timerplus_start(void*, int, unsigned int period_ms, cl_timer_fn ca
 }
 
 int cl_timerplus_close(cl_timer_t timer) {
-    recorders::note("timer close " + std::to_string(reinterpret_cast<uintptr_t>(timer)));
+    call_log::record("timer close " + std::to_string(reinterpret_cast<uintptr_t>(timer)));
     return 0;
 }
-
-int vrccl_action_subscribe(int action, int id, int reserved) {
-    recorders::note("subscribe " + std::to_string(action) + " " + std::to_string(id) + " " + std::to_string(reserved));
-    return 0;
-}
-
-void whitelist_base_load_model_data(void) { recorders::note("whitelist_base_load_model_data"); }
-void whitelist_rasp_load_model_data(void) { recorders::note("whitelist_rasp_load_model_data"); }
-void upload_openport_process(void) { recorders::note("upload_openport_process"); }
-int whitelist_base_update_open_process(void) {
-    recorders::note("whitelist_base_update_open_process");
-    return 0;
-}
-void whitelist_rasp_update_open_process(void) { recorders::note("whitelist_rasp_update_open_process"); }
 
 }  // extern "C"

@@ -1,40 +1,30 @@
-// Link-time doubles of what the engines call outside their own area: the
-// upload, the timer library, the collector channel, the bus subscriber's
-// attach, and the model-management functions. Each records its calls.
+// Link-time doubles of the timer library and the bus subscriber's attach, as
+// the engines call them; the upload, the collector filter and model
+// management come from tests/fakes (module_fakes.h). All record into the call
+// log: "timer start", "timer close <n>" (the n-th started), "register init",
+// "register uninit".
 #ifndef WL_ENGINE_RECORDERS_H
 #define WL_ENGINE_RECORDERS_H
 
-#include <string>
 #include <vector>
 
-namespace recorders {
+#include "call_log.h"
+#include "module_fakes.h"
 
-struct Upload {
-    std::string text;
-    int type;
-};
+namespace recorders {
 
 struct Timer {
     unsigned int period;
     void (*callback)(void);
 };
 
+// The call log, the fakes' records and the scripts back to their defaults.
 void reset();
-
-// Uploads of one report type, or all of them with -1, in order.
-std::vector<Upload> uploads(int type = -1);
 
 // Timer starts, in call order (true: a handle, false: null); after the
 // script, starts succeed.
 void scriptTimerStarts(const std::vector<bool>& results);
 std::vector<Timer> timers();  // every start that succeeded, in order
-
-// Everything else, in order: "timer start", "timer close <n>" (n-th started),
-// "register init", "register uninit", "subscribe <action> <id> <reserved>"
-// and the model-management functions by name.
-std::vector<std::string> journal();
-int journalCount(const std::string& entry);
-void note(const std::string& entry);
 
 void setRegisterInitResult(bool ok);
 bool registerInitResult();

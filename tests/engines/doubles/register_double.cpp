@@ -14,10 +14,10 @@ Register* Register::GetInstance() {
 }
 
 bool Register::registerInit() {
-    recorders::note("register init");
+    call_log::record("register init");
     return recorders::registerInitResult();
 }
-void Register::registerUninit() { recorders::note("register uninit"); }
+void Register::registerUninit() { call_log::record("register uninit"); }
 
 int Register::QueryInterface(const _GUID&, void**) { return MB_E_NOINTERFACE; }
 int Register::AddRef() { return 1; }

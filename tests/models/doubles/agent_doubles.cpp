@@ -6,23 +6,16 @@
 #include <deque>
 #include <memory>
 
+#include "agent_symbols.h"
 #include "asset_collection.h"
 #include "model_records.h"
-#include "vrccl_action.h"
+#include "module_fakes.h"
 #include "whitelist.h"
-#include "whitelist_upload.h"
-
-extern "C" {
-WhitelistContext g_whitelist_context;
-}
 
 namespace models_double {
 namespace {
 
 std::map<int, std::string> g_assets;
-std::vector<Subscription> g_subscriptions;
-std::vector<Upload> g_uploads;
-std::vector<FileUpload> g_file_uploads;
 bool g_symbols_missing = false;
 std::deque<std::unique_ptr<port_filter_node>> g_filter_nodes;
 
@@ -30,9 +23,8 @@ std::deque<std::unique_ptr<port_filter_node>> g_filter_nodes;
 
 void reset_agent() {
     g_assets.clear();
-    g_subscriptions.clear();
-    g_uploads.clear();
-    g_file_uploads.clear();
+    module_fakes::reset();
+    agent_symbols::reset();
     g_symbols_missing = false;
     wl_list_head* head = &g_whitelist_context.port_filter_list;
     head->next = head->prev = head;
@@ -40,9 +32,6 @@ void reset_agent() {
 }
 
 void set_asset(int kind, const std::string& json) { g_assets[kind] = json; }
-const std::vector<Subscription>& subscriptions() { return g_subscriptions; }
-const std::vector<Upload>& uploads() { return g_uploads; }
-const std::vector<FileUpload>& file_uploads() { return g_file_uploads; }
 void set_symbols_missing(bool missing) { g_symbols_missing = missing; }
 
 void add_filter_port(int port) {
@@ -69,25 +58,9 @@ int get_asset_result_v2(int kind, int max_age, cJSON** result, int flags) {
     return *result ? 0 : -1;
 }
 
-int vrccl_action_subscribe(int action, int id, int reserved) {
-    g_subscriptions.push_back({action, id, reserved});
-    return 0;
-}
-
-int whitelist_upload_data(const char* text, int type) {
-    g_uploads.push_back({text ? text : "", type});
-    return 0;
-}
-
 void* dll_get_addr_ex(void* handle, const char* name) {
     return g_symbols_missing ? nullptr : dlsym(handle ? handle : RTLD_DEFAULT, name);
 }
 
 void dll_close_ex(void*) {}
-
-// The agent's file-upload service, found by the module through dlsym.
-__attribute__((visibility("default"))) int _add_upload_file(int kind, const char* path) {
-    g_file_uploads.push_back({kind, path ? path : ""});
-    return 0;
-}
 }

@@ -1,39 +1,22 @@
 // Link-time stand-ins for what model management takes from the rest of the
-// agent: asset lists, the collector's filter, the upload paths, the run-time
-// symbol look-up and the module context.
+// agent: asset lists, the run-time symbol look-up and the port filter list.
+// The upload, the collector's filter and the module context are the shared
+// fakes (module_fakes.h); the file-upload service is the agent symbol of
+// tests/support (agent_symbols.h).
 #ifndef WL_TESTS_MODELS_AGENT_DOUBLES_H
 #define WL_TESTS_MODELS_AGENT_DOUBLES_H
 
-#include <map>
 #include <string>
-#include <vector>
+
+#include "agent_symbols.h"
+#include "module_fakes.h"
 
 namespace models_double {
-
-struct Subscription {
-    int action;
-    int id;
-    int reserved;
-};
-
-struct Upload {
-    std::string text;
-    int type;
-};
-
-struct FileUpload {
-    int kind;
-    std::string path;
-};
 
 void reset_agent();
 
 // Asset lists by kind, as JSON text; a kind without text is unavailable.
 void set_asset(int kind, const std::string& json);
-
-const std::vector<Subscription>& subscriptions();
-const std::vector<Upload>& uploads();
-const std::vector<FileUpload>& file_uploads();
 
 // When set, dll_get_addr_ex finds nothing.
 void set_symbols_missing(bool missing);
