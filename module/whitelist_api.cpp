@@ -9,8 +9,6 @@
 
 namespace {
 
-bool is_start_code(int opr_code) { return opr_code == 1 || opr_code == 101; }
-
 // A string member that counts: of string type with a value.
 const char* string_member(const cJSON* object, const char* key) {
     const cJSON* item = cJSON_GetObjectItem(object, key);
@@ -95,5 +93,5 @@ int whitelist_parse_task_input(cJSON* root, task_input_st* input) {
         WL_LOG(LOG_LVL_ERROR, "invalid input data");
         return WL_TASK_REFUSED;
     }
-    return is_start_code(input->opr_code) ? parse_start_form(data, input) : parse_name_form(data, input);
+    return whitelist_is_start_opr(input->opr_code) ? parse_start_form(data, input) : parse_name_form(data, input);
 }

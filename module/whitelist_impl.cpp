@@ -37,7 +37,6 @@ const task_handler_st* find_task_handler(unsigned int opr_code) {
     return nullptr;
 }
 
-bool is_start_command(int opr_code) { return opr_code == 1 || opr_code == 101; }
 }  // namespace
 
 unsigned int whitelist_task_push_fn(unsigned long ctx1, unsigned long ctx2, const char* msg, unsigned int length) {
@@ -65,7 +64,7 @@ unsigned int whitelist_task_push_fn(unsigned long ctx1, unsigned long ctx2, cons
             return WL_ERR_FAILED;
         }
         // A refused start is not remembered: the manager sends it again.
-        if (is_start_command(opr_code) && g_whitelist_context.asset_ready == 0) {
+        if (whitelist_is_start_opr(opr_code) && g_whitelist_context.asset_ready == 0) {
             WL_LOG(LOG_LVL_WARN, "The start cmd needs to wait for the asset to be ready");
             return WL_ERR_FAILED;
         }

@@ -19,6 +19,10 @@ struct cJSON;
 #define WL_TASK_REFUSED (-1)   // refused by a model library or an engine, or missing a required part
 #define WL_TASK_BAD_COMMAND 2  // null or unparsable command
 
+// Whether an operation code starts models (base 1, runtime-application 101):
+// those take the list-of-models form and wait for the asset lists.
+inline bool whitelist_is_start_opr(int opr_code) { return opr_code == 1 || opr_code == 101; }
+
 // The origin-log directories are emptied when they exceed this many bytes.
 #define WL_ORIGIN_LOG_LIMIT 0xc800000LL
 
