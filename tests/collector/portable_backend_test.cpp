@@ -1,5 +1,5 @@
-#include <arpa/inet.h>
-#include <fcntl.h>
+// The portable back-end's parts on bytes the test builds; the live back-end
+// runs in backend_live_test.cpp.
 #include <linux/cn_proc.h>
 #include <linux/connector.h>
 #include <linux/inet_diag.h>
@@ -7,38 +7,23 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/fanotify.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <functional>
-#include <map>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
-#include "capture_backend.h"
 #include "portable/fanotify_decode.h"
 #include "portable/file_event_shaper.h"
 #include "portable/inet_diag_decode.h"
 #include "portable/mount_table.h"
-#include "portable/portable_backend.h"
 #include "portable/proc_connector.h"
 #include "portable/proc_info.h"
 #include "portable/socket_tracker.h"
 #include "portable/watch_set.h"
-#include "recording_sink.h"
 
 namespace {
 
@@ -579,318 +564,6 @@ TEST(PortableSocketTracker, ReportsEachOutboundOrListeningSocketOnce) {
         EXPECT_EQ(got, rounds[i].expected) << "round " << i;
     }
     EXPECT_LE(tracker.remembered(), 2u);
-}
-
-// --- the real thing -----------------------------------------------------
-
-struct ActorPlan {
-    std::string dir, created, existing, renamed;
-    uint16_t connectPort = 0;
-    int goFd = -1;
-    int portFd = -1;
-    int closeFd = -1;
-};
-
-// Runs in a forked child of a threaded process: system calls only.
-[[noreturn]] void act(const ActorPlan& plan) {
-    ::close(plan.closeFd);
-    char go;
-    if (::read(plan.goFd, &go, 1) != 1) ::_exit(2);
-    pid_t runner = ::fork();
-    if (runner == 0) {
-        ::execl("/bin/sleep", "sleep", "0.3", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    int fd = ::open(plan.created.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
-    if (fd < 0 || ::write(fd, "new", 3) != 3) ::_exit(3);
-    ::close(fd);
-    fd = ::open(plan.existing.c_str(), O_WRONLY | O_APPEND);
-    if (fd < 0 || ::write(fd, "more", 4) != 4) ::_exit(4);
-    ::close(fd);
-    if (::rename(plan.created.c_str(), plan.renamed.c_str()) != 0) ::_exit(5);
-    if (::utimensat(AT_FDCWD, plan.renamed.c_str(), nullptr, 0) != 0) ::_exit(6);
-    if (::unlink(plan.renamed.c_str()) != 0) ::_exit(7);
-
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(plan.connectPort);
-    int out = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (::connect(out, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0) ::_exit(8);
-    int listening = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in here{};
-    here.sin_family = AF_INET;
-    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(here);
-    if (::bind(listening, reinterpret_cast<sockaddr*>(&here), sizeof(here)) != 0 || ::listen(listening, 1) != 0 ||
-        ::getsockname(listening, reinterpret_cast<sockaddr*>(&here), &length) != 0) {
-        ::_exit(9);
-    }
-    uint16_t port = ntohs(here.sin_port);
-    if (::write(plan.portFd, &port, sizeof(port)) != sizeof(port)) ::_exit(10);
-    timespec hold{1, 0};
-    ::nanosleep(&hold, nullptr);
-    ::close(out);
-    ::close(listening);
-    int status = 0;
-    ::waitpid(runner, &status, 0);
-    ::_exit(0);
-}
-
-struct Actor {
-    ActorPlan plan;
-    pid_t pid = -1;
-    int goFd = -1;
-    int portFd = -1;
-    uint16_t listenPort = 0;
-};
-
-bool startActor(Actor& actor, const std::string& dir, uint16_t connectPort, int listenerFd) {
-    actor.plan.dir = dir;
-    actor.plan.created = dir + "/created";
-    actor.plan.existing = dir + "/existing";
-    actor.plan.renamed = dir + "/renamed";
-    actor.plan.connectPort = connectPort;
-    actor.plan.closeFd = listenerFd;
-    int existing = ::open(actor.plan.existing.c_str(), O_CREAT | O_WRONLY, 0644);
-    if (existing < 0) return false;
-    ::close(existing);
-    int go[2], port[2];
-    if (::pipe2(go, O_CLOEXEC) != 0 || ::pipe2(port, O_CLOEXEC) != 0) return false;
-    actor.plan.goFd = go[0];
-    actor.plan.portFd = port[1];
-    actor.pid = ::fork();
-    if (actor.pid == 0) act(actor.plan);
-    ::close(go[0]);
-    ::close(port[1]);
-    actor.goFd = go[1];
-    actor.portFd = port[0];
-    return actor.pid > 0;
-}
-
-uint16_t readPort(const Actor& actor) {
-    pollfd ready{actor.portFd, POLLIN, 0};
-    uint16_t port = 0;
-    if (::poll(&ready, 1, 5000) == 1 && ::read(actor.portFd, &port, sizeof(port)) == sizeof(port)) return port;
-    return 0;
-}
-
-bool hasEvent(const std::vector<HostEvent>& events, const std::function<bool(const HostEvent&)>& match) {
-    return std::any_of(events.begin(), events.end(), match);
-}
-
-TEST(PortableBackendLive, ReportsAWatchedChildAndNothingOfItsSibling) {
-    if (::geteuid() != 0) GTEST_SKIP() << "the portable back-end needs root (netlink connector, fanotify)";
-    RecordingSink sink;
-    auto backend = makePortableBackend();
-    EXPECT_STREQ(backend->name(), "portable");
-    std::string error;
-    ASSERT_TRUE(backend->start(sink, error)) << error;
-    auto* portable = static_cast<PortableBackend*>(backend.get());
-    const uint32_t unsupported = backend->unsupportedKinds();
-    EXPECT_TRUE(unsupported & (1u << static_cast<int>(EventKind::DnsQuery)));
-    if (unsupported & ~(1u << static_cast<int>(EventKind::DnsQuery))) {
-        GTEST_SKIP() << "this host hides more than DNS: " << portable->limitations();
-    }
-
-    char watchedDir[] = "/tmp/wlc-portable-XXXXXX";
-    char siblingDir[] = "/tmp/wlc-portable-XXXXXX";
-    ASSERT_NE(::mkdtemp(watchedDir), nullptr);
-    ASSERT_NE(::mkdtemp(siblingDir), nullptr);
-
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in here{};
-    here.sin_family = AF_INET;
-    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(here);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&here), sizeof(here)), 0);
-    ASSERT_EQ(::listen(listener, 8), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&here), &length), 0);
-    const uint16_t serverPort = ntohs(here.sin_port);
-
-    Actor child, sibling;
-    ASSERT_TRUE(startActor(child, watchedDir, serverPort, listener));
-    ASSERT_TRUE(startActor(sibling, siblingDir, serverPort, listener));
-    backend->watch(child.pid);
-    EXPECT_TRUE(backend->isWatched(child.pid));
-    EXPECT_FALSE(backend->isWatched(sibling.pid));
-    ASSERT_EQ(::write(child.goFd, "g", 1), 1);
-    ASSERT_EQ(::write(sibling.goFd, "g", 1), 1);
-    child.listenPort = readPort(child);
-    sibling.listenPort = readPort(sibling);
-    ASSERT_NE(child.listenPort, 0) << "the watched child failed before listening";
-    ASSERT_NE(sibling.listenPort, 0);
-
-    const pid_t me = child.pid;
-    const std::string dir = watchedDir;
-    auto is = [me](EventKind kind, const HostEvent& e) { return e.kind == kind && e.pid == me; };
-    struct Expectation {
-        const char* what;
-        std::function<bool(const std::vector<HostEvent>&)> met;
-    };
-    const Expectation expectations[] = {
-        {"fork and exec of the runner",
-         [&](const std::vector<HostEvent>& events) {
-             for (const HostEvent& fork : events) {
-                 if (fork.kind != EventKind::Fork || fork.ppid != me) continue;
-                 if (hasEvent(events, [&](const HostEvent& e) {
-                         return e.kind == EventKind::ProcessCreation && e.pid == fork.pid && e.ppid == me &&
-                                e.uid == 0 && e.path.size() > 6 &&
-                                e.path.compare(e.path.size() - 6, 6, "/sleep") == 0 && e.cmdline == "sleep 0.3";
-                     })) {
-                     return true;
-                 }
-             }
-             return false;
-         }},
-        {"creation",
-         [&](auto& ev) {
-             return hasEvent(ev, [&](auto& e) {
-                 return is(EventKind::FileCreation, e) && e.path == dir + "/created" && e.uid == 0;
-             });
-         }},
-        {"modification",
-         [&](auto& ev) {
-             return hasEvent(
-                 ev, [&](auto& e) { return is(EventKind::FileModification, e) && e.path == dir + "/existing"; });
-         }},
-        {"renaming",
-         [&](auto& ev) {
-             return hasEvent(ev, [&](auto& e) {
-                 return is(EventKind::FileRenaming, e) && e.path == dir + "/created" && e.path2 == dir + "/renamed";
-             });
-         }},
-        {"time change",
-         [&](auto& ev) {
-             return hasEvent(ev,
-                             [&](auto& e) { return is(EventKind::FileTimeChange, e) && e.path == dir + "/renamed"; });
-         }},
-        {"deletion",
-         [&](auto& ev) {
-             return hasEvent(ev, [&](auto& e) { return is(EventKind::FileDeletion, e) && e.path == dir + "/renamed"; });
-         }},
-        {"connection",
-         [&](auto& ev) {
-             return hasEvent(ev, [&](auto& e) {
-                 return is(EventKind::Connection, e) && e.protocol == IPPROTO_TCP && e.dstPort == serverPort &&
-                        e.dstAddr[0] == 127;
-             });
-         }},
-        {"listening",
-         [&](auto& ev) {
-             return hasEvent(ev, [&](auto& e) { return is(EventKind::Listening, e) && e.srcPort == child.listenPort; });
-         }},
-        {"exit", [&](auto& ev) { return hasEvent(ev, [&](auto& e) { return is(EventKind::Exit, e); }); }},
-    };
-
-    std::vector<HostEvent> events = sink.waitUntil(
-        [&](const std::vector<HostEvent>& ev) {
-            return std::all_of(std::begin(expectations), std::end(expectations),
-                               [&](const Expectation& x) { return x.met(ev); });
-        },
-        std::chrono::seconds(15));
-    for (const Expectation& x : expectations) EXPECT_TRUE(x.met(events)) << "missing: " << x.what;
-
-    int status = 0;
-    ASSERT_EQ(::waitpid(child.pid, &status, 0), child.pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    ASSERT_EQ(::waitpid(sibling.pid, &status, 0), sibling.pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "sibling status " << status;
-
-    events = sink.events();
-    const std::string siblingPath = siblingDir;
-    EXPECT_EQ(
-        std::count_if(events.begin(), events.end(),
-                      [&](const HostEvent& e) { return is(EventKind::Connection, e) && e.dstPort == serverPort; }),
-        1);
-    for (const HostEvent& e : events) {
-        EXPECT_NE(e.pid, sibling.pid) << "event of kind " << static_cast<int>(e.kind) << " from the sibling";
-        EXPECT_NE(e.ppid, sibling.pid);
-        EXPECT_EQ(e.path.rfind(siblingPath, 0), std::string::npos) << e.path;
-        EXPECT_FALSE(e.kind == EventKind::Listening && e.srcPort == sibling.listenPort);
-        EXPECT_FALSE(e.kind == EventKind::FileModification && e.path == dir + "/created") << "creation wrote it";
-        EXPECT_GT(e.timeNs, 1600000000ull * 1000000000ull);
-    }
-    EXPECT_FALSE(backend->isWatched(child.pid)) << "exit leaves the watch set";
-
-    backend->stop();
-    backend->stop();
-    EXPECT_TRUE(portable->limitations().find("DNS") != std::string::npos);
-    for (const Actor* actor : {&child, &sibling}) {
-        ::close(actor->goFd);
-        ::close(actor->portFd);
-        ::unlink(actor->plan.existing.c_str());
-        ::rmdir(actor->plan.dir.c_str());
-    }
-    ::close(listener);
-}
-
-TEST(PortableBackendLive, AdoptsWhatAWatchedProcessForkedBeforeTheStart) {
-    if (::geteuid() != 0) GTEST_SKIP() << "the portable back-end needs root (netlink connector, fanotify)";
-    int release[2], report[2];
-    ASSERT_EQ(::pipe2(release, O_CLOEXEC), 0);
-    ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
-    pid_t parent = ::fork();
-    if (parent == 0) {
-        ::close(release[1]);
-        ::close(report[0]);
-        pid_t early = ::fork();
-        if (early != 0 && ::write(report[1], &early, sizeof(early)) != sizeof(early)) ::_exit(2);
-        char go;
-        [[maybe_unused]] ssize_t got = ::read(release[0], &go, 1);
-        if (early != 0) ::waitpid(early, nullptr, 0);
-        ::_exit(0);
-    }
-    ASSERT_GT(parent, 0);
-    ::close(release[0]);
-    ::close(report[1]);
-    pid_t early = 0;
-    ASSERT_EQ(::read(report[0], &early, sizeof(early)), static_cast<ssize_t>(sizeof(early)));
-
-    RecordingSink sink;
-    auto backend = makePortableBackend();
-    backend->watch(parent);
-    std::string error;
-    ASSERT_TRUE(backend->start(sink, error)) << error;
-    auto seen = [&](EventKind kind, pid_t pid) {
-        return sink
-            .waitFor(0,
-                     [&](const HostEvent& e) {
-                         return e.kind == kind && e.pid == pid && (kind != EventKind::Fork || e.ppid == parent);
-                     })
-            .has_value();
-    };
-    EXPECT_TRUE(seen(EventKind::Fork, early));
-    EXPECT_TRUE(backend->isWatched(early));
-
-    ::close(release[1]);  // both read end-of-file and leave
-    EXPECT_TRUE(seen(EventKind::Exit, early));
-    EXPECT_TRUE(seen(EventKind::Exit, parent));
-    EXPECT_FALSE(backend->isWatched(early));
-    ::waitpid(parent, nullptr, 0);
-    ::close(report[0]);
-    backend->stop();
-    const BackendCounters counters = backend->counters();
-    EXPECT_EQ(counters.lostInBackend, 0u);
-}
-
-TEST(PortableBackendLive, RefusesWithoutRoot) {
-    // As root, the refusal is checked in a child that gave root up.
-    pid_t child = ::fork();
-    if (child == 0) {
-        if (::geteuid() == 0 && ::setresuid(65534, 65534, 65534) != 0) ::_exit(2);
-        RecordingSink sink;
-        auto backend = makePortableBackend();
-        std::string error;
-        bool started = backend->start(sink, error);
-        backend->stop();
-        ::_exit(started ? 3 : error.find("root") == std::string::npos ? 4 : 0);
-    }
-    ASSERT_GT(child, 0);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "2: could not drop root, 3: started anyway, 4: no clear reason";
 }
 
 }  // namespace

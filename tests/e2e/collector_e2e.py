@@ -9,12 +9,11 @@ usage: collector_e2e.py STAGE_DIR auto|ebpf|portable
 Exit 0 passed, 1 failed, 77 skipped (not root)."""
 import json
 import os
-import shutil
 import signal
 import sys
-import tempfile
 
-from harness import Actor, Agent, loopback_target, private_resolver, wait_for
+import harness
+from harness import wait_for
 
 
 def expected_events(actor, number, work_dir, connect_port, listen_port, with_dns):
@@ -58,52 +57,29 @@ def run_round(agent, actors, number, work_dir, connect_port, with_dns):
     print(f"round {number}: every kind reached the model, nothing of the sibling did", flush=True)
 
 
-def main():
-    stage, backend = sys.argv[1], sys.argv[2]
-    if os.geteuid() != 0:
-        print("SKIP: the collector watches processes as root only")
-        return 77
-    work_dir = tempfile.mkdtemp(prefix="wl-e2e-work-")
-    resolv_conf = private_resolver(work_dir)
-    connect_port = loopback_target()
+def check(run):
+    backend = sys.argv[2]
+    actor, _ = run.actor("actor"), run.actor("sibling")
+    agent = run.new_agent().start("--collector-backend", backend, "--no-discover")
+    status = wait_for("the collector", agent.collector_status)
+    with_dns = "DNS_QUERY" not in status.get("unsupported", [])
+    print(f"collector up with the {status['backend']} back-end", flush=True)
 
-    actors, agent = [], None
-    try:
-        actors = [Actor("actor", work_dir, connect_port, resolv_conf),
-                  Actor("sibling", work_dir, connect_port, resolv_conf)]
-        actor = actors[0]
-        agent = Agent(stage).start("--collector-backend", backend, "--no-discover")
-        status = wait_for("the collector", agent.collector_status)
-        with_dns = "DNS_QUERY" not in status.get("unsupported", [])
-        print(f"collector up with the {status['backend']} back-end", flush=True)
+    def started():
+        agent.wlctl("start", "e2e", actor.exe, str(actor.port), "60")
+        return agent.watches(actor.pid)
+    wait_for("the model's process to be watched", started, 90, every=2)
+    run_round(agent, run.actors, 1, run.work_dir, run.connect_port, with_dns)
 
-        def started():
-            agent.wlctl("start", "e2e", actor.exe, str(actor.port), "60")
-            return agent.watches(actor.pid)
-        wait_for("the model's process to be watched", started, 90, every=2)
-        run_round(agent, actors, 1, work_dir, connect_port, with_dns)
-
-        old = agent.collector_status()["pid"]
-        os.kill(old, signal.SIGKILL)
-        wait_for("the module to hear the collector went offline",
-                 lambda: "vr offline , start reinit" in agent.module_log())
-        wait_for("a new collector with the filter restored", lambda: (agent.collector_status() or {}).get("pid")
-                 not in (None, old) and agent.watches(actor.pid), 90)
-        print("collector killed: the module re-initialised and restored the filter", flush=True)
-        run_round(agent, actors, 2, work_dir, connect_port, with_dns)
-        return 0
-    except AssertionError as failure:
-        print(f"FAILED: {failure}")
-        if agent:
-            agent.show_logs()
-        return 1
-    finally:
-        for actor in actors:
-            actor.stop()
-        if agent:
-            agent.stop()
-        shutil.rmtree(work_dir, ignore_errors=True)
+    old = agent.collector_status()["pid"]
+    os.kill(old, signal.SIGKILL)
+    wait_for("the module to hear the collector went offline",
+             lambda: "vr offline , start reinit" in agent.module_log())
+    wait_for("a new collector with the filter restored", lambda: (agent.collector_status() or {}).get("pid")
+             not in (None, old) and agent.watches(actor.pid), 90)
+    print("collector killed: the module re-initialised and restored the filter", flush=True)
+    run_round(agent, run.actors, 2, run.work_dir, run.connect_port, with_dns)
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(harness.main(check, "the collector watches processes as root only"))

@@ -7,6 +7,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -152,3 +153,59 @@ def private_resolver(work_dir):
     return path
 
 
+
+
+class Run:
+    """What one script starts, stopped at its end whatever happened: the
+    agent, the actors and a work directory."""
+
+    def __init__(self, stage):
+        self.stage = stage
+        self.work_dir = tempfile.mkdtemp(prefix="wl-e2e-work-")
+        self.agent = None
+        self.actors = []
+        self.cleanups = []  # called at the end, before the agent stops
+        self._resolv_conf = self._connect_port = None
+
+    def new_agent(self):
+        self.agent = Agent(self.stage)
+        return self.agent
+
+    def actor(self, tag, python=PYTHON):
+        """An actor that connects to loopback_target() with private_resolver()."""
+        if self._connect_port is None:
+            self._resolv_conf, self._connect_port = private_resolver(self.work_dir), loopback_target()
+        self.actors.append(Actor(tag, self.work_dir, self._connect_port, self._resolv_conf, python))
+        return self.actors[-1]
+
+    @property
+    def connect_port(self):
+        return self._connect_port
+
+    def close(self):
+        for cleanup in self.cleanups:
+            cleanup()
+        for actor in self.actors:
+            actor.stop()
+        if self.agent:
+            self.agent.stop()
+        shutil.rmtree(self.work_dir, ignore_errors=True)
+
+
+def main(body, skip_reason, failures=(AssertionError,)):
+    """Runs body(Run) as root with the stage named by argv[1]: exit status 0
+    passed, 1 failed (with the agent's logs), 77 skipped."""
+    if os.geteuid() != 0:
+        print(f"SKIP: {skip_reason}")
+        return 77
+    run = Run(sys.argv[1])
+    try:
+        body(run)
+        return 0
+    except failures as failure:
+        print(f"FAILED: {failure!r}")
+        if run.agent:
+            run.agent.show_logs()
+        return 1
+    finally:
+        run.close()

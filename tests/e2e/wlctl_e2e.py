@@ -14,7 +14,8 @@ import time
 import urllib.error
 import urllib.request
 
-from harness import PYTHON, Agent, free_port, wait_for
+import harness
+from harness import PYTHON, free_port, wait_for
 
 # wlctl's exit codes (wlctl --help)
 OK, REFUSED, USAGE, UNREACHABLE, NOT_FOUND, FORBIDDEN = 0, 1, 2, 4, 5, 6
@@ -173,54 +174,38 @@ def check(agent, metrics_port, app):
     return first["id"]
 
 
-def main():
-    stage = sys.argv[1]
-    if os.geteuid() != 0:
-        print("SKIP: the agent runs as root")
-        return 77
-    agent, app = None, None
-    try:
-        agent = Agent(stage)
-        metrics_port = free_port()
-        os.makedirs(f"{agent.root}/config", exist_ok=True)
-        with open(f"{agent.root}/config/agent.conf", "w") as f:
-            f.write(f"[metrics]\nlisten = 127.0.0.1:{metrics_port}\n")
-        with open(f"{agent.root}/config/baseConfig.ini", "w") as f:
-            f.write("[engine]\nalarm_repeat_window_seconds = 0\n")
-        app = subprocess.Popen([PYTHON, "-c", "import socket,sys,time\n"
-                                "s=socket.socket(); s.bind(('127.0.0.1',0)); s.listen(8)\n"
-                                "print(s.getsockname()[1], flush=True); time.sleep(3600)"],
-                               stdout=subprocess.PIPE, text=True)
-        app.port = int(app.stdout.readline())
-        agent.start("--no-collector", "--no-discover")
-        first_id = check(agent, metrics_port, app)
+def main(run):
+    agent = run.new_agent()
+    metrics_port = free_port()
+    os.makedirs(f"{agent.root}/config", exist_ok=True)
+    with open(f"{agent.root}/config/agent.conf", "w") as f:
+        f.write(f"[metrics]\nlisten = 127.0.0.1:{metrics_port}\n")
+    with open(f"{agent.root}/config/baseConfig.ini", "w") as f:
+        f.write("[engine]\nalarm_repeat_window_seconds = 0\n")
+    app = subprocess.Popen([PYTHON, "-c", "import socket,sys,time\n"
+                            "s=socket.socket(); s.bind(('127.0.0.1',0)); s.listen(8)\n"
+                            "print(s.getsockname()[1], flush=True); time.sleep(3600)"],
+                           stdout=subprocess.PIPE, text=True)
+    run.cleanups.append(lambda: (app.kill(), app.wait()))
+    app.port = int(app.stdout.readline())
+    agent.start("--no-collector", "--no-discover")
+    first_id = check(agent, metrics_port, app)
 
-        # Restarted, the agent still knows the alarm, and new ids are higher.
-        agent.process.terminate()
-        agent.process.wait(timeout=15)
-        agent.output.close()
-        agent.start("--no-collector", "--no-discover")
-        wait_for("the agent again", lambda: agent.wlctl("status").returncode == OK, 60)
-        kept = [a["id"] for a in run_json(agent, "alarms")["alarms"]]
-        assert first_id in kept, kept
-        start_shop(agent, app)  # a period of 0 is not kept in the catalogue over a restart
-        telemetry(agent, app.pid, "/bin/after-restart")
-        later = wait_for("an alarm after the restart", lambda: alarms_about(agent, "/bin/after-restart"), 60)
-        assert int(later[0]["id"]) > max(int(i) for i in kept), (later[0]["id"], kept)
-        print("wlctl: status, models, show, alarms, feedback, commands, module switch, metrics: all as expected")
-        return 0
-    except (AssertionError, ValueError, KeyError, subprocess.TimeoutExpired) as failure:
-        print(f"FAILED: {failure!r}")
-        if agent:
-            agent.show_logs()
-        return 1
-    finally:
-        if app:
-            app.kill()
-            app.wait()
-        if agent:
-            agent.stop()
+    # Restarted, the agent still knows the alarm, and new ids are higher.
+    agent.process.terminate()
+    agent.process.wait(timeout=15)
+    agent.output.close()
+    agent.start("--no-collector", "--no-discover")
+    wait_for("the agent again", lambda: agent.wlctl("status").returncode == OK, 60)
+    kept = [a["id"] for a in run_json(agent, "alarms")["alarms"]]
+    assert first_id in kept, kept
+    start_shop(agent, app)  # a period of 0 is not kept in the catalogue over a restart
+    telemetry(agent, app.pid, "/bin/after-restart")
+    later = wait_for("an alarm after the restart", lambda: alarms_about(agent, "/bin/after-restart"), 60)
+    assert int(later[0]["id"]) > max(int(i) for i in kept), (later[0]["id"], kept)
+    print("wlctl: status, models, show, alarms, feedback, commands, module switch, metrics: all as expected")
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(harness.main(main, "the agent runs as root",
+                          (AssertionError, ValueError, KeyError, subprocess.TimeoutExpired)))
