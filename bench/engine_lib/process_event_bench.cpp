@@ -12,6 +12,7 @@
 #include <benchmark/benchmark.h>
 
 #include "base_interface.h"
+#include "fixed_iterations.h"
 
 namespace {
 
@@ -251,12 +252,12 @@ void BM_NewLiteralsRaspSql(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_KnownFile)->RangeMultiplier(10)->Range(10, 100000);
-BENCHMARK(BM_UnknownFile)->RangeMultiplier(10)->Range(10, 100000);
-BENCHMARK(BM_KnownConnection)->Arg(100000);
-BENCHMARK(BM_KnownProcess)->Arg(100000);
-BENCHMARK(BM_KnownRaspSql)->Arg(100000);
-BENCHMARK(BM_NewLiteralsProcess)->Arg(100000);
-BENCHMARK(BM_NewLiteralsRaspSql);
+BENCHMARK(BM_KnownFile)->RangeMultiplier(10)->Range(10, 100000)->Apply(enginebench::fixedIterations);
+BENCHMARK(BM_UnknownFile)->RangeMultiplier(10)->Range(10, 100000)->Apply(enginebench::fixedIterations);
+BENCHMARK(BM_KnownConnection)->Arg(100000)->Apply(enginebench::fixedIterations);
+BENCHMARK(BM_KnownProcess)->Arg(100000)->Apply(enginebench::fixedIterations);
+BENCHMARK(BM_KnownRaspSql)->Arg(100000)->Apply(enginebench::fixedIterations);
+BENCHMARK(BM_NewLiteralsProcess)->Arg(100000)->Apply(enginebench::fixedIterations);
+BENCHMARK(BM_NewLiteralsRaspSql)->Apply(enginebench::fixedIterations);
 
 BENCHMARK_MAIN();

@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 
 #include "event_script.h"
+#include "fixed_iterations.h"
 #include "shop_traffic.h"
 
 namespace {
@@ -64,5 +65,5 @@ void BM_ShopRaspStream(benchmark::State& state) { BM_ShopStream<RaspInterface>(s
 
 }  // namespace
 
-BENCHMARK(BM_ShopHostStream)->Arg(0)->Arg(1);
-BENCHMARK(BM_ShopRaspStream)->Arg(0)->Arg(1);
+BENCHMARK(BM_ShopHostStream)->Arg(0)->Arg(1)->Apply(enginebench::fixedIterations);
+BENCHMARK(BM_ShopRaspStream)->Arg(0)->Arg(1)->Apply(enginebench::fixedIterations);

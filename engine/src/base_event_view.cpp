@@ -3,6 +3,7 @@
 #include "json_text.h"
 #include "normalise_command.h"
 #include "normalise_path.h"
+#include "variable_runs.h"
 #include "wide_text.h"
 
 namespace baseeng {
@@ -104,21 +105,23 @@ std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory) {
     if (type == kProcessCreation) {
         const std::size_t pathCapacity = sizeof detail.process.process_path / sizeof(wchar_t);
         const std::size_t lineCapacity = sizeof detail.process.process_cmd_line / sizeof(wchar_t);
-        // The executable, a terminator, the line: the memo's key in one piece.
-        char text[pathCapacity + 1 + lineCapacity];
+        // The executable, a terminator, the line: the memo's key in one piece;
+        // and the line's terminator, which the folding wants.
+        char text[pathCapacity + 1 + lineCapacity + 1];
         std::size_t pathSize = wcsnlen(detail.process.process_path, pathCapacity);
         narrowRun(text, detail.process.process_path, pathSize);
         text[pathSize] = '\0';
         char* line = text + pathSize + 1;
         std::size_t lineSize = wcsnlen(detail.process.process_cmd_line, lineCapacity);
         narrowRun(line, detail.process.process_cmd_line, lineSize);
+        line[lineSize] = '\0';
         FeatureMemo::Key key =
             FeatureMemo::keyOf(text, pathSize + 1 + lineSize, kProcessCreation | memory.directoriesGeneration() << 8);
         if (const std::string* known = memory.memo.find(key)) {
             return *known;
         }
         std::string feature;
-        feature.reserve(8 + pathSize + lineSize + lineSize / 2);
+        feature.reserve(8 + pathSize + foldedBound(lineSize) + 8);
         feature = "process:";
         appendNormalisedCommand(feature, text, pathSize, line, lineSize, &memory.fileDirectories(), &memory.memo);
         memory.memo.remember(key, feature);
@@ -128,7 +131,7 @@ std::string baseFeature(const _BASE_EVENTINFO& event, ModelMemory& memory) {
         char path[sizeof detail.file.file_name / sizeof(wchar_t)];
         std::size_t size = narrowInto(path, detail.file.file_name);
         std::string feature;
-        feature.reserve(5 + size + size / 2);
+        feature.reserve(5 + foldedBound(size));
         feature = "file:";
         appendNormalisedPath(feature, path, size, &memory.memo);
         return feature;

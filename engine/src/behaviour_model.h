@@ -16,6 +16,7 @@
 #include "json_text.h"
 #include "learning_progress.h"
 #include "normalise_command.h"
+#include "text_hash.h"
 
 namespace baseeng {
 
@@ -51,9 +52,9 @@ struct BehaviourModel {
     unsigned long long learnedSeconds = 0;
     bool switchOn = true;
     bool running = true;
-    std::set<std::string> processPaths;        // the application's executables
-    std::set<unsigned long long> pids;         // processes whose events are the model's
-    std::unordered_set<std::string> features;  // "kind:subject", subjects normalised
+    std::set<std::string> processPaths;                  // the application's executables
+    std::set<unsigned long long> pids;                   // processes whose events are the model's
+    std::unordered_set<std::string, TextHash> features;  // "kind:subject", subjects normalised
     ModelMemory memory;
     LearningProgress progress;
     unsigned long long droppedFeatures = 0;  // not learned: the model was full

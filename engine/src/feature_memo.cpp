@@ -1,13 +1,13 @@
 #include "feature_memo.h"
 
 #include <cstring>
-#include <functional>
-#include <string_view>
+
+#include "text_hash.h"
 
 namespace baseeng {
 
 FeatureMemo::Key FeatureMemo::keyOf(const char* raw, std::size_t size, std::uint64_t tag) {
-    std::size_t hash = std::hash<std::string_view>()(std::string_view(raw, size));
+    std::size_t hash = hashText(raw, size);
     hash ^= static_cast<std::size_t>((tag + 1) * 0x9e3779b97f4a7c15ull);
     return Key{raw, size, tag, hash};
 }

@@ -20,6 +20,8 @@ using DirectorySet = std::set<std::string, std::less<>>;
 // executable: the program run, exact; when empty, the first word of the
 // command line. The first word of the command line is its name as invoked
 // and is otherwise skipped. learned and memo (folded directories) may be null.
+// line[lineSize] must be readable and '\0' (a std::string's terminator):
+// it ends the scans of words and blanks without a bound check.
 void appendNormalisedCommand(std::string& out, const char* executable, std::size_t executableSize, const char* line,
                              std::size_t lineSize, const DirectorySet* learned, FeatureMemo* memo = nullptr);
 std::string normaliseCommand(const std::string& executable, const std::string& commandLine,

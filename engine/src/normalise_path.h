@@ -10,8 +10,11 @@ namespace baseeng {
 
 class FeatureMemo;
 
-// memo, when given, keeps folded directories: an application's files vary
-// in their names far more than in their directories.
+// Writes the folded path at out, which has room for foldedBound(size) bytes
+// (variable_runs.h), and returns the end; placeholder is set when one was
+// written. memo, when given, keeps folded directories: an application's
+// files vary in their names far more than in their directories.
+char* foldPath(char* out, const char* path, std::size_t size, FeatureMemo* memo, bool& placeholder);
 void appendNormalisedPath(std::string& out, const char* path, std::size_t size, FeatureMemo* memo = nullptr);
 std::string normalisePath(const std::string& path);
 

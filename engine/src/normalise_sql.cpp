@@ -9,7 +9,13 @@ namespace baseeng {
 
 namespace {
 
-enum class Kind { None, Value, Keyword, Operator, Open, Close, Comma, Dot, Semicolon };
+enum class Kind : unsigned char { None, Value, Keyword, Operator, Open, Close, Comma, Dot, Semicolon };
+
+constexpr unsigned kindBit(Kind kind) { return 1u << static_cast<unsigned>(kind); }
+// No space after these, nor before those.
+constexpr unsigned kGluedAfter = kindBit(Kind::None) | kindBit(Kind::Open) | kindBit(Kind::Dot);
+constexpr unsigned kGluedBefore =
+    kindBit(Kind::Close) | kindBit(Kind::Comma) | kindBit(Kind::Dot) | kindBit(Kind::Semicolon);
 
 // A parenthesised group while it is open: whether it holds only placeholders.
 struct Group {
@@ -50,9 +56,8 @@ enum : unsigned char { kSpaceBit = 1, kWordStartBit = 2, kWordPartBit = 4, kDigi
 
 struct SqlBytes {
     unsigned char of[256] = {};
-    char lower[256] = {};
+    char wordLower[256] = {};  // a byte of a word, lowered; 0 for a byte that ends a word
     constexpr SqlBytes() {
-        for (int c = 0; c < 256; ++c) lower[c] = static_cast<char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c);
         for (int c : {' ', '\t', '\n', '\r', '\f', '\v'}) of[c] = kSpaceBit;
         for (int c = 0x80; c < 0x100; ++c) of[c] = kWordStartBit | kWordPartBit;
         for (int c = 'a'; c <= 'z'; ++c) of[c] = kWordStartBit | kWordPartBit;
@@ -60,12 +65,16 @@ struct SqlBytes {
         of[static_cast<unsigned char>('_')] = kWordStartBit | kWordPartBit;
         for (int c = '0'; c <= '9'; ++c) of[c] = kWordPartBit | kDigitBit;
         of[static_cast<unsigned char>('$')] = of[static_cast<unsigned char>('#')] = kWordPartBit;
+        for (int c = 0; c < 256; ++c) {
+            if (of[c] & kWordPartBit) {
+                wordLower[c] = static_cast<char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c);
+            }
+        }
     }
 };
 constexpr SqlBytes kBytes;
 
 unsigned char bitsOf(char c) { return kBytes.of[static_cast<unsigned char>(c)]; }
-char lowerOf(char c) { return kBytes.lower[static_cast<unsigned char>(c)]; }
 bool isSpace(char c) { return bitsOf(c) & kSpaceBit; }
 bool isWordStart(char c) { return bitsOf(c) & kWordStartBit; }
 bool isWordPart(char c) { return bitsOf(c) & kWordPartBit; }
@@ -85,9 +94,33 @@ bool is(const char* word, const char (&keyword)[N]) {
 // What a word means to the folding, besides being a word.
 enum class Role { Plain, ExpectsValue, Is, Not, Literal };
 
+// Per first letter, the lengths of the keywords that roleOf knows: most
+// words are names, and this tells them at once.
+struct KeywordStarts {
+    unsigned short lengths[256] = {};
+    constexpr KeywordStarts() {
+        const char* const keywords[] = {"is",      "or",       "by",       "in",     "on",     "not",    "and",
+                                        "set",     "top",      "any",      "all",    "null",   "true",   "then",
+                                        "else",    "when",     "case",     "like",   "false",  "where",  "limit",
+                                        "select",  "values",   "offset",   "return", "having", "escape", "exists",
+                                        "between", "interval", "returning"};
+        for (const char* keyword : keywords) {
+            unsigned length = 0;
+            while (keyword[length] != 0) {
+                ++length;
+            }
+            lengths[static_cast<unsigned char>(keyword[0])] |= static_cast<unsigned short>(1u << length);
+        }
+    }
+};
+constexpr KeywordStarts kKeywordStarts;
+
 // Keywords after which a sign belongs to the number that follows, IS and NOT
 // (after which NULL and the truth values are syntax), and those literals.
 Role roleOf(const char* w, std::size_t size) {
+    if (size > 9 || ((kKeywordStarts.lengths[static_cast<unsigned char>(w[0])] >> size) & 1) == 0) {
+        return Role::Plain;
+    }
     switch (size) {
         case 2:
             if (is(w, "is")) return Role::Is;
@@ -118,463 +151,442 @@ Role roleOf(const char* w, std::size_t size) {
 
 bool isOperatorByte(char c) { return std::strchr("<>=!|&:-~*@", c) != nullptr && c != 0; }
 
-class SqlFolder {
-public:
-    // Every token is at most as long as its text and one space precedes it:
-    // the output never needs more than twice the input.
-    SqlFolder(std::string& out, const char* text, std::size_t size, SqlDialect dialect)
-        : m_text(text), m_size(size), m_dialect(dialect), m_out(out), m_base(out.size()) {
-        m_out.resize(m_base + 2 * size + 8);
-        m_buffer = &m_out[m_base];
-    }
+// The scanners below read the statement, text[size] being its terminator.
 
-    void run() {
-        while (m_at < m_size) {
-            step();
+// Copies the word at text[at] lowered to out and returns its length.
+inline std::size_t copyWordLowered(const char* text, std::size_t at, char* out) {
+    const char* const from = text + at;
+    std::size_t count = 0;
+    // Two bytes a turn; the terminator ends the word at the latest.
+    for (;;) {
+        const char first = kBytes.wordLower[static_cast<unsigned char>(from[count])];
+        if (first == 0) {
+            return count;
         }
-        while (m_length > 0 && (m_buffer[m_length - 1] == ';' || m_buffer[m_length - 1] == ' ')) {
-            --m_length;  // a closing semicolon is no part of the shape
+        out[count] = first;
+        const char second = kBytes.wordLower[static_cast<unsigned char>(from[count + 1])];
+        if (second == 0) {
+            return count + 1;
         }
-        m_out.resize(m_base + m_length);
+        out[count + 1] = second;
+        count += 2;
     }
+}
 
-private:
-    char at(std::size_t i) const { return i < m_size ? m_text[i] : '\0'; }
-    void put(char c) { m_buffer[m_length++] = c; }
-    void put(const char* text, std::size_t size) {
-        std::memcpy(m_buffer + m_length, text, size);
-        m_length += size;
+char byteAt(const char* text, std::size_t size, std::size_t i) { return i < size ? text[i] : '\0'; }
+
+// Index after a quoted text opened at from; doubled quotes stay inside.
+std::size_t quotedEnd(const char* text, std::size_t size, std::size_t from, char quote, bool backslashes) {
+    std::size_t i = from + 1;
+    while (i < size) {
+        const void* found = std::memchr(text + i, quote, size - i);
+        std::size_t close = found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - text) : size;
+        if (backslashes) {
+            const void* escape = std::memchr(text + i, '\\', close - i);
+            if (escape != nullptr) {
+                i = static_cast<std::size_t>(static_cast<const char*>(escape) - text) + 2;
+                continue;
+            }
+        }
+        if (close == size) {
+            return size;
+        }
+        if (byteAt(text, size, close + 1) != quote) {
+            return close + 1;
+        }
+        i = close + 2;
     }
-    bool mysql() const { return m_dialect == SqlDialect::MySql; }
+    return size;
+}
 
-    void space(Kind kind) {
-        bool glued = m_previous == Kind::None || m_previous == Kind::Open || m_previous == Kind::Dot ||
-                     kind == Kind::Close || kind == Kind::Comma || kind == Kind::Dot || kind == Kind::Semicolon;
-        if (!glued) {
-            put(' ');
+// Oracle's q'[...]' with any delimiter; from is the quote.
+std::size_t alternativeQuoteEnd(const char* text, std::size_t size, std::size_t from) {
+    char delimiter = byteAt(text, size, from + 1);
+    char closing = delimiter == '['   ? ']'
+                   : delimiter == '{' ? '}'
+                   : delimiter == '(' ? ')'
+                   : delimiter == '<' ? '>'
+                                      : delimiter;
+    for (std::size_t i = from + 2; i + 1 < size; ++i) {
+        if (text[i] == closing && text[i + 1] == '\'') {
+            return i + 2;
         }
     }
+    return size;
+}
 
+// PostgreSQL's $tag$...$tag$; 0 when at doesn't open one.
+std::size_t dollarQuoteEnd(const char* text, std::size_t size, std::size_t at) {
+    std::size_t i = at + 1;
+    while (i < size && (isWordStart(text[i]) || (i > at + 1 && isDigit(text[i])))) {
+        ++i;
+    }
+    if (byteAt(text, size, i) != '$') {
+        return 0;
+    }
+    const std::size_t tagSize = i + 1 - at;
+    for (std::size_t close = i + 1; close + tagSize <= size; ++close) {
+        if (std::memcmp(text + close, text + at, tagSize) == 0) {
+            return close + tagSize;
+        }
+    }
+    return size;
+}
+
+std::size_t numberEnd(const char* text, std::size_t size, std::size_t i) {
+    if (byteAt(text, size, i) == '0' && (byteAt(text, size, i + 1) == 'x' || byteAt(text, size, i + 1) == 'X')) {
+        i += 2;
+    }
+    while (i < size && (isAlnum(text[i]) || text[i] == '.' || text[i] == '_')) {
+        char c = text[i++];
+        if ((c == 'e' || c == 'E') && (byteAt(text, size, i) == '+' || byteAt(text, size, i) == '-') &&
+            isDigit(byteAt(text, size, i + 1))) {
+            ++i;
+        }
+    }
+    return i;
+}
+
+// The helpers of the one pass are inlined, so that its state stays in registers.
+#define INLINE __attribute__((always_inline))
+
+// Room for every token: each is at most as long as its text and one space
+// precedes it, so the output never needs more than twice the input.
+const std::size_t kSlack = 8;
+
+}  // namespace
+
+// One pass with its state in locals: the output may alias anything, so state
+// kept in members would be reloaded after every byte written.
+void appendNormalisedSql(std::string& out, const std::string& statement, SqlDialect dialect) {
+    const char* const text = statement.c_str();
+    const std::size_t size = statement.size();
+    const bool mysql = dialect == SqlDialect::MySql;
+    const std::size_t base = out.size();
+    out.resize(base + 2 * size + kSlack);
+    char* const buffer = &out[base];
+    std::size_t length = 0;  // of the output
+    std::size_t at = 0;      // in the text
+    Kind previous = Kind::None;
+    bool isContext = false;  // after IS or IS NOT, NULL and the truth values are syntax
+    int executableComments = 0;
+    GroupStack groups;
+
+    auto put = [&](const char* bytes, std::size_t count) INLINE {
+        std::memcpy(buffer + length, bytes, count);
+        length += count;
+    };
+    auto space = [&](Kind kind) INLINE {
+        if (((kGluedAfter >> static_cast<unsigned>(previous)) & 1) == 0 && (kGluedBefore & kindBit(kind)) == 0) {
+            buffer[length++] = ' ';
+        }
+    };
     // Something other than a placeholder, a comma or a group in the open group.
-    void spoilGroup() {
-        if (!m_groups.empty()) {
-            m_groups.back().placeholders = false;
+    auto spoilGroup = [&]() INLINE {
+        if (!groups.empty()) {
+            groups.back().placeholders = false;
         }
-    }
-
-    void placeholderItem() {
-        if (m_groups.empty()) {
+    };
+    auto placeholderItem = [&]() INLINE {
+        if (groups.empty()) {
             return;
         }
-        Group& group = m_groups.back();
+        Group& group = groups.back();
         if (group.expectItem) {
             group.expectItem = false;
         } else {
             group.placeholders = false;
         }
-    }
-
-    void emit(const char* text, std::size_t size, Kind kind) {
+    };
+    auto emit = [&](const char* bytes, std::size_t count, Kind kind) INLINE {
         space(kind);
-        put(text, size);
-        m_previous = kind;
-        m_isContext = false;
+        put(bytes, count);
+        previous = kind;
+        isContext = false;
         spoilGroup();
-    }
-
-    void emitLiteral() {
+    };
+    auto emitLiteral = [&]() INLINE {
         space(Kind::Value);
-        put('?');
-        m_previous = Kind::Value;
-        m_isContext = false;
+        buffer[length++] = '?';
+        previous = Kind::Value;
+        isContext = false;
         placeholderItem();
-    }
-
-    void open() {
-        space(Kind::Open);
-        m_groups.push_back(Group{m_length, true, true});
-        put('(');
-        m_previous = Kind::Open;
-        m_isContext = false;
-    }
-
-    void comma() {
-        space(Kind::Comma);
-        put(',');
-        m_previous = Kind::Comma;
-        m_isContext = false;
-        if (!m_groups.empty()) {
-            Group& group = m_groups.back();
-            group.placeholders = group.placeholders && !group.expectItem;
-            group.expectItem = true;
-        }
-    }
-
+    };
     // A group of placeholders only (an IN list, a VALUES row) becomes "(?)",
     // and a run of such groups one of them.
-    void close() {
-        if (m_groups.empty()) {
+    auto close = [&]() INLINE {
+        if (groups.empty()) {
             emit(")", 1, Kind::Close);
             return;
         }
-        Group group = m_groups.back();
-        m_groups.pop_back();
-        m_previous = Kind::Close;
-        m_isContext = false;
+        Group group = groups.back();
+        groups.pop_back();
+        previous = Kind::Close;
+        isContext = false;
         if (!group.placeholders || group.expectItem) {
-            put(')');
+            buffer[length++] = ')';
             spoilGroup();
             return;
         }
-        m_length = group.open;
+        length = group.open;
         put("(?)", 3);
         static const char kRepeat[] = "(?), (?)";
         const std::size_t repeat = sizeof kRepeat - 1;
-        if (m_length >= repeat && std::memcmp(m_buffer + m_length - repeat, kRepeat, repeat) == 0) {
-            m_length -= 5;
+        if (length >= repeat && std::memcmp(buffer + length - repeat, kRepeat, repeat) == 0) {
+            length -= 5;
         }
         placeholderItem();
-    }
-
-    // Index after a quoted text opened at from; doubled quotes stay inside.
-    std::size_t quotedEnd(std::size_t from, char quote, bool backslashes) const {
-        std::size_t i = from + 1;
-        while (i < m_size) {
-            const void* found = std::memchr(m_text + i, quote, m_size - i);
-            std::size_t close =
-                found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - m_text) : m_size;
-            if (backslashes) {
-                const void* escape = std::memchr(m_text + i, '\\', close - i);
-                if (escape != nullptr) {
-                    i = static_cast<std::size_t>(static_cast<const char*>(escape) - m_text) + 2;
-                    continue;
-                }
-            }
-            if (close == m_size) {
-                return m_size;
-            }
-            if (at(close + 1) != quote) {
-                return close + 1;
-            }
-            i = close + 2;
-        }
-        return m_size;
-    }
-
-    // Oracle's q'[...]' with any delimiter; from is the quote.
-    std::size_t alternativeQuoteEnd(std::size_t from) const {
-        char delimiter = at(from + 1);
-        char closing = delimiter == '['   ? ']'
-                       : delimiter == '{' ? '}'
-                       : delimiter == '(' ? ')'
-                       : delimiter == '<' ? '>'
-                                          : delimiter;
-        for (std::size_t i = from + 2; i + 1 < m_size; ++i) {
-            if (m_text[i] == closing && m_text[i + 1] == '\'') {
-                return i + 2;
-            }
-        }
-        return m_size;
-    }
-
-    // PostgreSQL's $tag$...$tag$; 0 when m_at doesn't open one.
-    std::size_t dollarQuoteEnd() const {
-        std::size_t i = m_at + 1;
-        while (i < m_size && (isWordStart(m_text[i]) || (i > m_at + 1 && isDigit(m_text[i])))) {
-            ++i;
-        }
-        if (at(i) != '$') {
-            return 0;
-        }
-        const std::size_t tagSize = i + 1 - m_at;
-        for (std::size_t close = i + 1; close + tagSize <= m_size; ++close) {
-            if (std::memcmp(m_text + close, m_text + m_at, tagSize) == 0) {
-                return close + tagSize;
-            }
-        }
-        return m_size;
-    }
-
-    std::size_t numberEnd(std::size_t i) const {
-        if (at(i) == '0' && (at(i + 1) == 'x' || at(i + 1) == 'X')) {
-            i += 2;
-        }
-        while (i < m_size && (isAlnum(m_text[i]) || m_text[i] == '.' || m_text[i] == '_')) {
-            char c = m_text[i++];
-            if ((c == 'e' || c == 'E') && (at(i) == '+' || at(i) == '-') && isDigit(at(i + 1))) {
-                ++i;
-            }
-        }
-        return i;
-    }
-
-    bool signOfNumber() const {
-        bool digitFollows = isDigit(at(m_at + 1)) || (at(m_at + 1) == '.' && isDigit(at(m_at + 2)));
-        return digitFollows && m_previous != Kind::Value && m_previous != Kind::Close;
-    }
-
-    bool comment() {
-        char c = m_text[m_at];
-        char next = at(m_at + 1);
-        bool line = (c == '-' && next == '-' && (!mysql() || m_at + 2 >= m_size || isSpace(at(m_at + 2)))) ||
-                    (c == '#' && mysql());
+    };
+    auto comment = [&]() INLINE -> bool {
+        char c = text[at];
+        char next = byteAt(text, size, at + 1);
+        bool line =
+            (c == '-' && next == '-' && (!mysql || at + 2 >= size || isSpace(text[at + 2]))) || (c == '#' && mysql);
         if (line) {
-            while (m_at < m_size && m_text[m_at] != '\n') {
-                ++m_at;
-            }
+            const void* newline = std::memchr(text + at, '\n', size - at);
+            at = newline != nullptr ? static_cast<std::size_t>(static_cast<const char*>(newline) - text) : size;
             return true;
         }
         if (c == '/' && next == '*') {
-            if (mysql() && at(m_at + 2) == '!') {
+            if (mysql && byteAt(text, size, at + 2) == '!') {
                 // Executed by the server: its content is part of the statement.
-                m_at += 3;
-                while (m_at < m_size && isDigit(m_text[m_at])) {
-                    ++m_at;
+                at += 3;
+                while (at < size && isDigit(text[at])) {
+                    ++at;
                 }
-                ++m_executableComments;
+                ++executableComments;
                 return true;
             }
-            std::size_t end = m_at + 2;
+            std::size_t end = at + 2;
             for (;;) {
-                const void* star = end < m_size ? std::memchr(m_text + end, '*', m_size - end) : nullptr;
-                end = star != nullptr ? static_cast<std::size_t>(static_cast<const char*>(star) - m_text) : m_size;
-                if (end + 1 >= m_size || m_text[end + 1] == '/') {
+                const void* star = end < size ? std::memchr(text + end, '*', size - end) : nullptr;
+                end = star != nullptr ? static_cast<std::size_t>(static_cast<const char*>(star) - text) : size;
+                if (end + 1 >= size || text[end + 1] == '/') {
                     break;
                 }
                 ++end;
             }
-            m_at = end + 1 < m_size ? end + 2 : m_size;
+            at = end + 1 < size ? end + 2 : size;
             return true;
         }
-        if (c == '*' && next == '/' && m_executableComments > 0) {
-            --m_executableComments;
-            m_at += 2;
+        if (c == '*' && next == '/' && executableComments > 0) {
+            --executableComments;
+            at += 2;
             return true;
         }
         return false;
-    }
-
-    void word() {
-        std::size_t start = m_length;
+    };
+    auto word = [&]() INLINE {
+        const std::size_t start = length;
         space(Kind::Value);
-        // Scanned and copied lowered in one pass, with locals: the output may
-        // alias anything, so members would be reloaded on every byte.
-        const char* text = m_text;
-        const std::size_t size = m_size;
-        char* write = m_buffer + m_length;
-        char* const lowerWord = write;
-        std::size_t end = m_at;
-        while (end < size && isWordPart(text[end])) {
-            *write++ = lowerOf(text[end++]);
-        }
-        std::size_t length = end - m_at;
-        char first = lowerWord[0];
-        if (end < size && text[end] == '\'') {
-            if (length == 1 && first == 'q' && m_dialect == SqlDialect::Oracle) {
-                m_length = start;
-                m_at = alternativeQuoteEnd(end);
+        char* const lowerWord = buffer + length;
+        const std::size_t count = copyWordLowered(text, at, lowerWord);
+        const std::size_t end = at + count;
+        const char first = lowerWord[0];
+        if (text[end] == '\'') {
+            if (count == 1 && first == 'q' && dialect == SqlDialect::Oracle) {
+                length = start;
+                at = alternativeQuoteEnd(text, size, end);
                 emitLiteral();
                 return;
             }
-            if ((length == 1 && (first == 'n' || first == 'e' || first == 'b' || first == 'x')) || first == '_') {
-                m_length = start;
-                m_at = quotedEnd(end, '\'', mysql() || first == 'e');
+            if ((count == 1 && (first == 'n' || first == 'e' || first == 'b' || first == 'x')) || first == '_') {
+                length = start;
+                at = quotedEnd(text, size, end, '\'', mysql || first == 'e');
                 emitLiteral();
                 return;
             }
         }
-        m_length = static_cast<std::size_t>(write - m_buffer);
-        m_at = end;
-        Role role = roleOf(lowerWord, length);
-        if (role == Role::Literal && !m_isContext) {
-            m_length = start;
+        length += count;
+        at = end;
+        Role role = roleOf(lowerWord, count);
+        if (role == Role::Literal && !isContext) {
+            length = start;
             emitLiteral();
             return;
         }
-        bool context = role == Role::Is || (role == Role::Not && m_isContext);
-        m_previous = role == Role::Plain || role == Role::Literal ? Kind::Value : Kind::Keyword;
+        bool context = role == Role::Is || (role == Role::Not && isContext);
+        previous = role == Role::Plain || role == Role::Literal ? Kind::Value : Kind::Keyword;
         spoilGroup();
-        m_isContext = context;
-    }
-
+        isContext = context;
+    };
     // Copies a quoted identifier as it is: its case may matter.
-    void verbatim(std::size_t end) {
-        emit(m_text + m_at, end - m_at, Kind::Value);
-        m_at = end;
-    }
-
-    void operatorToken() {
+    auto verbatim = [&](std::size_t end) INLINE {
+        emit(text + at, end - at, Kind::Value);
+        at = end;
+    };
+    auto operatorToken = [&]() INLINE {
         static const Spelling kLong[] = {SPELLING("<=>"), SPELLING("->>"), SPELLING("!~*"), SPELLING("<="),
                                          SPELLING(">="),  SPELLING("<>"),  SPELLING("!="),  SPELLING("=="),
                                          SPELLING("||"),  SPELLING("&&"),  SPELLING("::"),  SPELLING(":="),
                                          SPELLING("->"),  SPELLING("<<"),  SPELLING(">>"),  SPELLING("!~"),
                                          SPELLING("~*"),  SPELLING("@>"),  SPELLING("<@")};
-        if (isOperatorByte(at(m_at + 1))) {
+        if (isOperatorByte(byteAt(text, size, at + 1))) {
             for (const Spelling& candidate : kLong) {
-                if (m_at + candidate.size <= m_size &&
-                    std::memcmp(m_text + m_at, candidate.text, candidate.size) == 0) {
+                if (at + candidate.size <= size && std::memcmp(text + at, candidate.text, candidate.size) == 0) {
                     emit(candidate.text, candidate.size, Kind::Operator);
-                    m_at += candidate.size;
+                    at += candidate.size;
                     return;
                 }
             }
         }
-        emit(m_text + m_at, 1, Kind::Operator);
-        ++m_at;
-    }
+        emit(text + at, 1, Kind::Operator);
+        ++at;
+    };
 
-    void step() {
-        char c = m_text[m_at];
-        unsigned char bits = bitsOf(c);
+    while (at < size) {
+        const char c = text[at];
+        const unsigned char bits = bitsOf(c);
         if (bits & kSpaceBit) {
-            ++m_at;
-            return;
+            do {
+                ++at;
+            } while (isSpace(text[at]));  // the terminator is no blank
+            continue;
         }
         if (bits & kWordStartBit) {
             word();
-            return;
+            continue;
         }
         if ((c == '-' || c == '#' || c == '/' || c == '*') && comment()) {
-            return;
+            continue;
         }
-        if ((bits & kDigitBit) || (c == '.' && isDigit(at(m_at + 1)) && m_previous != Kind::Value)) {
-            m_at = numberEnd(m_at);
+        if ((bits & kDigitBit) || (c == '.' && isDigit(byteAt(text, size, at + 1)) && previous != Kind::Value)) {
+            at = numberEnd(text, size, at);
             emitLiteral();
-            return;
+            continue;
         }
         switch (c) {
             case '\'':
-                m_at = quotedEnd(m_at, '\'', mysql());
+                at = quotedEnd(text, size, at, '\'', mysql);
                 emitLiteral();
-                return;
+                continue;
             case '"':
-                if (mysql()) {
-                    m_at = quotedEnd(m_at, '"', true);
+                if (mysql) {
+                    at = quotedEnd(text, size, at, '"', true);
                     emitLiteral();
                 } else {
-                    verbatim(quotedEnd(m_at, '"', false));
+                    verbatim(quotedEnd(text, size, at, '"', false));
                 }
-                return;
-            case '`': verbatim(quotedEnd(m_at, '`', false)); return;
+                continue;
+            case '`': verbatim(quotedEnd(text, size, at, '`', false)); continue;
             case '[':
-                if (m_dialect == SqlDialect::SqlServer) {
-                    std::size_t end = m_at;
-                    while (end < m_size && m_text[end] != ']') {
-                        ++end;
-                    }
-                    verbatim(end < m_size ? end + 1 : m_size);
-                    return;
+                if (dialect == SqlDialect::SqlServer) {
+                    const void* found = std::memchr(text + at, ']', size - at);
+                    verbatim(found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - text) + 1
+                                              : size);
+                    continue;
                 }
                 break;
             case '?':
-                ++m_at;
+                ++at;
                 emitLiteral();
-                return;
+                continue;
             case '(':
-                ++m_at;
-                open();
-                return;
+                ++at;
+                space(Kind::Open);
+                groups.push_back(Group{length, true, true});
+                buffer[length++] = '(';
+                previous = Kind::Open;
+                isContext = false;
+                continue;
             case ')':
-                ++m_at;
+                ++at;
                 close();
-                return;
+                continue;
             case ',':
-                ++m_at;
-                comma();
-                return;
+                ++at;
+                space(Kind::Comma);
+                buffer[length++] = ',';
+                previous = Kind::Comma;
+                isContext = false;
+                if (!groups.empty()) {
+                    Group& group = groups.back();
+                    group.placeholders = group.placeholders && !group.expectItem;
+                    group.expectItem = true;
+                }
+                continue;
             case '.':
                 emit(".", 1, Kind::Dot);
-                ++m_at;
-                return;
+                ++at;
+                continue;
             case ';':
                 emit(";", 1, Kind::Semicolon);
-                ++m_at;
-                return;
+                ++at;
+                continue;
             case '-':
-            case '+':
-                if (signOfNumber()) {
-                    m_at = numberEnd(m_at + 1);
+            case '+': {
+                bool digitFollows = isDigit(byteAt(text, size, at + 1)) ||
+                                    (byteAt(text, size, at + 1) == '.' && isDigit(byteAt(text, size, at + 2)));
+                if (digitFollows && previous != Kind::Value && previous != Kind::Close) {
+                    at = numberEnd(text, size, at + 1);
                     emitLiteral();
-                    return;
+                    continue;
                 }
                 break;
+            }
             case '$':
-                if (isDigit(at(m_at + 1))) {
-                    m_at = numberEnd(m_at + 1);
+                if (isDigit(byteAt(text, size, at + 1))) {
+                    at = numberEnd(text, size, at + 1);
                     emitLiteral();
-                    return;
+                    continue;
                 }
-                if (m_dialect == SqlDialect::Postgres) {
-                    if (std::size_t end = dollarQuoteEnd()) {
-                        m_at = end;
+                if (dialect == SqlDialect::Postgres) {
+                    if (std::size_t end = dollarQuoteEnd(text, size, at)) {
+                        at = end;
                         emitLiteral();
-                        return;
+                        continue;
                     }
                 }
                 break;
             case ':':
-                if (isWordStart(at(m_at + 1)) && (m_at == 0 || m_text[m_at - 1] != ':')) {
-                    ++m_at;  // a named parameter
-                    while (m_at < m_size && isWordPart(m_text[m_at])) {
-                        ++m_at;
+                if (isWordStart(byteAt(text, size, at + 1)) && (at == 0 || text[at - 1] != ':')) {
+                    ++at;  // a named parameter
+                    while (isWordPart(text[at])) {
+                        ++at;
                     }
                     emitLiteral();
-                    return;
+                    continue;
                 }
                 break;
             case '@':
-                if (at(m_at + 1) != '@' && isWordStart(at(m_at + 1)) && m_dialect == SqlDialect::SqlServer) {
-                    ++m_at;
-                    while (m_at < m_size && isWordPart(m_text[m_at])) {
-                        ++m_at;
+                if (byteAt(text, size, at + 1) != '@' && isWordStart(byteAt(text, size, at + 1)) &&
+                    dialect == SqlDialect::SqlServer) {
+                    ++at;
+                    while (isWordPart(text[at])) {
+                        ++at;
                     }
                     emitLiteral();
-                    return;
+                    continue;
                 }
-                if (isWordStart(at(m_at + 1)) || at(m_at + 1) == '@') {
-                    std::size_t end = m_at + 1;
-                    while (end < m_size && (isWordPart(m_text[end]) || m_text[end] == '@')) {
+                if (isWordStart(byteAt(text, size, at + 1)) || byteAt(text, size, at + 1) == '@') {
+                    std::size_t end = at + 1;
+                    while (isWordPart(text[end]) || text[end] == '@') {
                         ++end;
                     }
                     space(Kind::Value);
-                    for (std::size_t i = m_at; i < end; ++i) {
-                        put(lowered(m_text[i]));
+                    for (std::size_t i = at; i < end; ++i) {
+                        buffer[length++] = lowered(text[i]);
                     }
-                    m_previous = Kind::Value;
-                    m_isContext = false;
+                    previous = Kind::Value;
+                    isContext = false;
                     spoilGroup();
-                    m_at = end;
-                    return;
+                    at = end;
+                    continue;
                 }
                 break;
             default: break;
         }
         operatorToken();
     }
-
-    const char* const m_text;
-    const std::size_t m_size;
-    const SqlDialect m_dialect;
-    std::size_t m_at = 0;
-    std::string& m_out;
-    const std::size_t m_base;
-    char* m_buffer;
-    std::size_t m_length = 0;
-    Kind m_previous = Kind::None;
-    bool m_isContext = false;  // after IS or IS NOT, NULL and the truth values are syntax
-    int m_executableComments = 0;
-    GroupStack m_groups;
-};
-
-}  // namespace
-
-void appendNormalisedSql(std::string& out, const char* text, std::size_t size, SqlDialect dialect) {
-    SqlFolder(out, text, size, dialect).run();
+    while (length > 0 && (buffer[length - 1] == ';' || buffer[length - 1] == ' ')) {
+        --length;  // a closing semicolon is no part of the shape
+    }
+    out.resize(base + length);
 }
 
 std::string normaliseSql(const std::string& text, SqlDialect dialect) {
     std::string out;
-    appendNormalisedSql(out, text.data(), text.size(), dialect);
+    appendNormalisedSql(out, text, dialect);
     return out;
 }
 

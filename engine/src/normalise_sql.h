@@ -10,7 +10,9 @@ namespace baseeng {
 // Quoting and comments differ between servers; the rest is common.
 enum class SqlDialect { Standard, MySql, Oracle, Postgres, SqlServer };
 
-void appendNormalisedSql(std::string& out, const char* text, std::size_t size, SqlDialect dialect);
+// The statement is a std::string so that its terminator ends every scan of
+// a word or a blank run without a bound check.
+void appendNormalisedSql(std::string& out, const std::string& statement, SqlDialect dialect);
 std::string normaliseSql(const std::string& text, SqlDialect dialect);
 
 }  // namespace baseeng

@@ -8,6 +8,7 @@
 #include "normalise_command.h"
 #include "normalise_path.h"
 #include "normalise_sql.h"
+#include "variable_runs.h"
 
 namespace baseeng {
 
@@ -136,11 +137,11 @@ std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
         if (const std::string* known = memory.memo.find(memoKey)) {
             return *known;
         }
-        key.reserve(key.size() + 2 * text.size() + 8);
         if (command) {
-            appendNormalisedCommand(key, "", 0, text.data(), text.size(), &memory.fileDirectories(), &memory.memo);
+            key.reserve(key.size() + foldedBound(text.size()) + 8);
+            appendNormalisedCommand(key, "", 0, text.c_str(), text.size(), &memory.fileDirectories(), &memory.memo);
         } else {
-            appendNormalisedSql(key, text.data(), text.size(), kDialects[type - kSqlFirst]);
+            appendNormalisedSql(key, text, kDialects[type - kSqlFirst]);  // sizes the key itself
         }
         memory.memo.remember(memoKey, key);
     }

@@ -12,11 +12,6 @@ const char kTime[] = "<time>";
 const char kId[] = "<id>";
 const char kTemporary[] = "<tmp>";
 
-template <std::size_t N>
-void appendPlaceholder(std::string& out, const char (&placeholder)[N]) {
-    out.append(placeholder, N - 1);
-}
-
 bool isHex(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
 bool digitsAt(const char* text, std::size_t size, std::size_t at, std::size_t count) {
@@ -167,6 +162,9 @@ Placeholder placeholderOf(const char* text, std::size_t size, unsigned char any,
     if ((all & kHexBit) && size >= 8 && (any & kDigitBit)) {
         return placeholder(kNumber);
     }
+    if (size >= 16 && (any & kDigitBit)) {
+        return placeholder(kId);  // what the shape below would say, without it
+    }
     if (size >= 10) {
         RunShape shape = shapeOf(text, size);
         bool random = shape.digitLetterTurns >= 3 || (size >= 16 && (shape.digits > 0 || shape.caseTurns * 3 >= size));
@@ -230,6 +228,17 @@ std::size_t randomTailStart(const char* text, std::size_t size, std::size_t& tai
             break;
         }
     }
+    // The tail, of 6 or 8, follows a separator at 1 or more: most names have none there.
+    auto separatorAt = [&](std::size_t tail) {
+        if (stemEnd < tail + 2) {
+            return false;
+        }
+        char c = text[stemEnd - tail - 1];
+        return c == '-' || c == '.' || c == '_';
+    };
+    if (!separatorAt(6) && !separatorAt(8)) {
+        return size;
+    }
     std::size_t start = stemEnd;
     bool underscore = false;
     while (start > 0 && (isAlnum(text[start - 1]) || text[start - 1] == '_')) {
@@ -276,19 +285,14 @@ bool isTemporaryDirectory(const char* text, std::size_t size) {
            (lowered(text[0]) == 't' && lowered(text[1]) == 'e' && lowered(text[2]) == 'm' && lowered(text[3]) == 'p');
 }
 
-void appendFoldedSegment(std::string& out, const char* text, std::size_t size, bool temporaryPlace) {
+char* foldSegment(char* out, const char* text, std::size_t size, bool temporaryPlace, unsigned marks,
+                  bool& placeholder) {
     // Most segments are plain lowercase words: nothing in them can vary.
-    unsigned char seen = 0;
-    bool underscore = false;
-    for (std::size_t k = 0; k < size; ++k) {
-        seen |= classOf(text[k]);
-        underscore = underscore || text[k] == '_';
-    }
-    if (!(seen & (kDigitBit | kUpperBit)) && !temporaryPlace && !startsLikeTemporaryName(text, size)) {
+    if (!(marks & (kMarkDigit | kMarkUpper)) && !temporaryPlace && !startsLikeTemporaryName(text, size)) {
         std::size_t unused;
-        if (!underscore || size < 8 || randomTailStart(text, size, unused) == size) {
-            out.append(text, size);
-            return;
+        if (!(marks & kMarkUnderscore) || size < 8 || randomTailStart(text, size, unused) == size) {
+            std::memcpy(out, text, size);
+            return out + size;
         }
     }
     std::size_t i = 0;
@@ -296,8 +300,11 @@ void appendFoldedSegment(std::string& out, const char* text, std::size_t size, b
     std::size_t tailEnd = size;
     std::size_t tailStart = size;
     if (std::size_t temporary = temporaryNameLength(text, size, temporaryPlace, prefixLength)) {
-        out.append(text, prefixLength);
-        appendPlaceholder(out, kTemporary);
+        std::memcpy(out, text, prefixLength);
+        out += prefixLength;
+        std::memcpy(out, kTemporary, sizeof kTemporary - 1);
+        out += sizeof kTemporary - 1;
+        placeholder = true;
         i = temporary;
     } else if (size >= 8) {
         tailStart = randomTailStart(text, size, tailEnd);
@@ -305,9 +312,12 @@ void appendFoldedSegment(std::string& out, const char* text, std::size_t size, b
     // Kept text is copied in one piece when a placeholder comes and at the
     // end: most of a segment is kept.
     std::size_t kept = i;
-    auto replace = [&](std::size_t from, const char* placeholder, std::size_t placeholderSize, std::size_t to) {
-        out.append(text + kept, from - kept);
-        out.append(placeholder, placeholderSize);
+    auto replace = [&](std::size_t from, const char* placeholderText, std::size_t placeholderSize, std::size_t to) {
+        std::memcpy(out, text + kept, from - kept);
+        out += from - kept;
+        std::memcpy(out, placeholderText, placeholderSize);
+        out += placeholderSize;
+        placeholder = true;
         kept = to;
     };
     while (i < size) {
@@ -340,9 +350,9 @@ void appendFoldedSegment(std::string& out, const char* text, std::size_t size, b
             any |= bits;
             all &= bits;
         }
-        Placeholder placeholder = placeholderOf(text + i, end - i, any, all, temporaryPlace);
-        if (placeholder.text != nullptr) {
-            replace(i, placeholder.text, placeholder.size, end);
+        Placeholder found = placeholderOf(text + i, end - i, any, all, temporaryPlace);
+        if (found.text != nullptr) {
+            replace(i, found.text, found.size, end);
         } else if (any & kDigitBit) {
             // Letters kept, each digit run a number.
             for (std::size_t k = i; k < end;) {
@@ -360,7 +370,16 @@ void appendFoldedSegment(std::string& out, const char* text, std::size_t size, b
         }
         i = end;
     }
-    out.append(text + kept, size - kept);
+    std::memcpy(out, text + kept, size - kept);
+    return out + (size - kept);
+}
+
+void appendFoldedSegment(std::string& out, const char* text, std::size_t size, bool temporaryPlace) {
+    const std::size_t start = out.size();
+    out.resize(start + foldedBound(size));
+    bool placeholder = false;
+    char* end = foldSegment(&out[start], text, size, temporaryPlace, marksOf(text, size), placeholder);
+    out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
 }  // namespace baseeng
