@@ -11,14 +11,14 @@ namespace baseeng {
 namespace {
 
 enum {
-    kProcessCreation = 1,
-    kFileFirst = 6,
-    kFileDeletion = 8,
-    kFileRenaming = 9,
-    kFileLast = 10,
-    kConnection = 15,
-    kDnsQuery = 16,
-    kListening = 17,
+    kProcessCreation = WL_EVENT_PROCESS_CREATION,
+    kFileFirst = WL_EVENT_FILE_CREATION,
+    kFileDeletion = WL_EVENT_FILE_DELETION,
+    kFileRenaming = WL_EVENT_FILE_RENAMING,
+    kFileLast = WL_EVENT_FILE_TIME_MODIFICATION,
+    kConnection = WL_EVENT_NETWORK_CONNECTION,
+    kDnsQuery = WL_EVENT_DNS_QUERY,
+    kListening = WL_EVENT_PORT_LISTENING,
 };
 
 bool isFileEvent(unsigned type) { return type >= kFileFirst && type <= kFileLast; }
@@ -82,11 +82,11 @@ void putHead(JsonWriter& writer, const _BASE_EVENTINFO& event) {
 const char* baseEventName(unsigned eventType) {
     switch (eventType) {
         case kProcessCreation: return "PROCESS_CREATION";
-        case 6: return "FILE_CREATION";
-        case 7: return "FILE_MODIFICATION";
-        case 8: return "FILE_DELETION";
-        case 9: return "FILE_RENAMING";
-        case 10: return "FILE_TIME_MODIFICATION";
+        case WL_EVENT_FILE_CREATION: return "FILE_CREATION";
+        case WL_EVENT_FILE_MODIFICATION: return "FILE_MODIFICATION";
+        case WL_EVENT_FILE_DELETION: return "FILE_DELETION";
+        case WL_EVENT_FILE_RENAMING: return "FILE_RENAMING";
+        case WL_EVENT_FILE_TIME_MODIFICATION: return "FILE_TIME_MODIFICATION";
         case kConnection: return "NETWORK_CONNECTION";
         case kDnsQuery: return "DNS_QUERY";
         case kListening: return "HOST_PORT_LISTENING";

@@ -10,7 +10,7 @@ namespace {
 enum { kWhite = 1, kBlack = 0 };
 // delay_gate at which the module stops giving an event another pass.
 const uint16_t kDecided = 2;
-const uint16_t kProcessCreation = 1;
+const uint16_t kProcessCreation = WL_EVENT_PROCESS_CREATION;
 
 }  // namespace
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "alarm_repeats.h"
+#include "base_interface.h"
 #include "behaviour_model.h"
 #include "engine_settings.h"
 #include "model_records.h"
@@ -36,7 +37,7 @@ using FeatureOf = std::function<std::string(ModelMemory&)>;
 using ActorPathOf = std::function<std::string()>;
 
 // Result codes of interact(): the module's contract.
-enum { BOOK_OK = 0, BOOK_FAILED = -1, BOOK_NO_SUCH_MODEL_TO_DELETE = -2 };
+enum { BOOK_OK = WL_INTERACT_OK, BOOK_FAILED = -1, BOOK_NO_SUCH_MODEL_TO_DELETE = WL_INTERACT_DELETE_ANYWAY };
 
 class ModelBook {
 public:

@@ -14,7 +14,15 @@ namespace baseeng {
 
 namespace {
 
-enum { kDns = 0, kAddress = 1, kExecute = 2, kWrite = 3, kDelete = 5, kSqlFirst = 6, kSqlLast = 10 };
+enum {
+    kDns = WL_ACTION_DNS,
+    kAddress = WL_ACTION_ADDRESS,
+    kExecute = WL_ACTION_EXECUTE,
+    kWrite = WL_ACTION_WRITE,
+    kDelete = WL_ACTION_DELETE,
+    kSqlFirst = WL_ACTION_HSQL,
+    kSqlLast = WL_ACTION_SQLSERVER,
+};
 
 const SqlDialect kDialects[] = {SqlDialect::Standard, SqlDialect::MySql, SqlDialect::Oracle, SqlDialect::Postgres,
                                 SqlDialect::SqlServer};
