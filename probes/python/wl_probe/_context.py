@@ -7,6 +7,13 @@ import threading
 from urllib.parse import parse_qsl, quote
 
 REQUEST = contextvars.ContextVar("wl_probe_request", default=None)
+# REQUEST's value while the probe itself does I/O (its sender thread, its
+# logging): what happens then is not the application's. One look-up of
+# REQUEST thus answers both questions an action asks.
+BUSY = object()
+# Bound once: the middleware runs for every request.
+_get_request, _set_request, _reset_request = REQUEST.get, REQUEST.set, REQUEST.reset
+_new_object = object.__new__
 
 MAX_HEADERS = 64
 MAX_HEADER_VALUE = 1024
@@ -18,11 +25,19 @@ FORM_TYPE = "application/x-www-form-urlencoded"
 
 # Set by the probe when it starts; the middlewares pass through until then.
 settings = None
+# Failures met here, which the application never sees; the probe's stats() counts them with its own.
+errors = 0
+
+
+def _failed():
+    global errors
+    errors += 1
 
 
 def current_request():
     """The request being served on this thread or task, or None."""
-    return REQUEST.get()
+    request = REQUEST.get()
+    return None if request is BUSY else request
 
 
 def _native_text(value):
@@ -61,14 +76,11 @@ def _header(headers, name, value, redact):
 
 
 class _Request:
-    """What every request offers: fields() for a message and route() for
-    telling repeats apart."""
-    __slots__ = ()
+    """What every request offers: fields() for a message, and route_key
+    (method, host, path) for telling repeats apart."""
+    __slots__ = ("route_key",)
 
     def fields(self):
-        raise NotImplementedError
-
-    def route(self):
         raise NotImplementedError
 
 
@@ -173,20 +185,17 @@ class TeeInput:
 
 
 class WsgiRequest(_Request):
-    __slots__ = ("environ", "input", "_route", "_fields")
+    """Made by WSGIMiddleware without a Python __init__, a call that every
+    request would pay for."""
+    __slots__ = ("environ", "input", "_fields")
 
-    def __init__(self, environ, body_bytes):
-        self.environ = environ
-        self.input = None
-        self._route = None
-        self._fields = None
-        length = environ.get("CONTENT_LENGTH")
-        if body_bytes <= 0 or not length or length == "0":
-            return
+    def tee_body(self, length, body_bytes):
+        """Keeps the body's first body_bytes as the application reads it."""
         try:
             length = int(length)
         except ValueError:
             return
+        environ = self.environ
         stream = environ.get("wsgi.input")
         if length > 0 and stream is not None:
             self.input = TeeInput(stream, length, body_bytes)
@@ -197,14 +206,6 @@ class WsgiRequest(_Request):
         if fields is None:
             fields = self._fields = self._build()
         return fields
-
-    def route(self):
-        route = self._route
-        if route is None:
-            env = self.environ
-            route = self._route = (env.get("REQUEST_METHOD"), env.get("HTTP_HOST"), env.get("SCRIPT_NAME"),
-                                   env.get("PATH_INFO"))
-        return route
 
     def _build(self):
         env = self.environ
@@ -252,6 +253,7 @@ class AsgiRequest(_Request):
     __slots__ = ("scope", "body", "_limit", "_fixed", "_fields", "_fields_body")
 
     def __init__(self, scope, body_bytes):
+        self.route_key = (scope.get("method"), scope.get("root_path"), scope.get("path"))
         self.scope = scope
         self.body = bytearray()
         self._limit = body_bytes
@@ -270,10 +272,6 @@ class AsgiRequest(_Request):
                 self.body += (message.get("body") or b"")[:room]
             return message
         return receive_and_keep
-
-    def route(self):
-        scope = self.scope
-        return (scope.get("method"), scope.get("root_path"), scope.get("path"))
 
     def fields(self):
         fixed = self._fixed
@@ -350,31 +348,44 @@ class _ResponseInRequest:
                 REQUEST.reset(token)
 
 
-class WSGIMiddleware:
-    _wl_probe = True
+def WSGIMiddleware(app):  # noqa: N802  (named as the ASGI one, a class)
+    """app, run inside the context of each request it serves. A function,
+    not an object with __call__: the server calls it for every request, and
+    a function is the cheaper call."""
 
-    def __init__(self, app):
-        self.app = app
-
-    def __call__(self, environ, start_response):
-        current = REQUEST.get()
-        if settings is None or (current is not None and getattr(current, "environ", None) is environ):
-            return self.app(environ, start_response)
+    def in_request(environ, start_response):
+        config = settings
+        if config is None:
+            return app(environ, start_response)
+        current = _get_request()
+        if current is not None and getattr(current, "environ", None) is environ:
+            return app(environ, start_response)
+        request = _new_object(WsgiRequest)
+        request.environ = environ
+        request.route_key = (environ.get("REQUEST_METHOD"), environ.get("HTTP_HOST"), environ.get("SCRIPT_NAME"),
+                             environ.get("PATH_INFO"))
+        request.input = request._fields = None
+        length = environ.get("CONTENT_LENGTH")
+        if length and length != "0" and config.body_bytes > 0:
+            try:
+                request.tee_body(length, config.body_bytes)
+            except Exception:
+                _failed()  # the application reads its body untouched, and the request goes without it
+        token = _set_request(request)
         try:
-            request = WsgiRequest(environ, settings.body_bytes)
-        except Exception:
-            return self.app(environ, start_response)
-        token = REQUEST.set(request)
-        try:
-            result = self.app(environ, start_response)
+            result = app(environ, start_response)
         finally:
-            REQUEST.reset(token)
+            _reset_request(token)
         if isinstance(result, (list, tuple)):
             return result
         file_wrapper = environ.get("wsgi.file_wrapper")
         if isinstance(file_wrapper, type) and isinstance(result, file_wrapper):
             return result  # the server may send it with sendfile
         return _ResponseInRequest(result, request)
+
+    in_request._wl_probe = True
+    in_request.app = app
+    return in_request
 
 
 class ASGIMiddleware:
@@ -408,23 +419,31 @@ def is_asgi(app):
     return is_coroutine_function(app) or is_coroutine_function(getattr(app, "__call__", None))
 
 
-# id of an application -> (application, wrapper); the entry keeps the
-# application alive, so its id stays its own.
-_wrapped = {}
+# (application, wrapper) pairs; holding the application keeps it alive, so
+# no other object takes its identity. The last one found is tried first:
+# servers such as wsgiref hand the application over on every request.
+_wrapped = []
+last_wrapped = (None, None)
 
 
 def wrap_app(app):
     """The application inside the middleware that fits it, once."""
-    # Servers such as wsgiref hand the application over on every request.
-    entry = _wrapped.get(id(app))
-    if entry is not None and entry[0] is app:
-        return entry[1]
+    global last_wrapped
+    last = last_wrapped
+    if last[0] is app:
+        return last[1]
     if app is None or getattr(app, "_wl_probe", False):
         return app
-    wrapped = ASGIMiddleware(app) if is_asgi(app) else WSGIMiddleware(app)
-    if len(_wrapped) < 64:
-        _wrapped[id(app)] = (app, wrapped)
-    return wrapped
+    for entry in _wrapped:
+        if entry[0] is app:
+            break
+    else:
+        entry = (app, ASGIMiddleware(app) if is_asgi(app) else WSGIMiddleware(app))
+        if len(_wrapped) >= 64:
+            return entry[1]
+        _wrapped.append(entry)
+    last_wrapped = entry
+    return entry[1]
 
 
 # Threads and executor jobs do not take the caller's contextvars with them.
@@ -439,7 +458,7 @@ def propagate_into_threads():
 
     def start(self):
         request = REQUEST.get()
-        if request is not None:
+        if request is not None and request is not BUSY:
             try:
                 target = getattr(self, "_target", None)
                 # A pool's worker outlives the request that happened to start it.
@@ -451,7 +470,7 @@ def propagate_into_threads():
                         return run()
                     self.run = run_in_request
             except Exception:
-                pass
+                _failed()
         return original(self)
 
     start._wl_probe = True
@@ -475,7 +494,7 @@ def propagate_into_executor(module):
 
     def submit(self, fn, /, *args, **kwargs):
         request = REQUEST.get()
-        if request is not None:
+        if request is not None and request is not BUSY:
             fn = functools.partial(_run_in_request, request, fn)
         return original(self, fn, *args, **kwargs)
 

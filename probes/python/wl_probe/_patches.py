@@ -78,26 +78,18 @@ def patch_wsgiref_handlers(module):
 
     @_mark
     def run(self, application):
-        return original(self, _context.wrap_app(application))
-    module.BaseHandler.run = run
-
-
-def patch_wsgiref_server(module):
-    original = module.WSGIRequestHandler.get_environ
-    if getattr(original, "_wl_probe", False):
-        return
-
-    @_mark
-    def get_environ(self):
-        environ = original(self)
-        # wsgiref leaves the client's port out.
-        if "REMOTE_PORT" not in environ:
+        # wsgiref.simple_server's handler leaves the client's port out of the
+        # environ; its request handler, which knows it, hangs on the handler.
+        request_handler = getattr(self, "request_handler", None)
+        if request_handler is not None:
             try:
-                environ["REMOTE_PORT"] = str(self.client_address[1])
+                self.base_env.setdefault("REMOTE_PORT", str(request_handler.client_address[1]))
             except (AttributeError, IndexError, TypeError):
                 pass
-        return environ
-    module.WSGIRequestHandler.get_environ = get_environ
+        # Called for every request with the same application: the last one wrapped is tried first, here.
+        last = _context.last_wrapped
+        return original(self, last[1] if last[0] is application else _context.wrap_app(application))
+    module.BaseHandler.run = run
 
 
 def patch_gunicorn(module):
@@ -147,7 +139,6 @@ def patch_uvicorn(module):
 
 PATCHES = {
     "wsgiref.handlers": patch_wsgiref_handlers,
-    "wsgiref.simple_server": patch_wsgiref_server,
     "gunicorn.app.base": patch_gunicorn,
     "waitress": patch_waitress,
     "uvicorn.config": patch_uvicorn,

@@ -10,10 +10,7 @@ import time
 
 from . import _context, _guard
 from ._config import Config
-from ._sender import Sender
-
-KIND = {"dns": "network", "address": "network", "execute": "process", "write": "file", "read": "file",
-        "delete": "file", "hsql": "sql", "mysql": "sql", "oracle": "sql", "postgre": "sql", "sqlserver": "sql"}
+from ._sender import KIND, Sender
 
 # A connect this soon after a look-up on the same thread, to the same port,
 # is taken to go to the name looked up.
@@ -26,8 +23,16 @@ _start_lock = threading.Lock()
 _local = _guard.local
 # O_RDONLY is 0: any access-mode bit, or any of the others, means a write.
 _WRITE_FLAGS = os.O_ACCMODE | os.O_CREAT | os.O_TRUNC | os.O_APPEND
+_MODULE_SUFFIXES = (".py", ".pyc")
+# Absolute paths as opened -> as reported. An application opens a few paths
+# over and over; module files are left out (whether one is reported depends
+# on who opens it), and relative paths (on the working directory).
+_open_paths = {}
+MAX_OPEN_PATHS = 1024
+MAX_PATH = 4096  # longer ones cannot be opened: they are not kept
 # Bound once: emit runs for every action, mostly to find it a repeat.
 _current_request = _context.REQUEST.get
+_BUSY = _context.BUSY
 _monotonic = time.monotonic
 
 
@@ -41,6 +46,8 @@ class Probe:
         except Exception:
             self.app_cmd = ""
         self.sender = Sender(config, self.app_cmd)
+        self.repeats_suppressed = 0
+        self.context_errors_before = _context.errors  # the middleware's count is the process's, not this probe's
         self.recent = {}
         self.repeat_seconds = config.repeat_seconds
         self.field_bytes = config.field_bytes
@@ -48,35 +55,39 @@ class Probe:
     def after_fork_in_child(self):
         self.pid = os.getpid()
         self.recent = {}
+        self.repeats_suppressed = 0
+        self.context_errors_before = _context.errors
         self.sender.after_fork_in_child()
 
     def emit(self, action, subject, key=None):
-        """subject: text, or the address object."""
-        if type(subject) is str and len(subject) > self.field_bytes:
-            subject = subject[:self.field_bytes]
+        """subject: text, or the address object (whose few keys never reach field_bytes)."""
         request = _current_request()
-        ttl = self.repeat_seconds
-        if ttl:
+        if request is _BUSY:
+            return  # the probe's own I/O
+        if len(subject) > self.field_bytes:
+            subject = subject[:self.field_bytes]
+        if self.repeat_seconds:
             # Decided before the request's fields are gathered: most repeats cost only this.
-            key = (action, subject if key is None else key, request.route() if request is not None else None)
+            key = (action, subject if key is None else key, None if request is None else request.route_key)
             now = _monotonic()
-            recent = self.recent
-            last = recent.get(key)
-            if last is not None and now - last < ttl:
+            if self.recent.get(key, 0.0) > now:
                 # Unlocked on this hot path: a rare lost count between threads is tolerated here.
-                self.sender.counts["repeats_suppressed"] += 1
+                self.repeats_suppressed += 1
                 return
+            recent = self.recent
             if len(recent) >= MAX_RECENT:
                 recent.clear()
-            recent[key] = now
-        fields = request.fields() if request is not None else None
-        self.sender.put((self.pid, int(time.time()), fields, action, KIND[action], subject))
+            recent[key] = now + self.repeat_seconds  # until then, the same action is a repeat
+        self.sender.put((self.pid, int(time.time()), request.fields() if request is not None else None, action,
+                         subject))
 
 
 def report(action, subject, key=None):
     """Reports one action from code outside the audit hook (database wrappers)."""
+    if action not in KIND:
+        raise ValueError("unknown action %r: one of %s" % (action, ", ".join(sorted(KIND))))
     probe = _probe
-    if probe is None or not probe.active or getattr(_local, "busy", False):
+    if probe is None or not probe.active:
         return
     try:
         probe.emit(action, subject if type(subject) is str else text(subject), key)
@@ -126,24 +137,36 @@ def _file(probe, action, path, dir_fd=None):
         probe.emit(action, path)
 
 
-def _on_open(probe, args):
+def _on_open(probe, args, _known=_open_paths):
     path, mode, flags = args
     if type(path) is str:
-        if path.endswith((".py", ".pyc")) and sys._getframe(2).f_code.co_filename.startswith("<frozen "):
-            return  # the import system reading modules
-        if not path.startswith("/") or "/." in path or "//" in path:
-            path = _path(path)
+        subject = _known.get(path)
+        if subject is None:
+            if not path:
+                return
+            if path.endswith(_MODULE_SUFFIXES):
+                if sys._getframe(2).f_code.co_filename.startswith("<frozen "):
+                    return  # the import system reading modules
+                subject = _path(path)
+            elif path[0] != "/":
+                subject = _path(path)  # as the working directory is now
+            else:
+                subject = path if "/." not in path and "//" not in path else os.path.normpath(path)
+                if len(_known) >= MAX_OPEN_PATHS:
+                    _known.clear()
+                if len(path) <= MAX_PATH:
+                    _known[path] = subject
     elif isinstance(path, int):
         return  # a descriptor: its open was the event
     else:
-        path = _path(path)
-    if not path:
-        return
-    if isinstance(flags, int):
-        write = bool(flags & _WRITE_FLAGS)
+        subject = _path(path)
+        if not subject:
+            return
+    if type(flags) is int:
+        write = flags & _WRITE_FLAGS
     else:
         write = any(c in str(mode) for c in "wax+")
-    probe.emit("write" if write else "read", path)
+    probe.emit("write" if write else "read", subject)
 
 
 def _on_delete(probe, args):
@@ -176,7 +199,7 @@ def _on_popen(probe, args):
 
 def _on_posix_spawn(probe, args):
     line = _command(args[1])
-    if getattr(_local, "popen_line", None) == line:
+    if _local.popen_line == line:
         _local.popen_line = None
         return
     probe.emit("execute", line)
@@ -239,7 +262,7 @@ def _on_connect(probe, args):
     if family in (socket.AF_INET, socket.AF_INET6) and isinstance(address, tuple) and len(address) >= 2:
         destination, port = text(address[0]), address[1]
         host = destination
-        resolved = getattr(_local, "resolved", None)
+        resolved = _local.resolved
         if resolved is not None and time.monotonic() - resolved[2] < NAME_MEMORY_SECONDS \
                 and resolved[1] == str(port) and _is_address(destination):
             host = resolved[0]
@@ -275,18 +298,19 @@ HANDLERS = {
 }
 
 
-def _hook(event, args):
-    # Called for every audit event of the process: the miss must stay cheap.
-    handler = HANDLERS.get(event)
-    if handler is None:
+def _hook(event, args, _handlers=HANDLERS):
+    # Called for every audit event of the process (the default binds its
+    # name as a local): a miss is one membership test.
+    if event not in _handlers:
         return
     probe = _probe
-    if probe is None or not probe.active or getattr(_local, "busy", False):
+    if probe is None or not probe.active:
         return
     # Handlers do no audited I/O of their own; the probe's I/O (sending,
-    # logging) runs marked busy, on the sender thread or under _guard.busy().
+    # logging) runs marked busy, on the sender thread or under _guard.busy(),
+    # and emit drops what it does.
     try:
-        handler(probe, args)
+        _handlers[event](probe, args)
     except Exception:
         try:
             probe.sender.count("errors")
@@ -305,7 +329,7 @@ def _at_exit():
     if probe is not None and probe.active:
         probe.sender.flush(0.5)
         probe.active = False
-        probe.sender.closed = True
+        probe.sender.close()
 
 
 def start(config=None):
@@ -341,7 +365,7 @@ def stop(timeout=0.5):
             return
         probe.sender.flush(timeout)
         probe.active = False
-        probe.sender.closed = True
+        probe.sender.close()
         _context.settings = None
         _probe = None
 
@@ -353,5 +377,8 @@ def stats():
     if probe is None:
         return {"running": False}
     result = probe.sender.stats()
+    result["repeats_suppressed"] = probe.repeats_suppressed
+    result["events"] += probe.repeats_suppressed
+    result["errors"] += _context.errors - probe.context_errors_before
     result["running"] = probe.active
     return result

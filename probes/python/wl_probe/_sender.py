@@ -28,11 +28,18 @@ SEND_TIMEOUT = 5.0
 # sends them in one write, unless the queue fills to half meanwhile.
 GATHER_SECONDS = 0.05
 
-COUNTERS = ("repeats_suppressed", "queued", "sent", "dropped_queue_full", "dropped_no_agent",
+COUNTERS = ("queued", "sent", "dropped_queue_full", "dropped_no_agent",
             "dropped_too_long", "errors")
 
 
 _dumps = json.JSONEncoder(ensure_ascii=False, separators=(",", ":")).encode
+_dumps_text = json.encoder.encode_basestring  # what _dumps does for a str, without its checks
+
+# The class of each action, and both as the JSON that introduces its subject.
+KIND = {"dns": "network", "address": "network", "execute": "process", "write": "file", "read": "file",
+        "delete": "file", "hsql": "sql", "mysql": "sql", "oracle": "sql", "postgre": "sql", "sqlserver": "sql"}
+_ACTION_TEXT = {action: '"data":{"type":%s,"action":%s,"data":' % (_dumps(kind), _dumps(action))
+                for action, kind in KIND.items()}
 
 
 class LineEncoder:
@@ -42,23 +49,25 @@ class LineEncoder:
 
     def __init__(self, app_cmd):
         self._app_cmd = ',"appCmd":' + _dumps(app_cmd) if app_cmd else ""
+        self._no_request_text = "{" + self._app_cmd[1:] + "," if app_cmd else "{"
         self._fields = None
         self._fields_text = ""
 
-    def _request_text(self, fields):
-        # The text of data's members up to the action: '{"url":...,' or '{'.
-        if not fields:
-            return "{" + self._app_cmd[1:] + "," if self._app_cmd else "{"
-        if fields is not self._fields:
-            # The entry holding fields keeps it alive, so identity is enough.
-            self._fields_text = _dumps(fields)[:-1] + self._app_cmd + ","
-            self._fields = fields
-        return self._fields_text
-
     def encode(self, entry):
-        pid, when, fields, action, kind, subject = entry
-        text = '{"pid":%s,"time":%s,"data":%s"data":{"type":%s,"action":%s,"data":%s}}}' % (
-            _dumps(pid), _dumps(when), self._request_text(fields), _dumps(kind), _dumps(action), _dumps(subject))
+        """entry: (pid, time, request fields or None, action, subject)."""
+        pid, when, fields, action, subject = entry
+        if not fields:
+            # The text of data's members up to the action: '{"url":...,' or '{'.
+            request_text = self._no_request_text
+        elif fields is self._fields:
+            request_text = self._fields_text
+        else:
+            # The entry holding fields keeps it alive, so identity is enough.
+            request_text = self._fields_text = _dumps(fields)[:-1] + self._app_cmd + ","
+            self._fields = fields
+        text = '{"pid":%d,"time":%d,"data":%s%s%s}}}' % (
+            pid, when, request_text, _ACTION_TEXT[action],
+            _dumps_text(subject) if type(subject) is str else _dumps(subject))
         try:
             # Names and bodies that were not UTF-8 travel as their original bytes:
             # the agent's records hold bytes.
@@ -111,7 +120,8 @@ class Sender:
     def stats(self):
         with self._count_lock:
             result = dict(self.counts)
-        result["events"] = result["queued"] + result["dropped_queue_full"] + result["repeats_suppressed"]
+        # Events the sender saw; the probe adds the repeats it kept back.
+        result["events"] = result["queued"] + result["dropped_queue_full"]
         result["queue_depth"] = len(self._queue)
         result["queue_max"] = self.config.queue_max
         result["connected"] = self._sock is not None
@@ -154,7 +164,8 @@ class Sender:
     def _run(self):
         _guard.mark_probe_thread()
         while not self.closed:
-            self._wake.wait(1.0)
+            # No timeout: an idle sender never takes the interpreter lock.
+            self._wake.wait()
             if self._queue and len(self._queue) < self._urgent_depth:
                 self._urgent.wait(GATHER_SECONDS)
             self._wake.clear()
@@ -162,18 +173,32 @@ class Sender:
             # From here an entry wakes the sender again; whatever came before is in this drain.
             self._waking = False
             self.drain(None)
+        with self._send_lock:
+            sock, self._sock = self._sock, None
+            if sock is not None:
+                sock.close()
+
+    def close(self):
+        """Takes no more entries; the sender thread ends."""
+        self.closed = True
+        self._wake.set()
 
     def drain(self, lock_timeout):
         """Sends what is queued; lock_timeout None waits for a concurrent drain."""
         if not self._send_lock.acquire(timeout=-1 if lock_timeout is None else lock_timeout):
             return
         try:
-            while self._queue:
+            queue = self._queue
+            while queue:
+                if self._sock is None and time.monotonic() < self._retry_at:
+                    # No agent, and not yet time to try again: the lines would be made only to be lost.
+                    self._drop_unsent(queue)
+                    break
                 # Short batches: the interpreter lock is given back at each write,
                 # so a large backlog does not hold a request up for long.
                 lines = []
-                while self._queue and len(lines) < 64:
-                    entry = self._queue.popleft()
+                while queue and len(lines) < 64:
+                    entry = queue.popleft()
                     try:
                         line = self._encoder.encode(entry)
                     except Exception:
@@ -187,6 +212,17 @@ class Sender:
                     self._write(lines)
         finally:
             self._send_lock.release()
+
+    def _drop_unsent(self, queue):
+        dropped = 0
+        try:
+            while True:
+                queue.popleft()
+                dropped += 1
+        except IndexError:
+            pass
+        self.count("dropped_no_agent", dropped)
+        self.warn_if_due()
 
     def _connect(self):
         now = time.monotonic()

@@ -6,7 +6,8 @@ import functools
 import sys
 
 from . import _context, _guard
-from ._probe import report
+from . import _probe as _probes
+from ._probe import report, text
 
 _local = _guard.local
 _subclasses = {}
@@ -22,28 +23,64 @@ def _query_of(kwargs):
 def _statement(action, original):
     """original, reporting its statement first."""
     def method(self, *args, **kwargs):
-        query = args[0] if args else _query_of(kwargs)
-        if query is not None:
-            report(action, query)
+        # report(), inlined: this runs for every statement.
+        probe = _probes._probe
+        if probe is not None and probe.active:
+            query = args[0] if args else _query_of(kwargs)
+            if query is not None:
+                try:
+                    probe.emit(action, query if type(query) is str else text(query))
+                except Exception:
+                    probe.sender.count("errors")
         return original(self, *args, **kwargs)
     method.__name__ = getattr(original, "__name__", "execute")
     return method
 
 
-def subclass(factory, base, action, names, extra=None):
+_ABSENT = object()
+
+
+def _positional_statement(action, original):
+    """_statement for a method that takes (statement[, parameters]), by
+    position only, as sqlite3's do: no *args and **kwargs to pack and unpack
+    on every statement."""
+    def method(self, sql, parameters=_ABSENT, /):
+        probe = _probes._probe
+        if probe is not None and probe.active and sql is not None:
+            try:
+                probe.emit(action, sql if type(sql) is str else text(sql))
+            except Exception:
+                probe.sender.count("errors")
+        if parameters is _ABSENT:
+            return original(self, sql)
+        return original(self, sql, parameters)
+    method.__name__ = getattr(original, "__name__", "execute")
+    return method
+
+
+def subclass(factory, base, action, names, extra=None, positional=False):
     """A subclass of factory whose methods names report their statements as
     action, when factory is base or a subclass of it and not wrapped yet;
-    otherwise factory unchanged. extra(factory) adds methods of its own."""
+    otherwise factory unchanged. extra(factory) adds methods of its own.
+    positional: base's methods take their arguments by position only; so do
+    factory's, unless it defines them anew."""
     if not isinstance(factory, type) or not issubclass(factory, base) or getattr(factory, "_wl_probe_sql", False):
         return factory
     key = (factory, action, names)
     cls = _subclasses.get(key)
     if cls is None:
         # The factory's own methods are called directly: no super() lookup per statement.
-        namespace = {name: _statement(action, getattr(factory, name)) for name in names if hasattr(factory, name)}
+        namespace = {}
+        for name in names:
+            original = getattr(factory, name, None)
+            if original is not None:
+                fixed = positional and original is getattr(base, name, None)
+                namespace[name] = (_positional_statement if fixed else _statement)(action, original)
         namespace.update(extra(factory) if extra else {})
+        # No __dict__ for the instances (unless the factory's have one): looking
+        # up a method of an object without one is the quicker.
         namespace.update({"__module__": factory.__module__, "__qualname__": factory.__qualname__,
-                          "_wl_probe_sql": True})
+                          "__slots__": (), "_wl_probe_sql": True})
         cls = _subclasses[key] = type(factory.__name__, (factory,), namespace)
     return cls
 
@@ -75,7 +112,7 @@ def patch_sqlite3(module):
     base_cursor, base_connection = module.Cursor, module.Connection
 
     def cursor_class(factory):
-        return subclass(factory, base_cursor, "hsql", SQLITE_METHODS)
+        return subclass(factory, base_cursor, "hsql", SQLITE_METHODS, positional=True)
 
     def connection_extra(factory):
         original = factory.cursor
@@ -91,10 +128,11 @@ def patch_sqlite3(module):
     def wrap_arguments(args, kwargs):
         # connect(database, timeout, detect_types, isolation_level, check_same_thread, factory, ...)
         if len(args) > 5:
-            args = args[:5] + (subclass(args[5], base_connection, "hsql", SQLITE_METHODS, connection_extra),) + args[6:]
+            args = args[:5] + (subclass(args[5], base_connection, "hsql", SQLITE_METHODS, connection_extra, True),) \
+                + args[6:]
         else:
             kwargs["factory"] = subclass(kwargs.get("factory", base_connection), base_connection, "hsql",
-                                         SQLITE_METHODS, connection_extra)
+                                         SQLITE_METHODS, connection_extra, True)
         return args, kwargs
 
     connect = _patch_connect(module, wrap_arguments)
@@ -149,7 +187,7 @@ def patch_methods(cls, names, action):
         else:
             def make(original):
                 def method(self, *args, **kwargs):
-                    depth = getattr(_local, "sql_depth", 0)
+                    depth = _local.sql_depth
                     if not depth:
                         _report(action, args, kwargs)
                     _local.sql_depth = depth + 1
