@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base_interface.h"
+#include "temp_dir.h"
 #include "transformer.h"
 
 namespace enginetest {
@@ -138,29 +139,6 @@ inline std::unique_ptr<_RASP_EVENTINFO> raspEvent(unsigned long long pid, unsign
     }
     return event;
 }
-
-// A fresh directory, removed with everything in it at the end.
-class TempDir {
-public:
-    TempDir() : m_path((std::filesystem::temp_directory_path() / "engine_lib_XXXXXX").string()) {
-        if (mkdtemp(m_path.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return m_path; }
-    std::string read(const std::string& name) const {
-        std::ostringstream content;
-        content << std::ifstream(m_path + "/" + name, std::ios::binary).rdbuf();
-        return content.str();
-    }
-
-private:
-    std::string m_path;
-};
 
 }  // namespace enginetest
 

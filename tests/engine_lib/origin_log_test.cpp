@@ -21,7 +21,7 @@ TEST(OriginLogTest, EveryKindReadsBackAsTheSameEvent) {
         engine->processEvent(*sent);
         ASSERT_EQ(engine->saveOriginLog(*sent, dir.path().c_str()), 0);
         std::vector<_BASE_EVENTINFO> back;
-        std::string log = dir.read("shop.origin.json");
+        std::string log = readFile(dir / "shop.origin.json");
         ASSERT_TRUE(Transformer().judgeEventType(log, back)) << log;
         ASSERT_EQ(back.size(), 1u) << log;
         // The reader stamps its own time and leaves the model to its caller.
@@ -47,8 +47,8 @@ TEST(OriginLogTest, FullFilesAreMovedAsideAndNothingIsLost) {
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         std::string name = entry.path().filename().string();
         if (name.find(".origin") == std::string::npos) continue;
-        EXPECT_TRUE(Transformer().judgeEventType(dir.read(name), back)) << name;
-        EXPECT_LT(dir.read(name).size(), 4096u + 2048u) << name;
+        EXPECT_TRUE(Transformer().judgeEventType(readFile(dir / name), back)) << name;
+        EXPECT_LT(readFile(dir / name).size(), 4096u + 2048u) << name;
     }
     EXPECT_EQ(back.size(), 40u) << "rotation loses nothing";
 }
