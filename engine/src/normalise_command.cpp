@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "feature_memo.h"
+#include "inline_vector.h"
 #include "normalise_path.h"
 #include "variable_runs.h"
 
@@ -95,16 +96,9 @@ public:
     Words(const Words&) = delete;
     Words& operator=(const Words&) = delete;
 
-    std::size_t size() const { return m_size; }
-    const Word& operator[](std::size_t i) const { return i < kInline ? m_inline[i] : m_more[i - kInline]; }
-    void push_back(const Word& word) {
-        if (m_size < kInline) {
-            m_inline[m_size] = word;
-        } else {
-            m_more.push_back(word);
-        }
-        ++m_size;
-    }
+    std::size_t size() const { return m_words.size(); }
+    const Word& operator[](std::size_t i) const { return m_words[i]; }
+    void push_back(const Word& word) { m_words.push_back(word); }
     // Room for unquoted text: never more than the line, so earlier words
     // stay where they are.
     std::string& letters() {
@@ -115,10 +109,7 @@ public:
     }
 
 private:
-    static const std::size_t kInline = 24;
-    Word m_inline[kInline];
-    std::vector<Word> m_more;
-    std::size_t m_size = 0;
+    InlineVector<Word, 24> m_words;
     std::size_t m_lineSize;
     std::string m_letters;
 };

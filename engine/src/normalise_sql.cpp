@@ -3,6 +3,7 @@
 #include <cstring>
 #include <vector>
 
+#include "inline_vector.h"
 #include "variable_runs.h"
 
 namespace baseeng {
@@ -24,33 +25,8 @@ struct Group {
     bool expectItem;
 };
 
-// The open groups; statements rarely nest deeper than the inline part, so
-// folding one allocates nothing.
-class GroupStack {
-public:
-    bool empty() const { return m_size == 0; }
-    Group& back() { return m_size <= kInline ? m_inline[m_size - 1] : m_more.back(); }
-    void push_back(const Group& group) {
-        if (m_size < kInline) {
-            m_inline[m_size] = group;
-        } else {
-            m_more.push_back(group);
-        }
-        ++m_size;
-    }
-    void pop_back() {
-        if (m_size > kInline) {
-            m_more.pop_back();
-        }
-        --m_size;
-    }
-
-private:
-    static const std::size_t kInline = 16;
-    Group m_inline[kInline];
-    std::vector<Group> m_more;
-    std::size_t m_size = 0;
-};
+// The open groups; statements rarely nest deeper than the inline part.
+using GroupStack = InlineVector<Group, 16>;
 
 enum : unsigned char { kSpaceBit = 1, kWordStartBit = 2, kWordPartBit = 4, kDigitBit = 8 };
 
