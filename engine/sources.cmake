@@ -7,6 +7,7 @@ add_library(baseeng SHARED
   src/normalise_path.cpp
   src/normalise_command.cpp
   src/normalise_sql.cpp
+  src/sql_skeleton.cpp
   src/feature_kinds.cpp
   src/address_names.cpp
   src/learning_progress.cpp

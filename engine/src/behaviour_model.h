@@ -25,6 +25,7 @@ class ModelMemory {
 public:
     AddressNames addressNames;  // from the DNS answers its application got
     FeatureMemo memo;
+    std::string scratch;  // room for one event's intermediate text, kept to spare an allocation each
 
     // The directories of its file features.
     const DirectorySet& fileDirectories() const { return m_fileDirectories; }

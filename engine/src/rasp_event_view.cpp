@@ -8,6 +8,7 @@
 #include "normalise_command.h"
 #include "normalise_path.h"
 #include "normalise_sql.h"
+#include "sql_skeleton.h"
 #include "variable_runs.h"
 
 namespace baseeng {
@@ -23,6 +24,9 @@ enum {
     kSqlFirst = WL_ACTION_HSQL,
     kSqlLast = WL_ACTION_SQLSERVER,
 };
+
+// Memo tag bit of a key that is a statement's skeleton rather than its text.
+const std::uint64_t kSkeletonTag = 0x80;
 
 const SqlDialect kDialects[] = {SqlDialect::Standard, SqlDialect::MySql, SqlDialect::Oracle, SqlDialect::Postgres,
                                 SqlDialect::SqlServer};
@@ -140,8 +144,15 @@ std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
         bool command = type == kExecute;
         const std::string& text =
             command ? firstFilled(event.action_data, event.appCmd) : firstFilled(event.sql_text, event.action_data);
-        FeatureMemo::Key memoKey =
-            FeatureMemo::keyOf(text.data(), text.size(), type | (command ? memory.directoriesGeneration() << 8 : 0));
+        const SqlDialect dialect = command ? SqlDialect::Standard : kDialects[type - kSqlFirst];
+        // A statement is remembered by its skeleton, so that new values fold once.
+        std::string& skeleton = memory.scratch;
+        skeleton.clear();
+        const bool bySkeleton = !command && appendSqlSkeleton(skeleton, text, dialect);
+        const std::string& memoText = bySkeleton ? skeleton : text;
+        FeatureMemo::Key memoKey = FeatureMemo::keyOf(
+            memoText.data(), memoText.size(),
+            type | (bySkeleton ? kSkeletonTag : 0) | (command ? memory.directoriesGeneration() << 8 : 0));
         if (const std::string* known = memory.memo.find(memoKey)) {
             return *known;
         }
@@ -149,7 +160,7 @@ std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
             key.reserve(key.size() + foldedBound(text.size()) + 8);
             appendNormalisedCommand(key, "", 0, text.c_str(), text.size(), &memory.fileDirectories(), &memory.memo);
         } else {
-            appendNormalisedSql(key, text, kDialects[type - kSqlFirst]);  // sizes the key itself
+            appendNormalisedSql(key, text, dialect);  // sizes the key itself
         }
         memory.memo.remember(memoKey, key);
     }

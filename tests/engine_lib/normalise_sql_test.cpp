@@ -90,6 +90,39 @@ TEST(NormaliseSqlTest, TheStatementsShapeStaysNew) {
     });
 }
 
+// A statement seen twice is remembered by its skeleton (values, blanks and
+// leading comments collapsed): a statement with the same skeleton and
+// another shape must still be folded for itself.
+TEST(NormaliseSqlTest, ARememberedStatementStandsOnlyForItsOwnShape) {
+    struct Case {
+        const char* rule;
+        std::string learned;
+        std::string probe;
+    };
+    const Case cases[] = {
+        {"digits in a quoted name", "postgre SELECT \"a 1\" FROM t", "postgre SELECT \"a 2\" FROM t"},
+        {"blanks in a quoted name", "mysql SELECT `a  b` FROM t", "mysql SELECT `a b` FROM t"},
+        {"digits in a bracketed name", "sqlserver SELECT [c 1] FROM t", "sqlserver SELECT [c 2] FROM t"},
+        {"a line comment ends at its line break", "mysql SELECT a FROM t -- n\n WHERE b = 1",
+         "mysql SELECT a FROM t -- n  WHERE b = 1"},
+        {"a hash comment ends at its line break", "mysql SELECT a FROM t # n\nWHERE b = 1",
+         "mysql SELECT a FROM t # n WHERE b = 1"},
+        {"digits of a server variable", "mysql SELECT @@1 FROM t", "mysql SELECT @@2 FROM t"},
+        {"an escaped quote", "mysql SELECT a FROM t WHERE n = 'p\\' OR b = ' LIMIT 1",
+         "mysql SELECT a FROM t WHERE n = 'q' OR b = ' LIMIT 1"},
+        {"a quote in a comment", "postgre SELECT a /* ' */, secret /* ' */ FROM t",
+         "postgre SELECT a /* ' */, other /* ' */ FROM t"},
+        {"a quote in dollar quoting", "postgre SELECT $$'$$, secret, $$'$$", "postgre SELECT $$'$$, other, $$'$$"},
+        {"a quote in a double-quoted string", "mysql SELECT \"'\", secret, \"'\"", "mysql SELECT \"'\", other, \"'\""},
+        {"a digit closing alternative quoting", "oracle SELECT q'1x1', a FROM dual",
+         "oracle SELECT q'22x1', a FROM dual"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_FALSE(knows<RaspInterface>({c.learned, c.learned}, {c.probe}))
+            << c.rule << "\n  learned: " << c.learned << "\n  probe:   " << c.probe;
+    }
+}
+
 TEST(NormaliseSqlTest, AFedBackAlarmTeachesItsShape) {
     auto engine = startedEngine<RaspInterface>(1);
     feed(*engine, {kOrders});
