@@ -147,12 +147,15 @@ std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
         const SqlDialect dialect = command ? SqlDialect::Standard : kDialects[type - kSqlFirst];
         // A statement is remembered by its skeleton, so that new values fold once.
         std::string& skeleton = memory.scratch;
-        skeleton.clear();
-        const bool bySkeleton = !command && appendSqlSkeleton(skeleton, text, dialect);
-        const std::string& memoText = bySkeleton ? skeleton : text;
-        FeatureMemo::Key memoKey = FeatureMemo::keyOf(
-            memoText.data(), memoText.size(),
-            type | (bySkeleton ? kSkeletonTag : 0) | (command ? memory.directoriesGeneration() << 8 : 0));
+        if (!command && skeleton.size() < sqlSkeletonRoom(text.size())) {
+            skeleton.resize(sqlSkeletonRoom(text.size()));  // only ever grows: no clearing per event
+        }
+        std::size_t skeletonSize = 0;
+        const bool bySkeleton = !command && writeSqlSkeleton(&skeleton[0], text, dialect, skeletonSize);
+        FeatureMemo::Key memoKey = bySkeleton
+                                       ? FeatureMemo::keyOf(skeleton.data(), skeletonSize, type | kSkeletonTag)
+                                       : FeatureMemo::keyOf(text.data(), text.size(),
+                                                            type | (command ? memory.directoriesGeneration() << 8 : 0));
         if (const std::string* known = memory.memo.find(memoKey)) {
             return *known;
         }

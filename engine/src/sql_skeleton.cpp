@@ -26,7 +26,7 @@ struct SkeletonBytes {
         for (int c = 'A'; c <= 'Z'; ++c) of[c] = kWordBit;
         for (int c = 0x80; c < 0x100; ++c) of[c] = kWordBit | kStopBit;
         for (unsigned char c : {'_', '$', '#', '@'}) of[c] = kWordBit;
-        for (unsigned char c : {'\'', '-', '/', '#', '"', '`', '$', '['}) of[c] |= kStopBit;
+        for (unsigned char c : {'\'', '-', '/', '#', '"', '`', '$', '[', '%', '&'}) of[c] |= kStopBit;
         for (int c = 0; c < ' '; ++c) of[c] |= kStopBit;
     }
 };
@@ -42,16 +42,16 @@ inline unsigned plainRun(const char* at) {
 #if defined(__SSE2__)
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
     auto equal = [&](char c) { return _mm_cmpeq_epi8(bytes, _mm_set1_epi8(c)); };
-    // Signed compares: bytes from 0x80 up are negative, below '0' and not above '9'.
-    const __m128i digit =
-        _mm_and_si128(_mm_cmpgt_epi8(bytes, _mm_set1_epi8('0' - 1)), _mm_cmplt_epi8(bytes, _mm_set1_epi8('9' + 1)));
-    // Controls (blanks but the space among them) and bytes from 0x80 up: below ' ' when signed.
-    const __m128i low = _mm_cmplt_epi8(bytes, _mm_set1_epi8(' '));
-    __m128i stop = _mm_or_si128(digit, low);
-    stop = _mm_or_si128(stop, _mm_or_si128(equal('\''), equal('-')));
-    stop = _mm_or_si128(stop, _mm_or_si128(equal('/'), equal('#')));
-    stop = _mm_or_si128(stop, _mm_or_si128(equal('"'), equal('`')));
-    stop = _mm_or_si128(stop, _mm_or_si128(equal('$'), equal('[')));
+    // Signed compares: bytes from 0x80 up are negative.
+    auto within = [&](char low, char high) {
+        return _mm_and_si128(_mm_cmpgt_epi8(bytes, _mm_set1_epi8(static_cast<char>(low - 1))),
+                             _mm_cmplt_epi8(bytes, _mm_set1_epi8(static_cast<char>(high + 1))));
+    };
+    // '/' and the digits; '"' to '\'' (with '%' and '&', which only cost a stop);
+    // controls and bytes from 0x80 up, below ' ' when signed.
+    __m128i stop = _mm_or_si128(within('/', '9'), within('"', '\''));
+    stop = _mm_or_si128(stop, _mm_cmplt_epi8(bytes, _mm_set1_epi8(' ')));
+    stop = _mm_or_si128(stop, _mm_or_si128(equal('-'), _mm_or_si128(equal('`'), equal('['))));
     const unsigned spaces = static_cast<unsigned>(_mm_movemask_epi8(equal(' ')));
     // A space followed by a space, and the last one, whose follower is unseen.
     const unsigned mask =
@@ -69,7 +69,7 @@ inline unsigned plainRun(const char* at) {
 
 }  // namespace
 
-bool appendSqlSkeleton(std::string& out, const std::string& statement, SqlDialect dialect) {
+bool writeSqlSkeleton(char* const out, const std::string& statement, SqlDialect dialect, std::size_t& size) {
     if (dialect == SqlDialect::Oracle) {
         return false;  // q'x...x' may end on a digit
     }
@@ -95,10 +95,7 @@ bool appendSqlSkeleton(std::string& out, const std::string& statement, SqlDialec
         at = close + 2;
     }
 
-    const std::size_t base = out.size();
-    out.resize(base + static_cast<std::size_t>(end - at) + 16);  // never longer than the text, and a block's slack
-    char* const start = &out[base];
-    char* o = start;
+    char* o = out;  // never ahead of at, and a block's slack behind the room
     // Cleared for the rest of the statement where what follows may be a
     // comment (blanks: a line comment ends at a line break) or may hold a
     // quote that opens no string.
@@ -165,7 +162,7 @@ bool appendSqlSkeleton(std::string& out, const std::string& statement, SqlDialec
         }
         *o++ = *at++;
     }
-    out.resize(base + static_cast<std::size_t>(o - start));
+    size = static_cast<std::size_t>(o - out);
     return true;
 }
 

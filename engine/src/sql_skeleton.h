@@ -5,16 +5,21 @@
 #ifndef BASEENG_SQL_SKELETON_H
 #define BASEENG_SQL_SKELETON_H
 
+#include <cstddef>
 #include <string>
 
 #include "normalise_sql.h"
 
 namespace baseeng {
 
-// Appends the skeleton of statement to out; false (out as it was) when the
-// statement has a form whose fold reads what would be collapsed: quoted
-// identifiers, which are kept verbatim, and Oracle's quoting.
-bool appendSqlSkeleton(std::string& out, const std::string& statement, SqlDialect dialect);
+// Room the skeleton of a statement of size bytes may take while written.
+inline std::size_t sqlSkeletonRoom(std::size_t size) { return size + 16; }
+
+// Writes the skeleton of statement at out, which has sqlSkeletonRoom bytes,
+// and sets its size; false when the statement has a form whose fold reads
+// what would be collapsed: quoted identifiers, which are kept verbatim, and
+// Oracle's quoting.
+bool writeSqlSkeleton(char* out, const std::string& statement, SqlDialect dialect, std::size_t& size);
 
 }  // namespace baseeng
 
