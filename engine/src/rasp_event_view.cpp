@@ -144,28 +144,38 @@ std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
         bool command = type == kExecute;
         const std::string& text =
             command ? firstFilled(event.action_data, event.appCmd) : firstFilled(event.sql_text, event.action_data);
-        const SqlDialect dialect = command ? SqlDialect::Standard : kDialects[type - kSqlFirst];
-        // A statement is remembered by its skeleton, so that new values fold once.
-        std::string& skeleton = memory.scratch;
-        if (!command && skeleton.size() < sqlSkeletonRoom(text.size())) {
-            skeleton.resize(sqlSkeletonRoom(text.size()));  // only ever grows: no clearing per event
-        }
-        std::size_t skeletonSize = 0;
-        const bool bySkeleton = !command && writeSqlSkeleton(&skeleton[0], text, dialect, skeletonSize);
-        FeatureMemo::Key memoKey = bySkeleton
-                                       ? FeatureMemo::keyOf(skeleton.data(), skeletonSize, type | kSkeletonTag)
-                                       : FeatureMemo::keyOf(text.data(), text.size(),
-                                                            type | (command ? memory.directoriesGeneration() << 8 : 0));
-        if (const std::string* known = memory.memo.find(memoKey)) {
+        // A text seen before, as bound statements and fixed commands are.
+        const FeatureMemo::Key textKey =
+            FeatureMemo::keyOf(text.data(), text.size(), type | (command ? memory.directoriesGeneration() << 8 : 0));
+        if (const std::string* known = memory.memo.find(textKey)) {
             return *known;
         }
         if (command) {
             key.reserve(key.size() + foldedBound(text.size()) + 8);
             appendNormalisedCommand(key, "", 0, text.c_str(), text.size(), &memory.fileDirectories(), &memory.memo);
+            memory.memo.remember(textKey, key);
+            return key;
+        }
+        // Else a statement with new values: remembered by its skeleton, it folds once.
+        const SqlDialect dialect = kDialects[type - kSqlFirst];
+        std::string& skeleton = memory.scratch;
+        if (skeleton.size() < sqlSkeletonRoom(text.size())) {
+            skeleton.resize(sqlSkeletonRoom(text.size()));  // only ever grows: no clearing per event
+        }
+        std::size_t skeletonSize = 0;
+        if (!writeSqlSkeleton(&skeleton[0], text, dialect, skeletonSize)) {
+            appendNormalisedSql(key, text, dialect);
+            memory.memo.remember(textKey, key);
+            return key;
+        }
+        const FeatureMemo::Key skeletonKey = FeatureMemo::keyOf(skeleton.data(), skeletonSize, type | kSkeletonTag);
+        if (const std::string* known = memory.memo.find(skeletonKey)) {
+            key = *known;
         } else {
             appendNormalisedSql(key, text, dialect);  // sizes the key itself
+            memory.memo.remember(skeletonKey, key);
         }
-        memory.memo.remember(memoKey, key);
+        memory.memo.remember(textKey, key);  // kept only if the very text comes again
     }
     return key;
 }

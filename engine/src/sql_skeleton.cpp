@@ -34,10 +34,8 @@ constexpr SkeletonBytes kBytes;
 
 unsigned bitsOf(char c) { return kBytes.of[static_cast<unsigned char>(c)]; }
 
-bool contains(const char* text, std::size_t size, char c) { return std::memchr(text, c, size) != nullptr; }
-
 // Offset of the first byte in at[0, 16) the scan must stop at, or 16. A
-// space stops it only before another blank; at[16] need not be readable.
+// space stops it only before another blank; at[16] must be readable.
 inline unsigned plainRun(const char* at) {
 #if defined(__SSE2__)
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
@@ -52,14 +50,17 @@ inline unsigned plainRun(const char* at) {
     __m128i stop = _mm_or_si128(within('/', '9'), within('"', '\''));
     stop = _mm_or_si128(stop, _mm_cmplt_epi8(bytes, _mm_set1_epi8(' ')));
     stop = _mm_or_si128(stop, _mm_or_si128(equal('-'), _mm_or_si128(equal('`'), equal('['))));
-    const unsigned spaces = static_cast<unsigned>(_mm_movemask_epi8(equal(' ')));
-    // A space followed by a space, and the last one, whose follower is unseen.
-    const unsigned mask =
-        static_cast<unsigned>(_mm_movemask_epi8(stop)) | (spaces & (spaces >> 1)) | (spaces & 0x8000u);
+    // A space followed by a blank: the bytes one further on, at[16] included.
+    const __m128i next = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 1));
+    const __m128i blankNext = _mm_or_si128(
+        _mm_cmpeq_epi8(next, _mm_set1_epi8(' ')),
+        _mm_and_si128(_mm_cmpgt_epi8(next, _mm_set1_epi8('\t' - 1)), _mm_cmplt_epi8(next, _mm_set1_epi8('\r' + 1))));
+    stop = _mm_or_si128(stop, _mm_and_si128(equal(' '), blankNext));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(stop));
     return mask == 0 ? 16u : static_cast<unsigned>(__builtin_ctz(mask));
 #else
     for (unsigned i = 0; i < 16; ++i) {
-        if ((bitsOf(at[i]) & kStopBit) || (at[i] == ' ' && (i == 15 || (bitsOf(at[i + 1]) & kBlankBit)))) {
+        if ((bitsOf(at[i]) & kStopBit) || (at[i] == ' ' && (bitsOf(at[i + 1]) & kBlankBit))) {
             return i;
         }
     }
@@ -103,7 +104,7 @@ bool writeSqlSkeleton(char* const out, const std::string& statement, SqlDialect 
     bool strings = true;
     while (at < end) {
         if (end - at >= 16) {
-            const unsigned plain = plainRun(at);
+            const unsigned plain = plainRun(at);  // at[16] is within the text or its terminator
             std::memcpy(o, at, 16);
             o += plain;
             at += plain;
@@ -140,9 +141,12 @@ bool writeSqlSkeleton(char* const out, const std::string& statement, SqlDialect 
             // A string's end is certain when nothing in it is escaped. A
             // doubled quote makes two strings here and one in the fold: both
             // end at the same quote.
-            const char* close =
-                static_cast<const char*>(std::memchr(at + 1, '\'', static_cast<std::size_t>(end - at - 1)));
-            if (close != nullptr && !contains(at + 1, static_cast<std::size_t>(close - at - 1), '\\')) {
+            // Strings are short: a loop costs less than a call.
+            const char* close = at + 1;
+            while (close < end && *close != '\'' && *close != '\\') {
+                ++close;
+            }
+            if (close < end && *close == '\'') {
                 *o++ = '\'';
                 *o++ = '\'';
                 at = close + 1;
