@@ -19,7 +19,8 @@ struct SkeletonBytes {
     unsigned char of[256] = {};
     constexpr SkeletonBytes() {
         for (int c = '0'; c <= '9'; ++c) of[c] = kDigitBit | kWordBit | kStopBit;
-        for (int c : {' ', '\t', '\n', '\r', '\f', '\v'}) of[c] = kBlankBit | kStopBit;
+        // A space stops the scan only before another blank (plainRun); the other blanks always.
+        for (int c : {' ', '\t', '\n', '\r', '\f', '\v'}) of[c] = kBlankBit | (c == ' ' ? 0 : kStopBit);
         // What continues a word, a parameter or a variable: a digit after one
         // of these belongs to a name, and names are kept.
         for (int c = 'a'; c <= 'z'; ++c) of[c] = kWordBit;
