@@ -159,11 +159,12 @@ std::string raspFeature(const _RASP_EVENTINFO& event, ModelMemory& memory) {
         // Else a statement with new values: remembered by its skeleton, it folds once.
         const SqlDialect dialect = kDialects[type - kSqlFirst];
         std::string& skeleton = memory.scratch;
-        if (skeleton.size() < sqlSkeletonRoom(text.size())) {
+        const bool skeletal = text.size() <= kMaxSkeletonStatementBytes;
+        if (skeletal && skeleton.size() < sqlSkeletonRoom(text.size())) {
             skeleton.resize(sqlSkeletonRoom(text.size()));  // only ever grows: no clearing per event
         }
         std::size_t skeletonSize = 0;
-        if (!writeSqlSkeleton(&skeleton[0], text, dialect, skeletonSize)) {
+        if (!skeletal || !writeSqlSkeleton(&skeleton[0], text, dialect, skeletonSize)) {
             appendNormalisedSql(key, text, dialect);
             memory.memo.remember(textKey, key);
             return key;

@@ -12,6 +12,10 @@
 
 namespace baseeng {
 
+// Longer statements are folded each time, so that the room kept for
+// skeletons stays small.
+const std::size_t kMaxSkeletonStatementBytes = 64 * 1024;
+
 // Room the skeleton of a statement of size bytes may take while written.
 inline std::size_t sqlSkeletonRoom(std::size_t size) { return size + 16; }
 
